@@ -1,0 +1,354 @@
+#include "core/spawn.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <ctime>
+
+extern char** environ;
+
+namespace gu::core {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void close_fd(int& fd) noexcept {
+    if (fd >= 0) {
+        ::close(fd);
+        fd = -1;
+    }
+}
+
+// Keeps pipe ends off descriptors 0 to 2, so that the child's dup2 onto 1 and
+// 2 never overwrites the other pipe when the host runs with stdio closed.
+int above_stdio(int fd) noexcept {
+    if (fd > 2) return fd;
+    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    const int saved = errno;
+    ::close(fd);
+    errno = saved;
+    return moved;
+}
+
+bool make_pipe(int fds[2]) noexcept {
+    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
+    fds[0] = above_stdio(fds[0]);
+    fds[1] = above_stdio(fds[1]);
+    if (fds[0] < 0 || fds[1] < 0) {
+        const int saved = errno;
+        close_fd(fds[0]);
+        close_fd(fds[1]);
+        errno = saved;
+        return false;
+    }
+    return true;
+}
+
+int open_pid_fd(pid_t pid) noexcept {
+#ifdef SYS_pidfd_open
+    const long fd = ::syscall(SYS_pidfd_open, pid, 0);
+    return fd < 0 ? -1 : static_cast<int>(fd);
+#else
+    (void)pid;
+    return -1;
+#endif
+}
+
+void reap(pid_t pid, int& status) noexcept {
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+}
+
+int returncode_of(int status) noexcept {
+    if (WIFSIGNALED(status)) return -WTERMSIG(status);
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    return status;
+}
+
+class SpawnSetup {
+public:
+    SpawnSetup(int out_w, int err_w, int cwd_fd) {
+        ::posix_spawn_file_actions_init(&actions_);
+        ::posix_spawnattr_init(&attr_);
+        sigset_t defaults;
+        sigemptyset(&defaults);
+        sigaddset(&defaults, SIGPIPE);
+        sigaddset(&defaults, SIGXFSZ);
+        error_ = ::posix_spawn_file_actions_adddup2(&actions_, out_w, 1);
+        if (!error_) error_ = ::posix_spawn_file_actions_adddup2(&actions_, err_w, 2);
+#ifdef __APPLE__
+        (void)cwd_fd;
+#else
+        if (!error_) error_ = ::posix_spawn_file_actions_addfchdir_np(&actions_, cwd_fd);
+        if (!error_) error_ = ::posix_spawn_file_actions_addclosefrom_np(&actions_, 3);
+#endif
+        if (!error_) error_ = ::posix_spawnattr_setsigdefault(&attr_, &defaults);
+        short flags = POSIX_SPAWN_SETSIGDEF;
+#ifdef __APPLE__
+        flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;
+#endif
+        if (!error_) error_ = ::posix_spawnattr_setflags(&attr_, flags);
+    }
+    ~SpawnSetup() {
+        ::posix_spawn_file_actions_destroy(&actions_);
+        ::posix_spawnattr_destroy(&attr_);
+    }
+    SpawnSetup(const SpawnSetup&) = delete;
+    SpawnSetup& operator=(const SpawnSetup&) = delete;
+
+    int error() const noexcept { return error_; }
+    int spawn(pid_t* pid, const char* path, char* const* argv) {
+        return ::posix_spawn(pid, path, &actions_, &attr_, argv, environ);
+    }
+
+private:
+    posix_spawn_file_actions_t actions_;
+    posix_spawnattr_t attr_;
+    int error_ = 0;
+};
+
+}  // namespace
+
+Child::Child(Child&& o) noexcept { *this = std::move(o); }
+
+Child& Child::operator=(Child&& o) noexcept {
+    if (this != &o) {
+        close_all();
+        pid_ = std::exchange(o.pid_, -1);
+        out_fd_ = std::exchange(o.out_fd_, -1);
+        err_fd_ = std::exchange(o.err_fd_, -1);
+        pid_fd_ = std::exchange(o.pid_fd_, -1);
+        failure_ = o.failure_;
+        error_ = o.error_;
+    }
+    return *this;
+}
+
+Child::~Child() { close_all(); }
+
+void Child::close_all() noexcept {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        int status = 0;
+        reap(pid_, status);
+        pid_ = -1;
+    }
+    close_fd(out_fd_);
+    close_fd(err_fd_);
+    close_fd(pid_fd_);
+}
+
+Child start(const SpawnSpec& spec) {
+    Child child;
+    auto fail = [&child](StartFailure what, int err) {
+        child.failure_ = what;
+        child.error_ = err;
+        return std::move(child);
+    };
+
+    // The interpreter's spawner changes directory in the child and reports a
+    // refusal against the directory; checking here gives the same errors.
+    int cwd_fd = ::open(spec.cwd.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (cwd_fd < 0) return fail(StartFailure::cwd, errno);
+    if (::faccessat(AT_FDCWD, spec.cwd.c_str(), X_OK, AT_EACCESS) != 0) {
+        const int err = errno;
+        ::close(cwd_fd);
+        return fail(StartFailure::cwd, err);
+    }
+
+    int out[2] = {-1, -1};
+    int err[2] = {-1, -1};
+    if (!make_pipe(out) || !make_pipe(err)) {
+        const int e = errno;
+        ::close(cwd_fd);
+        close_fd(out[0]);
+        close_fd(out[1]);
+        return fail(StartFailure::system, e);
+    }
+
+    std::vector<char*> argv;
+    argv.reserve(spec.argv.size() + 1);
+    for (const std::string& a : spec.argv) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+
+    int first_error = 0;
+    int last_error = ENOENT;
+    pid_t pid = -1;
+    {
+        SpawnSetup setup(out[1], err[1], cwd_fd);
+        if (setup.error()) {
+            first_error = setup.error();
+        } else {
+            for (const std::string& candidate : spec.candidates) {
+                // A candidate that does not exist would fail exec with the same
+                // error; skipping it saves a process start per PATH entry.
+                struct stat st;
+                if (::fstatat(cwd_fd, candidate.c_str(), &st, 0) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+                    last_error = errno;
+                    continue;
+                }
+                const int rc = setup.spawn(&pid, candidate.c_str(), argv.data());
+                if (rc == 0) break;
+                pid = -1;
+                last_error = rc;
+                if (rc != ENOENT && rc != ENOTDIR && first_error == 0) first_error = rc;
+            }
+        }
+    }
+    ::close(cwd_fd);
+    close_fd(out[1]);
+    close_fd(err[1]);
+    if (pid < 0) {
+        close_fd(out[0]);
+        close_fd(err[0]);
+        return fail(StartFailure::program, first_error ? first_error : last_error);
+    }
+    child.pid_ = pid;
+    child.out_fd_ = out[0];
+    child.err_fd_ = err[0];
+    child.pid_fd_ = open_pid_fd(pid);
+    return child;
+}
+
+struct Waiter {
+    Child& child;
+    Interrupt interrupt;
+    bool has_deadline;
+    Clock::time_point deadline;
+
+    // Milliseconds left for poll: -1 for no limit, 0 when the time is up.
+    int poll_ms() const {
+        if (!has_deadline) return -1;
+        const auto left = deadline - Clock::now();
+        if (left <= Clock::duration::zero()) return 0;
+        const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+        return ms > 1000000 ? 1000000 : static_cast<int>(ms);
+    }
+    bool expired() const { return has_deadline && Clock::now() >= deadline; }
+
+    Finished stop(Outcome outcome) {
+        Finished f;
+        f.outcome = outcome;
+        child.close_all();  // kills and reaps
+        return f;
+    }
+
+    static void drain_one(int& fd, ByteBuffer& into) {
+        // Larger reads as the output grows keep the number of calls low.
+        std::size_t chunk = into.size() / 4;
+        if (chunk < 65536) chunk = 65536;
+        if (chunk > (1u << 22)) chunk = 1u << 22;
+        char* tail = into.reserve_tail(chunk);
+        const ssize_t n = ::read(fd, tail, into.tail_room());
+        if (n > 0) {
+            into.commit(static_cast<std::size_t>(n));
+        } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+            close_fd(fd);
+        }
+    }
+
+    Finished run() {
+        Finished result;
+        bool exited = false;
+        while (child.out_fd_ >= 0 || child.err_fd_ >= 0 || !exited) {
+            pollfd fds[3];
+            ByteBuffer* sinks[3] = {};
+            int* owners[3] = {};
+            nfds_t n = 0;
+            if (child.out_fd_ >= 0) {
+                fds[n] = {child.out_fd_, POLLIN, 0};
+                sinks[n] = &result.out;
+                owners[n++] = &child.out_fd_;
+            }
+            if (child.err_fd_ >= 0) {
+                fds[n] = {child.err_fd_, POLLIN, 0};
+                sinks[n] = &result.err;
+                owners[n++] = &child.err_fd_;
+            }
+            const bool pipes_open = n > 0;
+            if (!pipes_open) {
+                // Both pipes are closed; only the exit is left to wait for.
+                if (!has_deadline || child.pid_fd_ < 0) break;
+                fds[n++] = {child.pid_fd_, POLLIN, 0};
+            }
+            const int ready = ::poll(fds, n, poll_ms());
+            if (ready < 0) {
+                if (errno == EINTR) {
+                    if (interrupt.check && interrupt.check(interrupt.context)) return stop(Outcome::interrupted);
+                    continue;
+                }
+                return stop(Outcome::interrupted);
+            }
+            if (ready == 0) {
+                if (expired()) return stop(Outcome::timed_out);
+                continue;
+            }
+            for (nfds_t i = 0; i < n; ++i) {
+                if (fds[i].revents == 0) continue;
+                if (sinks[i] == nullptr) {
+                    exited = true;
+                } else {
+                    drain_one(*owners[i], *sinks[i]);
+                }
+            }
+            if (!pipes_open && !exited) continue;
+            if (child.out_fd_ < 0 && child.err_fd_ < 0) break;
+        }
+        const Outcome reaped = reap_in_time();
+        if (reaped != Outcome::exited) return stop(reaped);
+        return result;
+    }
+
+    // Reaps the child after its pipes closed.
+    Outcome reap_in_time() {
+        int status = 0;
+        if (!has_deadline) {
+            for (;;) {
+                if (::waitpid(child.pid_, &status, 0) >= 0) break;
+                if (errno != EINTR) break;
+                if (interrupt.check && interrupt.check(interrupt.context)) return Outcome::interrupted;
+            }
+        } else {
+            // Without a process descriptor, poll for the exit with growing
+            // pauses, as the interpreter's own wait with a time-out does.
+            long pause_ns = 500000;
+            for (;;) {
+                const pid_t r = ::waitpid(child.pid_, &status, WNOHANG);
+                if (r == child.pid_ || (r < 0 && errno != EINTR)) break;
+                if (expired()) return Outcome::timed_out;
+                timespec pause{0, pause_ns};
+                if (::nanosleep(&pause, nullptr) != 0 && errno == EINTR && interrupt.check &&
+                    interrupt.check(interrupt.context))
+                    return Outcome::interrupted;
+                if (pause_ns < 50000000) pause_ns *= 2;
+            }
+        }
+        last_status = status;
+        child.pid_ = -1;
+        close_fd(child.pid_fd_);
+        return Outcome::exited;
+    }
+
+    int last_status = 0;
+};
+
+Finished finish(Child& child, double timeout_seconds, Interrupt interrupt) {
+    Waiter w{child, interrupt, timeout_seconds > 0 && std::isfinite(timeout_seconds), {}};
+    if (w.has_deadline)
+        w.deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(timeout_seconds));
+    Finished f = w.run();
+    if (f.outcome == Outcome::exited) f.returncode = returncode_of(w.last_status);
+    return f;
+}
+
+}  // namespace gu::core

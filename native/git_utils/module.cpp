@@ -1,0 +1,206 @@
+// The module as the host imports it: multi-phase initialisation with module
+// state, and the registration of its namespace, one table entry per name in
+// the order loading binds them.
+#include <Python.h>
+
+#include <variant>
+
+#include "git_utils/function.hpp"
+#include "git_utils/names.hpp"
+#include "git_utils/records.hpp"
+#include "git_utils/ref.hpp"
+#include "git_utils/runner.hpp"
+#include "git_utils/state.hpp"
+
+namespace gu {
+namespace {
+
+const char* const kModuleDoc =
+    "Git utilities for parsing git log, diff and related commands.\n"
+    "\n"
+    "Every question about a repository's history is answered by running the git\n"
+    "command-line program as a child process, with time-out handling and error\n"
+    "recovery, and parsing what it prints.\n"
+    "\n"
+    "Main features:\n"
+    "- time-spec parsing (7d, 24h, 30m, 2w, or an ISO date) into local moments;\n"
+    "- diffs and commit logs parsed into file changes (FileChange, CommitChanges)\n"
+    "  and changed line spans (LineSpan);\n"
+    "- default-branch detection (main or master);\n"
+    "- author contribution statistics.\n"
+    "\n"
+    "Platform notes: on Windows the console window of git is hidden with a\n"
+    "STARTUPINFO using SW_HIDE; git commands run with a default time-out of 30\n"
+    "seconds.";
+
+struct Import {
+    const char* module;
+    const char* attribute;  // null: the module itself
+};
+struct Logger {};
+struct Constant {
+    const char* expression;  // Python source, evaluated in the namespace
+};
+struct ErrorClass {};
+struct Records {};  // the three record classes, in order
+struct Function {
+    const FunctionDef* def;
+};
+
+struct Entry {
+    Name name;
+    std::variant<Import, Logger, Constant, ErrorClass, Records, Function> what;
+};
+
+const Entry kNamespace[] = {
+    {Name::logging, Import{"logging", nullptr}},
+    {Name::re, Import{"re", nullptr}},
+    {Name::subprocess, Import{"subprocess", nullptr}},
+    {Name::Sequence, Import{"collections.abc", "Sequence"}},
+    {Name::dataclass, Import{"dataclasses", "dataclass"}},
+    {Name::datetime, Import{"datetime", "datetime"}},
+    {Name::timedelta, Import{"datetime", "timedelta"}},
+    {Name::Path, Import{"pathlib", "Path"}},
+    {Name::Any, Import{"typing", "Any"}},
+    {Name::get_subprocess_hidden_kwargs, Import{"morvane_tessary.utils.process", "get_subprocess_hidden_kwargs"}},
+    {Name::logger, Logger{}},
+    {Name::TIME_SPEC_FORMS,
+     Constant{"'a positive whole number followed by m (minutes), h (hours), d (days) or w (weeks), "
+              "such as 7d or 24h, or an ISO date such as 2026-09-01'"}},
+    {Name::_RELATIVE_SPEC, Constant{R"py(re.compile(r"(\d+)([mhdw])"))py"}},
+    {Name::_SPEC_UNITS, Constant{R"py({"m": "minutes", "h": "hours", "d": "days", "w": "weeks"})py"}},
+    {Name::_STATUS_BY_LETTER,
+     Constant{R"py({"A": "added", "C": "copied", "D": "deleted", "M": "modified", "R": "renamed", "T": "modified"})py"}},
+    {Name::_TWO_PATH_LETTERS, Constant{R"py(frozenset({"R", "C"}))py"}},
+    {Name::_COMMIT_START, Constant{R"py("\x1e")py"}},
+    {Name::_PATCH_OPTIONS,
+     Constant{R"py(("--no-color", "--no-ext-diff", "--no-textconv", "--no-prefix", "-M", "-U0"))py"}},
+    {Name::_HUNK_HEADER, Constant{R"py(re.compile(r"@@ -\d+(?:,(\d+))? \+(\d+)(?:,(\d+))? @@"))py"}},
+    {Name::_C_ESCAPE, Constant{R"py(re.compile(r"\\([0-7]{3}|.)", re.DOTALL))py"}},
+    {Name::_C_ESCAPES,
+     Constant{R"py({"a": "\a", "b": "\b", "f": "\f", "n": "\n", "r": "\r", "t": "\t", "v": "\v"})py"}},
+    {Name::GitError, ErrorClass{}},
+    {Name::FileChange, Records{}},
+    {Name::run_git_command, Function{&kRunGitCommand}},
+    {Name::_MAX_PATHSPEC_CHARS, Constant{"16000"}},
+    {Name::_git_output, Function{&kGitOutput}},
+};
+
+int bind(PyObject* module, Name name, Ref value) {
+    ModuleState* st = state_of(module);
+    if (!value || PyModule_AddObjectRef(module, kNameText[index(name)], value.get()) < 0) return -1;
+    Py_XSETREF(st->originals[index(name)], value.release());
+    return 0;
+}
+
+Ref import(const Import& what) {
+    if (what.attribute == nullptr) return Ref::steal(PyImport_ImportModule(what.module));
+    Ref fromlist = Ref::steal(Py_BuildValue("(s)", what.attribute));
+    if (!fromlist) return Ref();
+    Ref module = Ref::steal(PyImport_ImportModuleLevel(what.module, nullptr, nullptr, fromlist.get(), 0));
+    if (!module) return Ref();
+    Ref value = Ref::steal(PyObject_GetAttrString(module.get(), what.attribute));
+    if (!value && PyErr_ExceptionMatches(PyExc_AttributeError)) {
+        PyErr_Clear();
+        PyErr_Format(PyExc_ImportError, "cannot import name '%s' from '%s'", what.attribute, what.module);
+    }
+    return value;
+}
+
+Ref evaluate(PyObject* module, const char* expression) {
+    Ref globals = Ref::steal(PyDict_Copy(PyModule_GetDict(module)));
+    if (!globals || PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) < 0) return Ref();
+    return Ref::steal(PyRun_String(expression, Py_eval_input, globals.get(), globals.get()));
+}
+
+Ref make_logger(PyObject* module) {
+    Ref logging = lookup(module, Name::logging);
+    if (!logging) return Ref();
+    return Ref::steal(PyObject_CallMethod(logging.get(), "getLogger", "O", state_of(module)->module_name));
+}
+
+Ref make_error_class(PyObject* module) {
+    Ref qualified = Ref::steal(PyUnicode_FromFormat("%U.GitError", state_of(module)->module_name));
+    if (!qualified) return Ref();
+    return Ref::steal(
+        PyErr_NewExceptionWithDoc(PyUnicode_AsUTF8(qualified.get()), kGitErrorDoc, PyExc_RuntimeError, nullptr));
+}
+
+int add_entry(PyObject* module, const Entry& entry) {
+    if (auto* i = std::get_if<Import>(&entry.what)) return bind(module, entry.name, import(*i));
+    if (std::holds_alternative<Logger>(entry.what)) return bind(module, entry.name, make_logger(module));
+    if (auto* c = std::get_if<Constant>(&entry.what)) return bind(module, entry.name, evaluate(module, c->expression));
+    if (std::holds_alternative<ErrorClass>(entry.what)) return bind(module, entry.name, make_error_class(module));
+    if (std::holds_alternative<Records>(entry.what)) return add_record_classes(module);
+    return bind(module, entry.name, make_function(module, *std::get<Function>(entry.what).def));
+}
+
+int init_state(PyObject* module) {
+    ModuleState* st = state_of(module);
+    st->module_name = PyModule_GetNameObject(module);
+    if (st->module_name == nullptr) return -1;
+    for (std::size_t i = 0; i < kNameCount; ++i) {
+        st->names[i] = PyUnicode_InternFromString(kNameText[i]);
+        if (st->names[i] == nullptr) return -1;
+    }
+    st->str_run = PyUnicode_InternFromString("run");
+    st->str_strip = PyUnicode_InternFromString("strip");
+    st->str_debug = PyUnicode_InternFromString("debug");
+    st->str_warning = PyUnicode_InternFromString("warning");
+    if (!st->str_run || !st->str_strip || !st->str_debug || !st->str_warning) return -1;
+    Ref type = create_function_type(module);
+    if (!type) return -1;
+    st->function_type = type.release();
+    Ref os = Ref::steal(PyImport_ImportModule("os"));
+    if (!os) return -1;
+    st->os_get_exec_path = PyObject_GetAttrString(os.get(), "get_exec_path");
+    return st->os_get_exec_path ? 0 : -1;
+}
+
+int exec_module(PyObject* module) {
+    if (init_state(module) < 0) return -1;
+    ModuleState* st = state_of(module);
+    for (const Entry& entry : kNamespace) {
+        if (add_entry(module, entry) < 0) return -1;
+        if (entry.name == Name::subprocess) {
+            st->subprocess_run = PyObject_GetAttr(st->originals[index(Name::subprocess)], st->str_run);
+            if (st->subprocess_run == nullptr) return -1;
+        }
+    }
+    return 0;
+}
+
+int module_traverse(PyObject* module, visitproc visit, void* arg) {
+    ModuleState* st = state_of(module);
+    return st ? traverse_state(st, visit, arg) : 0;
+}
+
+int module_clear(PyObject* module) {
+    ModuleState* st = state_of(module);
+    if (st) clear_state(st);
+    return 0;
+}
+
+void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
+
+PyModuleDef_Slot module_slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
+    {0, nullptr},
+};
+
+PyModuleDef module_def = {
+    PyModuleDef_HEAD_INIT,
+    "git_utils",
+    kModuleDoc,
+    sizeof(ModuleState),
+    nullptr,
+    module_slots,
+    module_traverse,
+    module_clear,
+    module_free,
+};
+
+}  // namespace
+}  // namespace gu
+
+PyMODINIT_FUNC PyInit_git_utils() { return PyModuleDef_Init(&gu::module_def); }

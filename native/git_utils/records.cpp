@@ -1,0 +1,139 @@
+#include "git_utils/records.hpp"
+
+#include <array>
+
+namespace gu {
+namespace {
+
+struct Field {
+    const char* name;
+    const char* annotation;  // Python expression, evaluated in the namespace
+    bool defaults_to_none;
+};
+
+struct RecordSpec {
+    Record kind;
+    Name name;
+    const char* doc;
+    std::array<Field, 5> fields;
+    std::size_t field_count;
+};
+
+const RecordSpec kRecords[] = {
+    {Record::file_change,
+     Name::FileChange,
+     "One file of a diff.\n\n"
+     "path is the file's path on the newer side, relative to the repository root;\n"
+     "status is one of \"added\", \"modified\", \"deleted\", \"renamed\", \"copied\";\n"
+     "additions and deletions count its added and deleted lines (0 for a binary\n"
+     "file); old_path is the older side's path of a rename or copy, else None.",
+     {{{"path", "str", false},
+       {"status", "str", false},
+       {"additions", "int", false},
+       {"deletions", "int", false},
+       {"old_path", "str | None", true}}},
+     5},
+    {Record::commit_changes,
+     Name::CommitChanges,
+     "One commit of a log: its committer time in seconds since the epoch and\n"
+     "the files it changed, in git's order (empty for a merge commit).",
+     {{{"timestamp", "int", false}, {"files", "tuple[FileChange, ...]", false}}},
+     2},
+    {Record::line_span,
+     Name::LineSpan,
+     "Lines start to end (1-based, inclusive) of a file's newer side that a\n"
+     "diff touched; added is True when the span holds new lines only, none of\n"
+     "them replacing an old line.",
+     {{{"start", "int", false}, {"end", "int", false}, {"added", "bool", false}}},
+     3},
+};
+
+Ref eval_in(PyObject* module, const char* expression) {
+    Ref globals = Ref::steal(PyDict_Copy(PyModule_GetDict(module)));
+    if (!globals || PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) < 0) return Ref();
+    return Ref::steal(PyRun_String(expression, Py_eval_input, globals.get(), globals.get()));
+}
+
+// type(name, (), namespace), then dataclass(frozen=True).
+Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
+    ModuleState* st = state_of(module);
+    PyObject* name = st->names[index(spec.name)];
+    Ref ns = Ref::steal(PyDict_New());
+    Ref annotations = Ref::steal(PyDict_New());
+    Ref fields = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(spec.field_count)));
+    if (!ns || !annotations || !fields) return Ref();
+    if (PyDict_SetItemString(ns.get(), "__module__", st->module_name) < 0 ||
+        PyDict_SetItemString(ns.get(), "__qualname__", name) < 0)
+        return Ref();
+    Ref doc = Ref::steal(PyUnicode_FromString(spec.doc));
+    if (!doc || PyDict_SetItemString(ns.get(), "__doc__", doc.get()) < 0) return Ref();
+    for (std::size_t i = 0; i < spec.field_count; ++i) {
+        const Field& field = spec.fields[i];
+        PyObject* field_name = PyUnicode_InternFromString(field.name);
+        if (field_name == nullptr) return Ref();
+        PyTuple_SET_ITEM(fields.get(), static_cast<Py_ssize_t>(i), field_name);
+        Ref ann = eval_in(module, field.annotation);
+        if (!ann || PyDict_SetItem(annotations.get(), field_name, ann.get()) < 0) return Ref();
+        if (field.defaults_to_none && PyDict_SetItem(ns.get(), field_name, Py_None) < 0) return Ref();
+    }
+    if (PyDict_SetItemString(ns.get(), "__annotations__", annotations.get()) < 0) return Ref();
+    Ref bases = Ref::steal(PyTuple_New(0));
+    if (!bases) return Ref();
+    Ref cls = Ref::steal(PyObject_CallFunctionObjArgs(reinterpret_cast<PyObject*>(&PyType_Type), name, bases.get(),
+                                                      ns.get(), nullptr));
+    if (!cls) return Ref();
+    Ref kwargs = Ref::steal(Py_BuildValue("{s:O}", "frozen", Py_True));
+    Ref empty = Ref::steal(PyTuple_New(0));
+    if (!kwargs || !empty) return Ref();
+    Ref decorator = Ref::steal(PyObject_Call(dataclass, empty.get(), kwargs.get()));
+    if (!decorator) return Ref();
+    Ref result = Ref::steal(PyObject_CallOneArg(decorator.get(), cls.get()));
+    if (!result) return Ref();
+    st->record_fields[static_cast<int>(spec.kind)] = fields.release();
+    return result;
+}
+
+}  // namespace
+
+int add_record_classes(PyObject* module) {
+    ModuleState* st = state_of(module);
+    PyObject* dict = PyModule_GetDict(module);
+    // dataclass runs generated code with the namespace as its globals, which
+    // leaves __builtins__ behind; the module's namespace does not carry it.
+    const bool had_builtins = PyDict_GetItemString(dict, "__builtins__") != nullptr;
+    Ref dataclass = lookup(module, Name::dataclass);
+    if (!dataclass) return -1;
+    for (const RecordSpec& spec : kRecords) {
+        Ref cls = build_class(module, spec, dataclass.get());
+        if (!cls || PyDict_SetItem(dict, st->names[index(spec.name)], cls.get()) < 0) return -1;
+        st->originals[index(spec.name)] = cls.release();
+    }
+    if (!had_builtins && PyDict_GetItemString(dict, "__builtins__") && PyDict_DelItemString(dict, "__builtins__") < 0)
+        return -1;
+    return 0;
+}
+
+Ref make_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
+    const int k = static_cast<int>(kind);
+    PyObject* fields = st->record_fields[k];
+    const Py_ssize_t n = PyTuple_GET_SIZE(fields);
+    if (cls == st->originals[index(kRecords[k].name)]) {
+        // object.__new__(cls), as the generated __init__ is preceded by.
+        Ref empty = Ref::steal(PyTuple_New(0));
+        if (!empty) return Ref();
+        Ref obj = Ref::steal(PyBaseObject_Type.tp_new(reinterpret_cast<PyTypeObject*>(cls), empty.get(), nullptr));
+        if (!obj) return Ref();
+        for (Py_ssize_t i = 0; i < n; ++i)
+            if (PyObject_GenericSetAttr(obj.get(), PyTuple_GET_ITEM(fields, i), values[i]) < 0) return Ref();
+        return obj;
+    }
+    if (kind == Record::file_change) {
+        PyObject* call_args[] = {values[0], values[1], values[2], values[3], values[4]};
+        Ref kwnames = Ref::steal(PyTuple_Pack(1, PyTuple_GET_ITEM(fields, 4)));
+        if (!kwnames) return Ref();
+        return Ref::steal(PyObject_Vectorcall(cls, call_args, 4, kwnames.get()));
+    }
+    return Ref::steal(PyObject_Vectorcall(cls, values, static_cast<size_t>(n), nullptr));
+}
+
+}  // namespace gu

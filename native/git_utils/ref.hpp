@@ -1,0 +1,53 @@
+// The one owning handle for PyObject*: every strong reference the binding
+// layer holds lives in a Ref, so every path, error paths included, releases
+// what it owns.
+#pragma once
+
+#include <Python.h>
+
+#include <utility>
+
+namespace gu {
+
+class Ref {
+public:
+    Ref() noexcept = default;
+    Ref(const Ref&) = delete;
+    Ref& operator=(const Ref&) = delete;
+    Ref(Ref&& other) noexcept : p_(other.p_) { other.p_ = nullptr; }
+    Ref& operator=(Ref&& other) noexcept {
+        if (this != &other) {
+            PyObject* old = p_;
+            p_ = other.p_;
+            other.p_ = nullptr;
+            Py_XDECREF(old);
+        }
+        return *this;
+    }
+    ~Ref() { Py_XDECREF(p_); }
+
+    // Takes over a new reference (the result of most API calls; may be null).
+    static Ref steal(PyObject* p) noexcept { return Ref(p); }
+    // Adds a reference to a borrowed pointer (may be null).
+    static Ref borrow(PyObject* p) noexcept {
+        Py_XINCREF(p);
+        return Ref(p);
+    }
+
+    PyObject* get() const noexcept { return p_; }
+    explicit operator bool() const noexcept { return p_ != nullptr; }
+    // Gives the reference away (to a "steals" API or as a function result).
+    PyObject* release() noexcept { return std::exchange(p_, nullptr); }
+    // A new reference for the caller, keeping ours.
+    PyObject* newref() const noexcept {
+        Py_XINCREF(p_);
+        return p_;
+    }
+    void reset() noexcept { Py_CLEAR(p_); }
+
+private:
+    explicit Ref(PyObject* p) noexcept : p_(p) {}
+    PyObject* p_ = nullptr;
+};
+
+}  // namespace gu

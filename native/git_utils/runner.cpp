@@ -1,0 +1,437 @@
+#include "git_utils/runner.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "core/line_ends.hpp"
+#include "git_utils/state.hpp"
+
+#ifndef _WIN32
+#include "core/spawn.hpp"
+#endif
+
+namespace gu {
+
+const char* const kGitErrorDoc = "A git command failed; the message carries what git said.";
+
+namespace {
+
+// Seconds the native wait uses; larger limits go to subprocess.run, whose
+// own handling of them (and of odd values) is the reference.
+constexpr double kMaxNativeTimeout = 1e6;
+
+Ref text(const char* s) { return Ref::steal(PyUnicode_FromString(s)); }
+
+Ref git_triple(PyObject* out, PyObject* err, PyObject* code) { return Ref::steal(PyTuple_Pack(3, out, err, code)); }
+
+// ("", message, 1): what a time-out or a missing git gives.
+PyObject* substitute(const char* message) {
+    Ref empty = text("");
+    Ref msg = text(message);
+    Ref one = Ref::steal(PyLong_FromLong(1));
+    if (!empty || !msg || !one) return nullptr;
+    return git_triple(empty.get(), msg.get(), one.get()).release();
+}
+
+// logger.<level>(format, *values) through the namespace's logger.
+int log(PyObject* module, PyObject* level, const char* format, PyObject* a, PyObject* b = nullptr,
+        PyObject* c = nullptr) {
+    Ref logger = lookup(module, Name::logger);
+    Ref fmt = text(format);
+    if (!logger || !fmt) return -1;
+    Ref r = Ref::steal(PyObject_CallMethodObjArgs(logger.get(), level, fmt.get(), a, b, c, nullptr));
+    return r ? 0 : -1;
+}
+
+PyObject* timed_out(PyObject* module, PyObject* args, PyObject* timeout) {
+    if (log(module, state_of(module)->str_warning, "git command timed out after %ss: args=%s", timeout, args) < 0)
+        return nullptr;
+    return substitute("Command timed out");
+}
+
+PyObject* not_found(PyObject* module, PyObject* args) {
+    if (log(module, state_of(module)->str_warning, "git executable not found while running args=%s", args) < 0)
+        return nullptr;
+    return substitute("git not found");
+}
+
+// The debug line of a git that exited with a non-zero code.
+int log_failure(PyObject* module, PyObject* args, PyObject* code, PyObject* err) {
+    Ref stripped = Ref::steal(PyObject_CallMethodNoArgs(err, state_of(module)->str_strip));
+    if (!stripped) return -1;
+    return log(module, state_of(module)->str_debug, "git command failed: args=%s rc=%s stderr=%s", args, code,
+               stripped.get());
+}
+
+// What the interpreter names a callable in its call errors: "subprocess.run()".
+Ref function_str(PyObject* f) {
+    Ref qualname = Ref::steal(PyObject_GetAttrString(f, "__qualname__"));
+    if (!qualname) {
+        PyErr_Clear();
+        return Ref::steal(PyObject_Str(f));
+    }
+    Ref module = Ref::steal(PyObject_GetAttrString(f, "__module__"));
+    if (!module) PyErr_Clear();
+    if (module && !(PyUnicode_Check(module.get()) && PyUnicode_CompareWithASCIIString(module.get(), "builtins") == 0))
+        return Ref::steal(PyUnicode_FromFormat("%S.%S()", module.get(), qualname.get()));
+    return Ref::steal(PyUnicode_FromFormat("%S()", qualname.get()));
+}
+
+// kwargs.update(**options) with the errors of a call's ** unpacking.
+int merge_options(PyObject* callee, PyObject* kwargs, PyObject* options) {
+    Ref keys;
+    if (PyDict_Check(options)) {
+        keys = Ref::steal(PyDict_Keys(options));
+    } else {
+        keys = Ref::steal(PyObject_CallMethod(options, "keys", nullptr));
+        if (!keys && PyErr_ExceptionMatches(PyExc_AttributeError)) {
+            PyErr_Clear();
+            Ref name = function_str(callee);
+            if (name)
+                PyErr_Format(PyExc_TypeError, "%U argument after ** must be a mapping, not %.200s", name.get(),
+                             Py_TYPE(options)->tp_name);
+            return -1;
+        }
+    }
+    if (!keys) return -1;
+    Ref iter = Ref::steal(PyObject_GetIter(keys.get()));
+    if (!iter) return -1;
+    while (Ref key = Ref::steal(PyIter_Next(iter.get()))) {
+        const int present = PyDict_Contains(kwargs, key.get());
+        if (present < 0) return -1;
+        if (present) {
+            Ref name = function_str(callee);
+            if (!name) return -1;
+            if (PyUnicode_Check(key.get()))
+                PyErr_Format(PyExc_TypeError, "%U got multiple values for keyword argument '%S'", name.get(),
+                             key.get());
+            else
+                PyErr_Format(PyExc_TypeError, "%U keywords must be strings", name.get());
+            return -1;
+        }
+        Ref value = Ref::steal(PyObject_GetItem(options, key.get()));
+        if (!value || PyDict_SetItem(kwargs, key.get(), value.get()) < 0) return -1;
+    }
+    return PyErr_Occurred() ? -1 : 0;
+}
+
+// subprocess.run(argv, cwd=cwd, capture_output=True, encoding="utf-8",
+// errors="replace", timeout=timeout, **options), and what the runner makes
+// of its result or of a time-out or missing git.
+PyObject* run_through_subprocess(PyObject* module, PyObject* subprocess, PyObject* run, PyObject* argv,
+                                 PyObject* cwd, PyObject* timeout, PyObject* options, PyObject* args) {
+    Ref kwargs = Ref::steal(Py_BuildValue("{s:O,s:O,s:s,s:s,s:O}", "cwd", cwd, "capture_output", Py_True, "encoding",
+                                          "utf-8", "errors", "replace", "timeout", timeout));
+    if (!kwargs || merge_options(run, kwargs.get(), options) < 0) return nullptr;
+    Ref call_args = Ref::steal(PyTuple_Pack(1, argv));
+    if (!call_args) return nullptr;
+    Ref result = Ref::steal(PyObject_Call(run, call_args.get(), kwargs.get()));
+    if (!result) {
+        Ref expired = Ref::steal(PyObject_GetAttrString(subprocess, "TimeoutExpired"));
+        if (!expired) return nullptr;  // replaces the pending error, as a failed except clause does
+        if (PyErr_ExceptionMatches(expired.get())) {
+            PyErr_Clear();
+            return timed_out(module, args, timeout);
+        }
+        if (PyErr_ExceptionMatches(PyExc_FileNotFoundError)) {
+            PyErr_Clear();
+            return not_found(module, args);
+        }
+        return nullptr;
+    }
+    Ref code = Ref::steal(PyObject_GetAttrString(result.get(), "returncode"));
+    Ref out = Ref::steal(PyObject_GetAttrString(result.get(), "stdout"));
+    Ref err = Ref::steal(PyObject_GetAttrString(result.get(), "stderr"));
+    if (!code || !out || !err) return nullptr;
+    Ref zero = Ref::steal(PyLong_FromLong(0));
+    if (!zero) return nullptr;
+    const int failed = PyObject_RichCompareBool(code.get(), zero.get(), Py_NE);
+    if (failed < 0 || (failed && log_failure(module, args, code.get(), err.get()) < 0)) return nullptr;
+    return git_triple(out.get(), err.get(), code.get()).release();
+}
+
+#ifndef _WIN32
+
+// os.fsencode(text) into `out`; false (no error set) when the text can't be
+// encoded or holds a NUL: subprocess.run then raises the interpreter's error.
+bool fs_bytes(PyObject* text_obj, std::string& out) {
+    if (!PyUnicode_CheckExact(text_obj)) return false;
+    Ref b = Ref::steal(PyUnicode_EncodeFSDefault(text_obj));
+    if (!b) {
+        PyErr_Clear();
+        return false;
+    }
+    const char* data = PyBytes_AS_STRING(b.get());
+    const Py_ssize_t size = PyBytes_GET_SIZE(b.get());
+    if (std::memchr(data, '\0', static_cast<std::size_t>(size)) != nullptr) return false;
+    out.assign(data, static_cast<std::size_t>(size));
+    return true;
+}
+
+bool plain_timeout(PyObject* timeout, double& seconds) {
+    if (PyLong_CheckExact(timeout)) {
+        int overflow = 0;
+        const long long v = PyLong_AsLongLongAndOverflow(timeout, &overflow);
+        if (overflow || v <= 0 || static_cast<double>(v) > kMaxNativeTimeout) return false;
+        seconds = static_cast<double>(v);
+        return true;
+    }
+    if (PyFloat_CheckExact(timeout)) {
+        const double v = PyFloat_AS_DOUBLE(timeout);
+        if (!(v > 0 && v <= kMaxNativeTimeout)) return false;
+        seconds = v;
+        return true;
+    }
+    return false;
+}
+
+// The argument vector, working directory and PATH candidates as bytes.
+// Returns 1 when ready, 0 when some input is not plain (the subprocess.run
+// path then gives the interpreter's own behaviour), -1 on error.
+int prepare(const ModuleState* st, PyObject* argv, PyObject* cwd, core::SpawnSpec& spec) {
+    const Py_ssize_t n = PyList_GET_SIZE(argv);
+    spec.argv.resize(static_cast<std::size_t>(n));
+    for (Py_ssize_t i = 0; i < n; ++i)
+        if (!fs_bytes(PyList_GET_ITEM(argv, i), spec.argv[static_cast<std::size_t>(i)])) return 0;
+    if (!fs_bytes(cwd, spec.cwd)) return 0;
+    Ref dirs = Ref::steal(PyObject_CallNoArgs(st->os_get_exec_path));
+    if (!dirs) return -1;
+    Ref iter = Ref::steal(PyObject_GetIter(dirs.get()));
+    if (!iter) return -1;
+    const std::string& program = spec.argv[0];
+    while (Ref dir = Ref::steal(PyIter_Next(iter.get()))) {
+        std::string path;
+        if (!fs_bytes(dir.get(), path)) return 0;
+        // os.path.join(dir, program)
+        if (!path.empty() && path.back() != '/') path += '/';
+        spec.candidates.push_back(path + program);
+    }
+    return PyErr_Occurred() ? -1 : 1;
+}
+
+struct WaitContext {
+    PyThreadState* saved;
+};
+
+// A signal interrupted the wait: run the interpreter's handlers; a handler
+// that raised (Ctrl-C) stops the wait, and the exception propagates.
+bool check_signals(void* context) {
+    auto* c = static_cast<WaitContext*>(context);
+    PyEval_RestoreThread(c->saved);
+    const bool raised = PyErr_CheckSignals() < 0;
+    c->saved = PyEval_SaveThread();
+    return raised;
+}
+
+Ref decode(core::ByteBuffer& bytes) {
+    const std::size_t size = core::normalize_line_ends(bytes.data(), bytes.size());
+    Ref s = Ref::steal(PyUnicode_DecodeUTF8(bytes.data() ? bytes.data() : "", static_cast<Py_ssize_t>(size), "replace"));
+    bytes.clear();
+    return s;
+}
+
+PyObject* raise_errno(int err, PyObject* filename) {
+    errno = err;
+    return filename ? PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, filename) : PyErr_SetFromErrno(PyExc_OSError);
+}
+
+// Spawns git natively with the interpreter's lock released: the same
+// triple, exceptions and log lines as the subprocess.run path.
+PyObject* run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObject* argv, PyObject* cwd,
+                       PyObject* timeout, PyObject* args) {
+    if (PySys_Audit("subprocess.Popen", "OOOO", PyList_GET_ITEM(argv, 0), argv, cwd, Py_None) < 0) return nullptr;
+    core::Child child;
+    core::Finished done;
+    bool out_of_memory = false;
+    WaitContext wait{PyEval_SaveThread()};
+    try {
+        child = core::start(spec);
+        if (child.failure() == core::StartFailure::none)
+            done = core::finish(child, seconds, core::Interrupt{check_signals, &wait});
+    } catch (const std::bad_alloc&) {
+        out_of_memory = true;
+        child = core::Child();  // kills and reaps a started child
+    }
+    PyEval_RestoreThread(wait.saved);
+    if (out_of_memory) return PyErr_NoMemory();
+
+    switch (child.failure()) {
+        case core::StartFailure::none:
+            break;
+        case core::StartFailure::cwd:
+            if (child.error() == ENOENT) return not_found(module, args);
+            return raise_errno(child.error(), cwd);
+        case core::StartFailure::program:
+            if (child.error() == ENOENT) return not_found(module, args);
+            return raise_errno(child.error(), PyList_GET_ITEM(argv, 0));
+        case core::StartFailure::system:
+            return raise_errno(child.error(), nullptr);
+    }
+    switch (done.outcome) {
+        case core::Outcome::exited:
+            break;
+        case core::Outcome::timed_out:
+            return timed_out(module, args, timeout);
+        case core::Outcome::interrupted:
+            if (!PyErr_Occurred()) PyErr_SetString(PyExc_OSError, "waiting for git failed");
+            return nullptr;
+    }
+    Ref out = decode(done.out);
+    if (!out) return nullptr;
+    Ref err = decode(done.err);
+    Ref code = Ref::steal(PyLong_FromLong(done.returncode));
+    if (!err || !code) return nullptr;
+    if (done.returncode != 0 && log_failure(module, args, code.get(), err.get()) < 0) return nullptr;
+    return git_triple(out.get(), err.get(), code.get()).release();
+}
+
+#endif
+
+PyObject* run_git_command(PyObject* module, PyObject* const* a) {
+    PyObject* repo_root = a[0];
+    PyObject* args = a[1];
+    PyObject* timeout = a[2];
+    ModuleState* st = state_of(module);
+
+    // The order in which Python code would evaluate the call's parts.
+    Ref subprocess = lookup(module, Name::subprocess);
+    if (!subprocess) return nullptr;
+    Ref run = Ref::steal(PyObject_GetAttr(subprocess.get(), st->str_run));
+    if (!run) return nullptr;
+    Ref prefix = Ref::steal(Py_BuildValue("[s]", "git"));
+    if (!prefix) return nullptr;
+    Ref argv = Ref::steal(PyNumber_Add(prefix.get(), args));
+    if (!argv) return nullptr;
+    Ref cwd = Ref::steal(PyObject_Str(repo_root));
+    if (!cwd) return nullptr;
+    Ref helper = lookup(module, Name::get_subprocess_hidden_kwargs);
+    if (!helper) return nullptr;
+    Ref options = Ref::steal(PyObject_CallNoArgs(helper.get()));
+    if (!options) return nullptr;
+
+#ifndef _WIN32
+    double seconds = 0;
+    if (is_original(st, Name::subprocess, subprocess.get()) && run.get() == st->subprocess_run &&
+        PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 && PyList_CheckExact(argv.get()) &&
+        plain_timeout(timeout, seconds)) {
+        core::SpawnSpec spec;
+        const int ready = prepare(st, argv.get(), cwd.get(), spec);
+        if (ready < 0) return nullptr;
+        if (ready > 0) return run_natively(module, spec, seconds, argv.get(), cwd.get(), timeout, args);
+    }
+#endif
+    return run_through_subprocess(module, subprocess.get(), run.get(), argv.get(), cwd.get(), timeout,
+                                  options.get(), args);
+}
+
+// stdout, stderr, returncode = <iterable>, with the interpreter's messages.
+bool unpack3(PyObject* value, Ref out[3]) {
+    if (PyTuple_CheckExact(value) && PyTuple_GET_SIZE(value) == 3) {
+        for (Py_ssize_t i = 0; i < 3; ++i) out[i] = Ref::borrow(PyTuple_GET_ITEM(value, i));
+        return true;
+    }
+    Ref iter = Ref::steal(PyObject_GetIter(value));
+    if (!iter) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(value)->tp_iter == nullptr &&
+            !PySequence_Check(value)) {
+            PyErr_Clear();
+            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value)->tp_name);
+        }
+        return false;
+    }
+    for (int i = 0; i < 3; ++i) {
+        out[i] = Ref::steal(PyIter_Next(iter.get()));
+        if (!out[i]) {
+            if (!PyErr_Occurred())
+                PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
+            return false;
+        }
+    }
+    Ref extra = Ref::steal(PyIter_Next(iter.get()));
+    if (extra) {
+        PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
+        return false;
+    }
+    return !PyErr_Occurred();
+}
+
+PyObject* git_output(PyObject* module, PyObject* const* a) {
+    Ref result = call_run_git_command(module, a[0], a[1]);
+    Ref parts[3];
+    if (!result || !unpack3(result.get(), parts)) return nullptr;
+    Ref zero = Ref::steal(PyLong_FromLong(0));
+    if (!zero) return nullptr;
+    const int failed = PyObject_RichCompareBool(parts[2].get(), zero.get(), Py_NE);
+    if (failed < 0) return nullptr;
+    if (!failed) return parts[0].release();
+
+    // GitError(stderr.strip() or f"git exited with code {returncode}")
+    Ref message = Ref::steal(PyObject_CallMethodNoArgs(parts[1].get(), state_of(module)->str_strip));
+    if (!message) return nullptr;
+    const int has_text = PyObject_IsTrue(message.get());
+    if (has_text < 0) return nullptr;
+    if (!has_text) {
+        Ref code = Ref::steal(PyObject_Format(parts[2].get(), nullptr));
+        if (!code) return nullptr;
+        message = Ref::steal(PyUnicode_FromFormat("git exited with code %U", code.get()));
+        if (!message) return nullptr;
+    }
+    Ref error_class = lookup(module, Name::GitError);
+    if (!error_class) return nullptr;
+    Ref error = Ref::steal(PyObject_CallOneArg(error_class.get(), message.get()));
+    if (!error) return nullptr;
+    if (!PyExceptionInstance_Check(error.get())) {
+        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
+        return nullptr;
+    }
+    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
+    return nullptr;
+}
+
+Ref call_named(PyObject* module, Name name, PyObject* repo_root, PyObject* args) {
+    Ref f = lookup(module, name);
+    if (!f) return Ref();
+    PyObject* call_args[] = {repo_root, args};
+    return Ref::steal(PyObject_Vectorcall(f.get(), call_args, 2, nullptr));
+}
+
+}  // namespace
+
+Ref call_run_git_command(PyObject* module, PyObject* repo_root, PyObject* args) {
+    return call_named(module, Name::run_git_command, repo_root, args);
+}
+
+Ref call_git_output(PyObject* module, PyObject* repo_root, PyObject* args) {
+    return call_named(module, Name::_git_output, repo_root, args);
+}
+
+const FunctionDef kRunGitCommand = {
+    Name::run_git_command,
+    "(repo_root: Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]",
+    "Run git with args in repo_root and return (stdout, stderr, returncode).\n\n"
+    "args are git's arguments without the leading \"git\", each passed as one\n"
+    "argument (no shell). Both streams are decoded as UTF-8 with invalid bytes\n"
+    "replaced and line ends normalised to LF; nothing is trimmed. A non-zero\n"
+    "exit is logged at debug level and returned as it is. Never raises for a\n"
+    "failed, timed-out or missing git: a run longer than timeout seconds is\n"
+    "killed and gives (\"\", \"Command timed out\", 1); a git (or, on POSIX, a\n"
+    "working directory) that does not exist gives (\"\", \"git not found\", 1);\n"
+    "both are logged at warning level. Other failures to start git, and a\n"
+    "non-list args, raise the interpreter's own errors.",
+    run_git_command,
+};
+
+const FunctionDef kGitOutput = {
+    Name::_git_output,
+    "(repo_root: Path, args: list[str]) -> str",
+    "Run git through run_git_command (default time-out) and return its stdout.\n\n"
+    "Raises GitError when git exits with a non-zero code: the message is git's\n"
+    "stripped standard error, or \"git exited with code N\" when that is empty,\n"
+    "or the runner's \"Command timed out\" / \"git not found\". The output is not\n"
+    "stripped.",
+    git_output,
+};
+
+}  // namespace gu

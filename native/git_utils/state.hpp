@@ -1,0 +1,41 @@
+// Module state: what loading bound (the "originals"), the interned names of
+// the namespace, and the few interpreter objects the binding needs. Calls
+// read the namespace afresh and compare what they find with the originals:
+// the same object means the native path may run.
+#pragma once
+
+#include <Python.h>
+
+#include "git_utils/names.hpp"
+#include "git_utils/ref.hpp"
+
+namespace gu {
+
+struct ModuleState {
+    PyObject* function_type;  // the native function type
+    PyObject* module_name;    // __name__ at load, the __module__ of functions and classes
+    PyObject* names[kNameCount];      // interned attribute names
+    PyObject* originals[kNameCount];  // what loading bound under each name (null: not built)
+    PyObject* subprocess_run;         // subprocess.run as bound at load
+    PyObject* os_get_exec_path;       // os.get_exec_path, for the PATH search of git
+    PyObject* str_run;                // interned "run"
+    PyObject* str_strip;              // interned "strip"
+    PyObject* str_debug;              // interned "debug"
+    PyObject* str_warning;            // interned "warning"
+    PyObject* record_fields[3];       // field names of each record class, in order
+};
+
+ModuleState* state_of(PyObject* module);
+
+// The object the namespace holds under `name` now (a new reference), or
+// null with the NameError that Python code would raise.
+Ref lookup(PyObject* module, Name name);
+
+inline bool is_original(const ModuleState* st, Name name, PyObject* found) {
+    return found == st->originals[index(name)];
+}
+
+int traverse_state(ModuleState* st, visitproc visit, void* arg);
+void clear_state(ModuleState* st);
+
+}  // namespace gu

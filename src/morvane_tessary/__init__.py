@@ -1,0 +1,1 @@
+"""The host application's package; this distribution ships its git utilities."""
