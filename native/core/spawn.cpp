@@ -83,6 +83,13 @@ public:
         sigemptyset(&defaults);
         sigaddset(&defaults, SIGPIPE);
         sigaddset(&defaults, SIGXFSZ);
+#if defined(__GLIBC__) && defined(__linux__)
+        // glibc's spawn helper ignores its two internal signals (32 and 33)
+        // in the child, and an ignored signal stays ignored across exec;
+        // the interpreter's own spawner leaves them at default. sigaddset
+        // refuses them, so set their bits directly.
+        defaults.__val[0] |= (1UL << (32 - 1)) | (1UL << (33 - 1));
+#endif
         error_ = ::posix_spawn_file_actions_adddup2(&actions_, out_w, 1);
         if (!error_) error_ = ::posix_spawn_file_actions_adddup2(&actions_, err_w, 2);
 #ifdef __APPLE__

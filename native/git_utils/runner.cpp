@@ -129,16 +129,15 @@ PyObject* run_through_subprocess(PyObject* module, PyObject* subprocess, PyObjec
     if (!call_args) return nullptr;
     Ref result = Ref::steal(PyObject_Call(run, call_args.get(), kwargs.get()));
     if (!result) {
+        PyObject *type, *value, *traceback;
+        PyErr_Fetch(&type, &value, &traceback);
+        Ref pending[3] = {Ref::steal(type), Ref::steal(value), Ref::steal(traceback)};
+        // A failing lookup replaces the pending error, as a failing except clause does.
         Ref expired = Ref::steal(PyObject_GetAttrString(subprocess, "TimeoutExpired"));
-        if (!expired) return nullptr;  // replaces the pending error, as a failed except clause does
-        if (PyErr_ExceptionMatches(expired.get())) {
-            PyErr_Clear();
-            return timed_out(module, args, timeout);
-        }
-        if (PyErr_ExceptionMatches(PyExc_FileNotFoundError)) {
-            PyErr_Clear();
-            return not_found(module, args);
-        }
+        if (!expired) return nullptr;
+        if (PyErr_GivenExceptionMatches(pending[0].get(), expired.get())) return timed_out(module, args, timeout);
+        if (PyErr_GivenExceptionMatches(pending[0].get(), PyExc_FileNotFoundError)) return not_found(module, args);
+        PyErr_Restore(pending[0].release(), pending[1].release(), pending[2].release());
         return nullptr;
     }
     Ref code = Ref::steal(PyObject_GetAttrString(result.get(), "returncode"));

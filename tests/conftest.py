@@ -1,0 +1,39 @@
+import os
+import stat
+import textwrap
+from pathlib import Path
+
+import pytest
+
+from morvane_tessary.utils import git_utils
+
+
+@pytest.fixture
+def gu():
+    return git_utils
+
+
+@pytest.fixture(params=["native", "subprocess"])
+def runner_path(request, monkeypatch):
+    """Runs a test against both runner paths: the native spawner, and
+    subprocess.run, which the runner takes whenever the host options are not
+    empty (close_fds=True is what subprocess.run does anyway)."""
+    if request.param == "subprocess":
+        monkeypatch.setattr(git_utils, "get_subprocess_hidden_kwargs", lambda: {"close_fds": True})
+    return request.param
+
+
+@pytest.fixture
+def fake_git(tmp_path, monkeypatch):
+    """Puts a `git` made of the given shell script first on PATH."""
+    bindir = tmp_path / "fakebin"
+    bindir.mkdir()
+
+    def install(script: str) -> Path:
+        path = bindir / "git"
+        path.write_text("#!/bin/sh\n" + textwrap.dedent(script))
+        path.chmod(path.stat().st_mode | stat.S_IXUSR | stat.S_IXGRP | stat.S_IXOTH)
+        monkeypatch.setenv("PATH", f"{bindir}{os.pathsep}{os.environ.get('PATH', '')}")
+        return path
+
+    return install
