@@ -310,15 +310,16 @@ struct Waiter {
             if (!pipes_open && !exited) continue;
             if (child.out_fd_ < 0 && child.err_fd_ < 0) break;
         }
-        const Outcome reaped = reap_in_time();
+        const Outcome reaped = reap_in_time(exited);
         if (reaped != Outcome::exited) return stop(reaped);
         return result;
     }
 
-    // Reaps the child after its pipes closed.
-    Outcome reap_in_time() {
+    // Reaps the child after its pipes closed. Once its process descriptor
+    // said it exited, a blocking wait returns at once.
+    Outcome reap_in_time(bool exited) {
         int status = 0;
-        if (!has_deadline) {
+        if (!has_deadline || exited) {
             for (;;) {
                 if (::waitpid(child.pid_, &status, 0) >= 0) break;
                 if (errno != EINTR) break;
