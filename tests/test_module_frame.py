@@ -55,7 +55,7 @@ def test_function_metadata(gu):
     assert (f.__name__, f.__qualname__, f.__module__) == ("run_git_command", "run_git_command", gu.__name__)
     assert f.__defaults__ == (30,) and f.__kwdefaults__ is None and f.__doc__
     assert f.__annotations__ == {"repo_root": Path, "args": list[str], "timeout": int, "return": tuple[str, str, int]}
-    assert str(inspect.signature(f)) == "(repo_root: pathlib.Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]"
+    assert inspect.signature(f) == inspect.signature(reference)
     assert inspect.isroutine(f) and f.__globals__ is vars(gu)
     assert "run_git_command(repo_root: pathlib.Path" in pydoc.render_doc(f, renderer=pydoc.plaintext)
     assert "run_git_command(repo_root" in pydoc.render_doc(gu, renderer=pydoc.plaintext)
@@ -75,7 +75,7 @@ def test_functions_bind_as_methods_and_take_attributes(gu):
         del gu.run_git_command.custom
 
 
-def reference(repo_root, args, timeout=30):
+def reference(repo_root: Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]:
     pass
 
 
