@@ -57,8 +57,8 @@ def test_function_metadata(gu):
     assert f.__annotations__ == {"repo_root": Path, "args": list[str], "timeout": int, "return": tuple[str, str, int]}
     assert inspect.signature(f) == inspect.signature(reference)
     assert inspect.isroutine(f) and f.__globals__ is vars(gu)
-    assert "run_git_command(repo_root: pathlib.Path" in pydoc.render_doc(f, renderer=pydoc.plaintext)
-    assert "run_git_command(repo_root" in pydoc.render_doc(gu, renderer=pydoc.plaintext)
+    for page in (pydoc.render_doc(f, renderer=pydoc.plaintext), pydoc.render_doc(gu, renderer=pydoc.plaintext)):
+        assert "run_git_command(" in page and "timeout: int = 30" in page
     assert pickle.loads(pickle.dumps(f)) is f
 
 

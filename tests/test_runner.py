@@ -128,7 +128,7 @@ def test_child_environment_matches_the_interpreters_spawner(gu, runner_path, fak
     fake_git(
         """
         readlink /proc/self/fd/0
-        ls /proc/$$/fd | sort -n | tr '\\n' ' '; echo
+        ls -C /proc/self/fd
         exec grep -E '^Sig(Ign|Blk)' /proc/self/status
         """
     )
