@@ -6,9 +6,11 @@
 #include <variant>
 
 #include "git_utils/function.hpp"
+#include "git_utils/history.hpp"
 #include "git_utils/names.hpp"
 #include "git_utils/records.hpp"
 #include "git_utils/ref.hpp"
+#include "git_utils/repository.hpp"
 #include "git_utils/runner.hpp"
 #include "git_utils/state.hpp"
 
@@ -81,8 +83,23 @@ const Entry kNamespace[] = {
      Constant{R"py({"a": "\a", "b": "\b", "f": "\f", "n": "\n", "r": "\r", "t": "\t", "v": "\v"})py"}},
     {Name::GitError, ErrorClass{}},
     {Name::FileChange, Records{}},
+    {Name::find_git_root, Function{&kFindGitRoot}},
+    {Name::find_repo_root, Function{&kFindRepoRoot}},
+    {Name::resolve_display_branch, Function{&kResolveDisplayBranch}},
+    {Name::normalize_branch_name, Function{&kNormalizeBranchName}},
+    {Name::parse_time_spec, Function{&kParseTimeSpec}},
+    {Name::sanitize_branch_name, Function{&kSanitizeBranchName}},
+    {Name::wiki_root, Function{&kWikiRoot}},
+    {Name::wiki_directory, Function{&kWikiDirectory}},
     {Name::run_git_command, Function{&kRunGitCommand}},
+    {Name::get_head_commit, Function{&kGetHeadCommit}},
+    {Name::get_default_branch, Function{&kGetDefaultBranch}},
+    {Name::branch_exists, Function{&kBranchExists}},
+    {Name::get_authors_for_period, Function{&kGetAuthorsForPeriod}},
     {Name::_MAX_PATHSPEC_CHARS, Constant{"16000"}},
+    {Name::resolve_commit, Function{&kResolveCommit}},
+    {Name::count_commits, Function{&kCountCommits}},
+    {Name::commit_before, Function{&kCommitBefore}},
     {Name::_git_output, Function{&kGitOutput}},
 };
 

@@ -1,0 +1,645 @@
+#include "git_utils/repository.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <initializer_list>
+#include <utility>
+
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
+
+#include "git_utils/runner.hpp"
+#include "git_utils/state.hpp"
+
+namespace gu {
+namespace {
+
+// The longest directory name sanitize_branch_name gives, in code points.
+constexpr Py_ssize_t kMaxDirectoryName = 100;
+
+// The ref prefixes normalize_branch_name cuts, in the order of one pass.
+constexpr const char* kRefPrefixes[] = {"refs/heads/", "refs/remotes/", "remotes/", "origin/"};
+
+Ref text(const char* s) { return Ref::steal(PyUnicode_FromString(s)); }
+
+Ref call_method(PyObject* obj, const char* name) { return Ref::steal(PyObject_CallMethod(obj, name, nullptr)); }
+
+Py_ssize_t length_of(const char* s) { return static_cast<Py_ssize_t>(std::strlen(s)); }
+
+// ---------------------------------------------------------------------------
+// Text helpers: exact str natively over code points, anything else through
+// its own methods, as Python code would call them.
+
+// Whether the code points [at, end) of a str begin with the ASCII `prefix`.
+bool has_prefix_at(int kind, const void* data, Py_ssize_t at, Py_ssize_t end, const char* prefix) {
+    for (; *prefix != '\0'; ++prefix, ++at)
+        if (at >= end || PyUnicode_READ(kind, data, at) != static_cast<Py_UCS4>(static_cast<unsigned char>(*prefix)))
+            return false;
+    return true;
+}
+
+// bool(s.startswith(prefix)): 1, 0, or -1 with an exception.
+int starts_with(PyObject* s, const char* prefix) {
+    if (PyUnicode_CheckExact(s))
+        return has_prefix_at(PyUnicode_KIND(s), PyUnicode_DATA(s), 0, PyUnicode_GET_LENGTH(s), prefix) ? 1 : 0;
+    Ref r = Ref::steal(PyObject_CallMethod(s, "startswith", "s", prefix));
+    return r ? PyObject_IsTrue(r.get()) : -1;
+}
+
+// s[len(prefix):]
+Ref cut(PyObject* s, const char* prefix) {
+    if (PyUnicode_CheckExact(s)) return Ref::steal(PyUnicode_Substring(s, length_of(prefix), PyUnicode_GET_LENGTH(s)));
+    Ref from = Ref::steal(PyLong_FromSsize_t(length_of(prefix)));
+    if (!from) return Ref();
+    Ref slice = Ref::steal(PySlice_New(from.get(), nullptr, nullptr));
+    if (!slice) return Ref();
+    return Ref::steal(PyObject_GetItem(s, slice.get()));
+}
+
+// f"{head}{value}{tail}"
+Ref formatted(const char* head, PyObject* value, const char* tail) {
+    Ref middle = Ref::steal(PyObject_Format(value, nullptr));
+    if (!middle) return Ref();
+    return Ref::steal(PyUnicode_FromFormat("%s%U%s", head, middle.get(), tail));
+}
+
+// normalize_branch_name of an exact str: strip white space as str.strip()
+// does, then cut the ref prefixes in passes until a pass changes nothing.
+PyObject* normalize_text(PyObject* name) {
+    const Py_ssize_t length = PyUnicode_GET_LENGTH(name);
+    const int kind = PyUnicode_KIND(name);
+    const void* data = PyUnicode_DATA(name);
+    Py_ssize_t start = 0;
+    Py_ssize_t end = length;
+    while (start < end && Py_UNICODE_ISSPACE(PyUnicode_READ(kind, data, start))) ++start;
+    while (end > start && Py_UNICODE_ISSPACE(PyUnicode_READ(kind, data, end - 1))) --end;
+    for (bool changed = true; changed;) {
+        changed = false;
+        for (const char* prefix : kRefPrefixes) {
+            if (has_prefix_at(kind, data, start, end, prefix)) {
+                start += length_of(prefix);
+                changed = true;
+            }
+        }
+    }
+    if (start == end) Py_RETURN_NONE;
+    return PyUnicode_Substring(name, start, end);
+}
+
+// The same steps through the object's own methods, for anything but an
+// exact str.
+PyObject* normalize_object(PyObject* name) {
+    Ref current = call_method(name, "strip");
+    if (!current) return nullptr;
+    for (bool changed = true; changed;) {
+        changed = false;
+        for (const char* prefix : kRefPrefixes) {
+            const int found = starts_with(current.get(), prefix);
+            if (found < 0) return nullptr;
+            if (found) {
+                current = cut(current.get(), prefix);
+                if (!current) return nullptr;
+                changed = true;
+            }
+        }
+    }
+    const int truth = PyObject_IsTrue(current.get());
+    if (truth < 0) return nullptr;
+    if (!truth) Py_RETURN_NONE;
+    return current.release();
+}
+
+bool kept_in_directory_name(Py_UCS4 c) { return Py_UNICODE_ISALNUM(c) || c == '-' || c == '_' || c == '.'; }
+
+// The directory name of an exact str: with `expand_separators` every "/"
+// and "\" first becomes "__"; then letters, digits and "-_." stay and every
+// other code point becomes "_"; the first 100 code points, or "default".
+PyObject* sanitize_text(PyObject* s, bool expand_separators) {
+    Py_UCS4 out[kMaxDirectoryName];
+    Py_ssize_t n = 0;
+    const Py_ssize_t length = PyUnicode_GET_LENGTH(s);
+    const int kind = PyUnicode_KIND(s);
+    const void* data = PyUnicode_DATA(s);
+    for (Py_ssize_t i = 0; i < length && n < kMaxDirectoryName; ++i) {
+        const Py_UCS4 c = PyUnicode_READ(kind, data, i);
+        if (expand_separators && (c == '/' || c == '\\')) {
+            out[n++] = '_';
+            if (n < kMaxDirectoryName) out[n++] = '_';
+        } else {
+            out[n++] = kept_in_directory_name(c) ? c : '_';
+        }
+    }
+    if (n == 0) return PyUnicode_FromString("default");
+    return PyUnicode_FromKindAndData(PyUnicode_4BYTE_KIND, out, n);
+}
+
+// The same steps through the object's own methods: replace, iteration,
+// isalnum, "".join and slicing.
+PyObject* sanitize_object(PyObject* branch) {
+    Ref safe = Ref::steal(PyObject_CallMethod(branch, "replace", "ss", "/", "__"));
+    if (!safe) return nullptr;
+    safe = Ref::steal(PyObject_CallMethod(safe.get(), "replace", "ss", "\\", "__"));
+    if (!safe) return nullptr;
+    if (PyUnicode_CheckExact(safe.get())) return sanitize_text(safe.get(), false);
+
+    Ref keep = text("-_.");
+    Ref underscore = text("_");
+    Ref pieces = Ref::steal(PyList_New(0));
+    Ref iter = Ref::steal(PyObject_GetIter(safe.get()));
+    if (!keep || !underscore || !pieces || !iter) return nullptr;
+    while (Ref c = Ref::steal(PyIter_Next(iter.get()))) {
+        Ref alnum = call_method(c.get(), "isalnum");
+        if (!alnum) return nullptr;
+        int kept = PyObject_IsTrue(alnum.get());
+        if (kept == 0) kept = PySequence_Contains(keep.get(), c.get());
+        if (kept < 0 || PyList_Append(pieces.get(), kept ? c.get() : underscore.get()) < 0) return nullptr;
+    }
+    if (PyErr_Occurred()) return nullptr;
+    Ref empty = text("");
+    if (!empty) return nullptr;
+    Ref joined = Ref::steal(PyUnicode_Join(empty.get(), pieces.get()));
+    if (!joined) return nullptr;
+    if (PyUnicode_GET_LENGTH(joined.get()) == 0) return PyUnicode_FromString("default");
+    return PyUnicode_Substring(joined.get(), 0, kMaxDirectoryName);
+}
+
+// ---------------------------------------------------------------------------
+// Paths
+
+// Whether `obj` is exactly pathlib's concrete path class of this system, as
+// loaded with the module's Path: for it, the native shortcuts give what its
+// methods give. 1, 0, or -1 with an exception.
+int is_plain_path(PyObject* module, PyObject* obj) {
+#ifdef _WIN32
+    (void)module;
+    (void)obj;
+    return 0;
+#else
+    PyObject* original = state_of(module)->originals[index(Name::Path)];
+    if (original == nullptr || !PyType_Check(original) ||
+        !PyType_IsSubtype(Py_TYPE(obj), reinterpret_cast<PyTypeObject*>(original)))
+        return 0;
+    Ref name = text("pathlib");
+    if (!name) return -1;
+    Ref pathlib = Ref::steal(PyImport_GetModule(name.get()));
+    if (!pathlib) return PyErr_Occurred() ? -1 : 0;
+    Ref concrete = Ref::steal(PyObject_GetAttrString(pathlib.get(), "PosixPath"));
+    if (!concrete) {
+        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return -1;
+        PyErr_Clear();
+        return 0;
+    }
+    return reinterpret_cast<PyObject*>(Py_TYPE(obj)) == concrete.get() ? 1 : 0;
+#endif
+}
+
+#ifndef _WIN32
+// (candidate / ".git").exists() for a plain path: os.stat of the entry's
+// text, following links, with the answers of the interpreter's pathlib as of
+// 3.10 on every version: false for ENOENT, ENOTDIR, EBADF and ELOOP and for a
+// text the file system can't take; every other error raised with the
+// entry's text as its filename.
+int git_entry_exists_natively(PyObject* candidate) {
+    Ref base = Ref::steal(PyOS_FSPath(candidate));
+    if (!base) return -1;
+    Ref entry;
+    if (!PyUnicode_Check(base.get())) {
+        PyErr_Format(PyExc_TypeError, "expected str from __fspath__, not %.200s", Py_TYPE(base.get())->tp_name);
+        return -1;
+    }
+    const Py_ssize_t length = PyUnicode_GET_LENGTH(base.get());
+    if (PyUnicode_CompareWithASCIIString(base.get(), ".") == 0)
+        entry = text(".git");  // Path(".") / ".git" is ".git"
+    else if (length > 0 && PyUnicode_READ_CHAR(base.get(), length - 1) == '/')
+        entry = Ref::steal(PyUnicode_FromFormat("%U.git", base.get()));  // the root
+    else
+        entry = Ref::steal(PyUnicode_FromFormat("%U/.git", base.get()));
+    if (!entry) return -1;
+    Ref bytes = Ref::steal(PyUnicode_EncodeFSDefault(entry.get()));
+    if (!bytes) {
+        if (!PyErr_ExceptionMatches(PyExc_ValueError)) return -1;
+        PyErr_Clear();
+        return 0;
+    }
+    const char* raw = PyBytes_AS_STRING(bytes.get());
+    if (std::memchr(raw, '\0', static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get()))) != nullptr) return 0;
+    struct stat info;
+    int rc = 0;
+    int err = 0;
+    Py_BEGIN_ALLOW_THREADS
+    rc = stat(raw, &info);
+    err = errno;
+    Py_END_ALLOW_THREADS
+    if (rc == 0) return 1;
+    if (err == ENOENT || err == ENOTDIR || err == EBADF || err == ELOOP) return 0;
+    errno = err;
+    PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, entry.get());
+    return -1;
+}
+#endif
+
+// bool((candidate / ".git").exists())
+int git_entry_exists(PyObject* module, PyObject* candidate) {
+    const int plain = is_plain_path(module, candidate);
+    if (plain < 0) return -1;
+#ifndef _WIN32
+    if (plain) return git_entry_exists_natively(candidate);
+#endif
+    Ref name = text(".git");
+    if (!name) return -1;
+    Ref entry = Ref::steal(PyNumber_TrueDivide(candidate, name.get()));
+    if (!entry) return -1;
+    Ref exists = call_method(entry.get(), "exists");
+    return exists ? PyObject_IsTrue(exists.get()) : -1;
+}
+
+// Path.cwd() through the namespace.
+PyObject* current_directory(PyObject* module) {
+    Ref path_class = lookup(module, Name::Path);
+    if (!path_class) return nullptr;
+    return call_method(path_class.get(), "cwd").release();
+}
+
+PyObject* find_git_root(PyObject* module, PyObject* const* a) {
+    Ref start = Ref::borrow(a[0]);
+    if (start.get() == Py_None) {
+        start = Ref::steal(current_directory(module));
+        if (!start) return nullptr;
+    }
+    Ref current = call_method(start.get(), "absolute");
+    if (!current) return nullptr;
+    // (current, *current.parents): the ancestors come from the path's text.
+    Ref parents = Ref::steal(PyObject_GetAttrString(current.get(), "parents"));
+    if (!parents) return nullptr;
+    Ref candidates = Ref::steal(PySequence_List(parents.get()));
+    if (!candidates || PyList_Insert(candidates.get(), 0, current.get()) < 0) return nullptr;
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(candidates.get()); ++i) {
+        Ref candidate = Ref::borrow(PyList_GET_ITEM(candidates.get(), i));
+        const int found = git_entry_exists(module, candidate.get());
+        if (found < 0) return nullptr;
+        if (found) return candidate.release();
+    }
+    Py_RETURN_NONE;
+}
+
+PyObject* find_repo_root(PyObject* module, PyObject* const*) {
+    Ref find = lookup(module, Name::find_git_root);
+    if (!find) return nullptr;
+    Ref root = Ref::steal(PyObject_CallNoArgs(find.get()));
+    if (!root) return nullptr;
+    if (root.get() != Py_None) return root.release();
+    return current_directory(module);
+}
+
+// repo_root / "memory" / "lorebook", then / name when one is given. For
+// pathlib's own class (`plain`) one join of the whole tail makes the same
+// path as the chain of joins, at a third of the cost: the tail never holds an
+// empty or absolute component, since name is a sanitized directory name.
+PyObject* wiki_join(PyObject* repo_root, PyObject* name, bool plain) {
+    if (plain) {
+        Ref tail = name ? Ref::steal(PyUnicode_FromFormat("memory/lorebook/%U", name)) : text("memory/lorebook");
+        if (!tail) return nullptr;
+        return PyNumber_TrueDivide(repo_root, tail.get());
+    }
+    Ref path = Ref::borrow(repo_root);
+    for (const char* component : {"memory", "lorebook"}) {
+        Ref part = text(component);
+        if (!part) return nullptr;
+        path = Ref::steal(PyNumber_TrueDivide(path.get(), part.get()));
+        if (!path) return nullptr;
+    }
+    if (name == nullptr) return path.release();
+    return PyNumber_TrueDivide(path.get(), name);
+}
+
+PyObject* normalize_branch_name(PyObject*, PyObject* const* a) {
+    PyObject* name = a[0];
+    if (PyUnicode_CheckExact(name)) {
+        if (PyUnicode_GET_LENGTH(name) == 0) Py_RETURN_NONE;
+        return normalize_text(name);
+    }
+    const int truth = PyObject_IsTrue(name);
+    if (truth < 0) return nullptr;
+    if (!truth) Py_RETURN_NONE;
+    return normalize_object(name);
+}
+
+PyObject* sanitize_branch_name(PyObject*, PyObject* const* a) {
+    if (PyUnicode_CheckExact(a[0])) return sanitize_text(a[0], true);
+    return sanitize_object(a[0]);
+}
+
+PyObject* wiki_root(PyObject* module, PyObject* const* a) {
+    const int plain = is_plain_path(module, a[0]);
+    if (plain < 0) return nullptr;
+    return wiki_join(a[0], nullptr, plain != 0);
+}
+
+// wiki_root(repo_root) / sanitize_branch_name(branch), both reached through
+// the namespace; when both are this module's own and repo_root is a plain
+// path, the path is made in one join.
+PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
+    PyObject* repo_root = a[0];
+    PyObject* branch = a[1];
+    const ModuleState* st = state_of(module);
+    Ref root_function = lookup(module, Name::wiki_root);
+    if (!root_function) return nullptr;
+    const bool own_root = is_original(st, Name::wiki_root, root_function.get());
+    const int plain = own_root ? is_plain_path(module, repo_root) : 0;
+    if (plain < 0) return nullptr;
+    Ref root;
+    if (!plain) {
+        root = own_root ? Ref::steal(wiki_join(repo_root, nullptr, false))
+                        : Ref::steal(PyObject_CallOneArg(root_function.get(), repo_root));
+        if (!root) return nullptr;
+    }
+    Ref sanitize = lookup(module, Name::sanitize_branch_name);
+    if (!sanitize) return nullptr;
+    if (plain && is_original(st, Name::sanitize_branch_name, sanitize.get()) && PyUnicode_CheckExact(branch)) {
+        Ref name = Ref::steal(sanitize_text(branch, true));
+        if (!name) return nullptr;
+        return wiki_join(repo_root, name.get(), true);
+    }
+    if (!root) {
+        root = Ref::steal(wiki_join(repo_root, nullptr, plain != 0));
+        if (!root) return nullptr;
+    }
+    Ref name = Ref::steal(PyObject_CallOneArg(sanitize.get(), branch));
+    if (!name) return nullptr;
+    return PyNumber_TrueDivide(root.get(), name.get());
+}
+
+// ---------------------------------------------------------------------------
+// Queries
+
+// A fresh argument list for one git run: the fixed texts, then `last`.
+Ref arg_list(std::initializer_list<const char*> fixed, PyObject* last = nullptr) {
+    Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(fixed.size()) + (last ? 1 : 0)));
+    if (!list) return Ref();
+    Py_ssize_t i = 0;
+    for (const char* s : fixed) {
+        Ref item = text(s);
+        if (!item) return Ref();
+        PyList_SET_ITEM(list.get(), i++, item.release());
+    }
+    if (last) PyList_SET_ITEM(list.get(), i, Ref::borrow(last).release());
+    return list;
+}
+
+// stdout, _, returncode = <value>, with the interpreter's unpacking errors.
+bool unpack3(PyObject* value, Ref out[3]) {
+    if (PyTuple_CheckExact(value) && PyTuple_GET_SIZE(value) == 3) {
+        for (Py_ssize_t i = 0; i < 3; ++i) out[i] = Ref::borrow(PyTuple_GET_ITEM(value, i));
+        return true;
+    }
+    Ref iter = Ref::steal(PyObject_GetIter(value));
+    if (!iter) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(value)->tp_iter == nullptr &&
+            !PySequence_Check(value)) {
+            PyErr_Clear();
+            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value)->tp_name);
+        }
+        return false;
+    }
+    for (int i = 0; i < 3; ++i) {
+        out[i] = Ref::steal(PyIter_Next(iter.get()));
+        if (!out[i]) {
+            if (!PyErr_Occurred())
+                PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
+            return false;
+        }
+    }
+    Ref extra = Ref::steal(PyIter_Next(iter.get()));
+    if (extra) {
+        PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
+        return false;
+    }
+    return !PyErr_Occurred();
+}
+
+struct GitResult {
+    Ref out;
+    Ref code;
+};
+
+// stdout, _, returncode = run_git_command(repo_root, args)
+bool run_git(PyObject* module, PyObject* repo_root, Ref args, GitResult& result) {
+    if (!args) return false;
+    Ref triple = call_run_git_command(module, repo_root, args.get());
+    Ref parts[3];
+    if (!triple || !unpack3(triple.get(), parts)) return false;
+    result.out = std::move(parts[0]);
+    result.code = std::move(parts[2]);
+    return true;
+}
+
+// bool(returncode == 0)
+int succeeded(PyObject* code) {
+    if (PyLong_CheckExact(code)) {
+        int overflow = 0;
+        return PyLong_AsLongAndOverflow(code, &overflow) == 0 && overflow == 0 ? 1 : 0;
+    }
+    Ref zero = Ref::steal(PyLong_FromLong(0));
+    if (!zero) return -1;
+    Ref equal = Ref::steal(PyObject_RichCompare(code, zero.get(), Py_EQ));
+    return equal ? PyObject_IsTrue(equal.get()) : -1;
+}
+
+// The stripped stdout when returncode == 0 and it is not empty; else None.
+// With `strip_first` the output is stripped before the code is looked at
+// (`out = stdout.strip(); if returncode == 0 and out`), else only once the
+// code says git succeeded (`if returncode == 0 and stdout.strip()`).
+PyObject* stripped_output(PyObject* module, GitResult& result, bool strip_first) {
+    PyObject* strip = state_of(module)->str_strip;
+    Ref out;
+    if (strip_first && !(out = Ref::steal(PyObject_CallMethodNoArgs(result.out.get(), strip)))) return nullptr;
+    const int ok = succeeded(result.code.get());
+    if (ok < 0) return nullptr;
+    if (!ok) Py_RETURN_NONE;
+    if (!out && !(out = Ref::steal(PyObject_CallMethodNoArgs(result.out.get(), strip)))) return nullptr;
+    const int truth = PyObject_IsTrue(out.get());
+    if (truth < 0) return nullptr;
+    if (!truth) Py_RETURN_NONE;
+    return out.release();
+}
+
+PyObject* resolve_display_branch(PyObject* module, PyObject* const* a) {
+    GitResult result;
+    if (!run_git(module, a[0], arg_list({"branch", "--show-current"}), result)) return nullptr;
+    return stripped_output(module, result, false);
+}
+
+PyObject* get_head_commit(PyObject* module, PyObject* const* a) {
+    const int short_form = PyObject_IsTrue(a[1]);
+    if (short_form < 0) return nullptr;
+    GitResult result;
+    Ref args = short_form ? arg_list({"rev-parse", "--short", "HEAD"}) : arg_list({"rev-parse", "HEAD"});
+    if (!run_git(module, a[0], std::move(args), result)) return nullptr;
+    return stripped_output(module, result, true);
+}
+
+PyObject* get_default_branch(PyObject* module, PyObject* const* a) {
+    constexpr const char* kRemotePrefix = "refs/remotes/origin/";
+    GitResult result;
+    if (!run_git(module, a[0], arg_list({"symbolic-ref", "refs/remotes/origin/HEAD"}), result)) return nullptr;
+    Ref remote_head = Ref::steal(stripped_output(module, result, false));
+    if (!remote_head) return nullptr;
+    if (remote_head.get() != Py_None) {
+        const int prefixed = starts_with(remote_head.get(), kRemotePrefix);
+        if (prefixed < 0) return nullptr;
+        return prefixed ? cut(remote_head.get(), kRemotePrefix).release() : remote_head.release();
+    }
+    for (const char* candidate : {"main", "master"}) {
+        if (!run_git(module, a[0], arg_list({"rev-parse", "--verify", candidate}), result)) return nullptr;
+        const int ok = succeeded(result.code.get());
+        if (ok < 0) return nullptr;
+        if (ok) return PyUnicode_FromString(candidate);
+    }
+    return PyUnicode_FromString("main");
+}
+
+PyObject* branch_exists(PyObject* module, PyObject* const* a) {
+    PyObject* repo_root = a[0];
+    PyObject* branch = a[1];
+    GitResult result;
+    if (!run_git(module, repo_root, arg_list({"rev-parse", "--verify"}, branch), result)) return nullptr;
+    int ok = succeeded(result.code.get());
+    if (ok < 0) return nullptr;
+    if (ok) Py_RETURN_TRUE;
+    const int remote = starts_with(branch, "origin/");
+    if (remote < 0) return nullptr;
+    if (!remote) {
+        Ref spelled = formatted("origin/", branch, "");
+        if (!spelled) return nullptr;
+        if (!run_git(module, repo_root, arg_list({"rev-parse", "--verify"}, spelled.get()), result)) return nullptr;
+        ok = succeeded(result.code.get());
+        if (ok < 0) return nullptr;
+        if (ok) Py_RETURN_TRUE;
+    }
+    Py_RETURN_FALSE;
+}
+
+PyObject* resolve_commit(PyObject* module, PyObject* const* a) {
+    PyObject* name = a[1];
+    const int given = PyObject_IsTrue(name);
+    if (given < 0) return nullptr;
+    if (!given) Py_RETURN_NONE;
+    // A leading "-" would reach git as an option; no branch can start with it.
+    const int option_like = starts_with(name, "-");
+    if (option_like < 0) return nullptr;
+    if (option_like) Py_RETURN_NONE;
+    Ref revision = formatted("", name, "^{commit}");
+    if (!revision) return nullptr;
+    GitResult result;
+    if (!run_git(module, a[0], arg_list({"rev-parse", "--verify", "--quiet"}, revision.get()), result))
+        return nullptr;
+    return stripped_output(module, result, true);
+}
+
+}  // namespace
+
+const FunctionDef kFindGitRoot = {
+    Name::find_git_root,
+    "(start: Path | None = None) -> Path | None",
+    "Return the root of the git repository that holds start, or None.\n\n"
+    "start (default: the current working directory) is made absolute without\n"
+    "resolving links or collapsing \"..\"; it and then its parents, nearest\n"
+    "first, are searched for a \".git\" entry of any kind (a directory, or the\n"
+    "file of a worktree or submodule), following symbolic links. The first\n"
+    "directory that holds one is returned in the spelling of start. A missing\n"
+    "entry is no error; other file-system errors, such as permission denied,\n"
+    "are raised.",
+    find_git_root,
+};
+
+const FunctionDef kFindRepoRoot = {
+    Name::find_repo_root,
+    "() -> Path",
+    "Return find_git_root() of the current working directory, or else the\n"
+    "current working directory itself; never None.",
+    find_repo_root,
+};
+
+const FunctionDef kResolveDisplayBranch = {
+    Name::resolve_display_branch,
+    "(repo_root: Path) -> str | None",
+    "Return the name of the checked-out branch (git branch --show-current),\n"
+    "or None for a detached HEAD or when git fails.",
+    resolve_display_branch,
+};
+
+const FunctionDef kNormalizeBranchName = {
+    Name::normalize_branch_name,
+    "(name: str | None) -> str | None",
+    "Return the short form of a branch name, or None for an empty one.\n\n"
+    "White space is stripped, then the prefixes \"refs/heads/\", \"refs/remotes/\",\n"
+    "\"remotes/\" and \"origin/\" are cut in passes, each pass trying them in that\n"
+    "order, until a pass cuts nothing: refs/remotes/origin/main and\n"
+    "origin/main both give main. None, \"\" and a name that nothing is left of\n"
+    "give None.",
+    normalize_branch_name,
+};
+
+const FunctionDef kSanitizeBranchName = {
+    Name::sanitize_branch_name,
+    "(branch: str) -> str",
+    "Return a directory name for a branch: \"/\" and \"\\\" become \"__\", letters,\n"
+    "digits (in the Unicode sense of str.isalnum) and \"-_.\" are kept, and\n"
+    "every other character becomes \"_\". The result is cut to 100 characters;\n"
+    "an empty branch gives \"default\".",
+    sanitize_branch_name,
+};
+
+const FunctionDef kWikiRoot = {
+    Name::wiki_root,
+    "(repo_root: Path) -> Path",
+    "Return the root of the branch wikis: repo_root / \"memory\" / \"lorebook\".",
+    wiki_root,
+};
+
+const FunctionDef kWikiDirectory = {
+    Name::wiki_directory,
+    "(repo_root: Path, branch: str) -> Path",
+    "Return the wiki directory of a branch: wiki_root(repo_root) /\n"
+    "sanitize_branch_name(branch). The branch is not normalised.",
+    wiki_directory,
+};
+
+const FunctionDef kGetHeadCommit = {
+    Name::get_head_commit,
+    "(repo_root: Path, short: bool = True) -> str | None",
+    "Return the commit id HEAD points at, abbreviated when short, or None\n"
+    "when git fails (for instance in a repository without commits).",
+    get_head_commit,
+};
+
+const FunctionDef kGetDefaultBranch = {
+    Name::get_default_branch,
+    "(repo_root: Path) -> str",
+    "Return the repository's default branch; never None.\n\n"
+    "The target of refs/remotes/origin/HEAD without its \"refs/remotes/origin/\"\n"
+    "prefix when that ref exists; else \"main\" when git resolves main, else\n"
+    "\"master\" when it resolves master; else \"main\".",
+    get_default_branch,
+};
+
+const FunctionDef kBranchExists = {
+    Name::branch_exists,
+    "(repo_root: Path, branch: str) -> bool",
+    "Return whether git resolves branch (rev-parse --verify), or, for a name\n"
+    "not starting with \"origin/\", origin/ followed by it. Tags, commit ids and\n"
+    "other revisions count too. False when git fails.",
+    branch_exists,
+};
+
+const FunctionDef kResolveCommit = {
+    Name::resolve_commit,
+    "(repo_root: Path, name: str) -> str | None",
+    "Return the full id of the commit that name denotes (annotated tags are\n"
+    "peeled), or None when it denotes none or git fails. An empty name and one\n"
+    "that starts with \"-\" give None without running git.",
+    resolve_commit,
+};
+
+}  // namespace gu

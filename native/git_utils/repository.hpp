@@ -1,0 +1,24 @@
+// The repository layout: finding the root by its `.git` entry, the short
+// and directory forms of branch names, the wiki paths below the root, and
+// the lenient queries about branches and revisions.
+#pragma once
+
+#include <Python.h>
+
+#include "git_utils/function.hpp"
+
+namespace gu {
+
+extern const FunctionDef kFindGitRoot;
+extern const FunctionDef kFindRepoRoot;
+extern const FunctionDef kResolveDisplayBranch;
+extern const FunctionDef kNormalizeBranchName;
+extern const FunctionDef kSanitizeBranchName;
+extern const FunctionDef kWikiRoot;
+extern const FunctionDef kWikiDirectory;
+extern const FunctionDef kGetHeadCommit;
+extern const FunctionDef kGetDefaultBranch;
+extern const FunctionDef kBranchExists;
+extern const FunctionDef kResolveCommit;
+
+}  // namespace gu

@@ -1,0 +1,201 @@
+import datetime as dt
+import os
+import subprocess
+import sys
+import time
+
+import pytest
+from hypothesis import HealthCheck, given, settings, strategies as st
+
+NOW = dt.datetime(2026, 3, 29, 10, 0, 0)
+
+
+class FrozenDateTime(dt.datetime):
+    @classmethod
+    def now(cls, tz=None):
+        return cls(NOW.year, NOW.month, NOW.day, NOW.hour, NOW.minute, NOW.second)
+
+
+@pytest.fixture(params=["UTC", "Europe/Berlin"])
+def zone(request, monkeypatch):
+    monkeypatch.setenv("TZ", request.param)
+    time.tzset()
+    yield request.param
+    monkeypatch.undo()
+    time.tzset()
+
+
+@pytest.fixture
+def frozen(gu, monkeypatch):
+    monkeypatch.setattr(gu, "datetime", FrozenDateTime)
+
+
+@pytest.mark.parametrize(
+    "spec, expected",
+    [
+        (" 7d ", NOW - dt.timedelta(days=7)),
+        ("30m", NOW - dt.timedelta(minutes=30)),
+        ("24h", NOW - dt.timedelta(hours=24)),  # across the spring-forward night: wall clock arithmetic
+        ("2w", NOW - dt.timedelta(days=14)),
+        ("07d", NOW - dt.timedelta(days=7)),
+        ("2026-09-01", dt.datetime(2026, 9, 1)),
+        ("2026-09-01T12:30", dt.datetime(2026, 9, 1, 12, 30)),
+        ("2026-09-01 12:30:05.123", dt.datetime(2026, 9, 1, 12, 30, 5, 123000)),
+    ],
+)
+def test_accepted_specs(gu, frozen, zone, spec, expected):
+    result = gu.parse_time_spec(spec)
+    assert result == expected and result.tzinfo is None
+
+
+@pytest.mark.parametrize(
+    "spec, utc, berlin",
+    [
+        ("2026-09-01T12:30+02:00", dt.datetime(2026, 9, 1, 10, 30), dt.datetime(2026, 9, 1, 12, 30)),
+        ("2026-01-15T00:00-05:30", dt.datetime(2026, 1, 15, 5, 30), dt.datetime(2026, 1, 15, 6, 30)),
+    ],
+)
+def test_offsets_become_local_wall_clock(gu, zone, spec, utc, berlin):
+    assert gu.parse_time_spec(spec) == (utc if zone == "UTC" else berlin)
+
+
+@pytest.mark.parametrize(
+    "spec",
+    ["0d", "00w", "7D", "7 d", "+7d", "7days", "1.5h", "-3d", "", "   ", "yesterday", "2026-09-01T12:30Z",
+     "2026/09/01", "2026-9-1", "20260901", "2026-W35-1", "2026-02-30", "2026-13-01", "2026-09-01T24:00",
+     "2026-09-01T12:30+24:00", "0000-01-01"],
+)
+def test_refused_specs(gu, frozen, spec):
+    with pytest.raises(ValueError) as info:
+        gu.parse_time_spec(spec)
+    assert str(info.value) == f"since must be {gu.TIME_SPEC_FORMS}; got {spec!r}"
+    assert info.value.__cause__ is None and info.value.__suppress_context__ is False
+
+
+@pytest.mark.parametrize("spec", ["99999999999d", "999999999w", "0001-01-01T00:00+05:00"])
+def test_outside_the_calendar(gu, zone, spec):
+    if spec.startswith("0001") and zone == "UTC":
+        spec = "0001-01-01T00:00+05:00"
+    with pytest.raises(ValueError, match=r"^since '.*' reaches outside the calendar$") as info:
+        gu.parse_time_spec(spec)
+    assert isinstance(info.value.__cause__, OverflowError)
+
+
+def test_argument_that_is_not_text(gu):
+    with pytest.raises(AttributeError):
+        gu.parse_time_spec(7)
+
+
+@pytest.mark.skipif(sys.version_info[:2] != (3, 10), reason="3.10's fromisoformat is the reference")
+@settings(max_examples=1500, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@given(st.one_of(
+    st.text(alphabet="0123456789-:T .+Z,", max_size=32),
+    st.datetimes().map(lambda d: d.isoformat()).flatmap(lambda s: st.integers(0, len(s)).map(lambda i: s[:i])),
+))
+def test_iso_specs_match_python_310(gu, text):
+    try:
+        expected = dt.datetime.fromisoformat(text.strip())
+    except ValueError:
+        expected = None
+    if expected is not None and expected.tzinfo is not None:
+        try:
+            expected = expected.astimezone().replace(tzinfo=None)
+        except OverflowError:
+            return
+    if gu._RELATIVE_SPEC.fullmatch(text.strip()) or not text.strip():
+        return
+    try:
+        result = gu.parse_time_spec(text)
+    except ValueError:
+        result = None
+    assert result == expected
+
+
+# ---- queries ----------------------------------------------------------------
+
+
+@pytest.fixture
+def recorder(gu, monkeypatch):
+    calls = []
+
+    def install(name, answer):
+        def stand_in(root, args):
+            calls.append(args)
+            return answer
+
+        monkeypatch.setattr(gu, name, stand_in)
+        return calls
+
+    return install
+
+
+def test_count_and_lookup_arguments(gu, recorder, tmp_path):
+    calls = recorder("_git_output", " 3\n")
+    assert gu.count_commits(tmp_path, "main", "feature") == 3
+    assert gu.commit_before(tmp_path, "main", dt.datetime(2026, 1, 5, 9, 3, 7, 999)) == "3"
+    assert calls == [["rev-list", "--count", "main..feature"], ["rev-list", "-1", "--before=2026-01-05 09:03:07", "main"]]
+    recorder("_git_output", "\n")
+    assert gu.count_commits(tmp_path, "a", "b") == 0 and gu.commit_before(tmp_path, "a", NOW) is None
+
+
+@pytest.mark.parametrize(
+    "output, expected",
+    [
+        ("    42\tAda Lovelace <ada@example.org>\n     3\tÉmile Zoé <emile@x>\n",
+         [{"name": "Ada Lovelace", "email": "ada@example.org", "commits": 42},
+          {"name": "Émile Zoé", "email": "emile@x", "commits": 3}]),
+        ("  1\tno brackets\n\nno tab here\n  2\tonly < here\n", [{"name": "no brackets", "email": "", "commits": 1},
+                                                               {"name": "only < here", "email": "", "commits": 2}]),
+        ("  5\tx > y <a b<c>\n", [{"name": "x > y", "email": "a b", "commits": 5}]),
+        ("", []),
+    ],
+)
+def test_authors_parsing(gu, frozen, recorder, tmp_path, output, expected):
+    calls = recorder("run_git_command", (output, "", 0))
+    result = gu.get_authors_for_period(tmp_path, "7d")
+    assert result == expected and all(list(e) == ["name", "email", "commits"] for e in result)
+    assert calls == [["shortlog", "--since=2026-03-22 10:00:00", "-sne"]]
+
+
+def test_authors_failure_is_an_empty_list(gu, frozen, recorder, tmp_path, caplog):
+    recorder("run_git_command", ("", "  fatal: no  \n", 128))
+    with caplog.at_level("DEBUG", logger=gu.__name__):
+        assert gu.get_authors_for_period(tmp_path) == []
+    assert caplog.records[-1].getMessage() == "get_authors_for_period: git shortlog failed rc=128 stderr=fatal: no"
+    with pytest.raises(ValueError):
+        gu.get_authors_for_period(tmp_path, "soon")
+
+
+def commit(repo, name, email, date, path):
+    env = {**os.environ, "GIT_AUTHOR_NAME": name, "GIT_AUTHOR_EMAIL": email, "GIT_COMMITTER_NAME": name,
+           "GIT_COMMITTER_EMAIL": email, "GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date}
+    (repo / path).write_text(date)
+    subprocess.run(["git", "add", path], cwd=repo, check=True, env=env)
+    subprocess.run(["git", "commit", "-qm", path], cwd=repo, check=True, env=env)
+
+
+def test_real_history(gu, tmp_path, monkeypatch):
+    subprocess.run(["git", "init", "-q", "-b", "main", str(tmp_path)], check=True)
+    commit(tmp_path, "Ünal", "u@x", "2026-01-01T10:00:00", "a")
+    commit(tmp_path, "Bo", "b@x", "2026-01-02T10:00:00", "b")
+    commit(tmp_path, "Ünal", "u@x", "2026-01-03T10:00:00", "c")
+    head = gu._git_output(tmp_path, ["rev-parse", "HEAD"]).strip()
+    assert gu.count_commits(tmp_path, "HEAD~2", "HEAD") == 2 and gu.count_commits(tmp_path, "main", "main") == 0
+    assert gu.commit_before(tmp_path, "main", dt.datetime(2025, 12, 31)) is None
+    assert gu.commit_before(tmp_path, "main", dt.datetime(2026, 1, 3, 10, 0, 0)) == head
+    with pytest.raises(gu.GitError, match="unknown revision|bad revision|ambiguous argument"):
+        gu.count_commits(tmp_path, "main", "nope")
+
+    # shortlog reads HEAD's history only when standard input is a terminal.
+    import pty
+
+    leader, follower = pty.openpty()
+    saved = os.dup(0)
+    os.dup2(follower, 0)
+    try:
+        authors = gu.get_authors_for_period(tmp_path, "2025-12-01")
+    finally:
+        os.dup2(saved, 0)
+        for fd in (saved, leader, follower):
+            os.close(fd)
+    assert authors == [{"name": "Ünal", "email": "u@x", "commits": 2}, {"name": "Bo", "email": "b@x", "commits": 1}]

@@ -1,0 +1,365 @@
+import errno
+import inspect
+import os
+import subprocess
+from pathlib import Path, PurePosixPath
+
+import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
+
+from morvane_tessary.utils import git_utils
+
+
+# Plain Python versions of the pure functions and of discovery: what the
+# native ones must equal on every input.
+def normalize_reference(name):
+    if not name:
+        return None
+    name = name.strip()
+    changed = True
+    while changed:
+        changed = False
+        for prefix in ("refs/heads/", "refs/remotes/", "remotes/", "origin/"):
+            if name.startswith(prefix):
+                name = name[len(prefix):]
+                changed = True
+    return name or None
+
+
+def sanitize_reference(branch):
+    safe = branch.replace("/", "__").replace("\\", "__")
+    safe = "".join(c if c.isalnum() or c in "-_." else "_" for c in safe)
+    return safe[:100] or "default"
+
+
+def find_git_root_reference(start=None):
+    current = (start if start is not None else Path.cwd()).absolute()
+    for candidate in (current, *current.parents):
+        if (candidate / ".git").exists():
+            return candidate
+    return None
+
+
+def outcome(f, *args):
+    try:
+        result = f(*args)
+    except Exception as e:  # noqa: BLE001 - the exception is the outcome compared
+        return type(e), str(e)
+    return type(result), result
+
+
+class SubPath(type(Path())):
+    """A path class of the host's own: reached through its methods, not the native shortcuts."""
+
+
+# ---------------------------------------------------------------------------
+# Branch names
+
+FRAGMENTS = ["refs/", "heads/", "remotes/", "origin/", "/", "\\", "-", "_", ".", " ", "\t", "\n", "\x1c", "\x85",
+             "\xa0", "\u2028", "\u3000", "\u200b", "\ufeff", "e\u0301", "\xb2", "\xbd", "\u0660", "größe", "ブランチ",
+             "\U0001f600", "\U00020000", "\ud800", "\udfff", "\x00", "Origin/", "HEAD"]
+names = st.lists(st.one_of(st.sampled_from(FRAGMENTS), st.characters(exclude_categories=())), max_size=40).map("".join)
+
+
+@settings(max_examples=800, deadline=None)
+@given(names)
+def test_branch_names_equal_the_reference(name):
+    gu = git_utils
+    assert outcome(gu.normalize_branch_name, name) == outcome(normalize_reference, name)
+    assert outcome(gu.sanitize_branch_name, name) == outcome(sanitize_reference, name)
+    assert outcome(gu.sanitize_branch_name, name * 7) == outcome(sanitize_reference, name * 7)
+
+
+@pytest.mark.parametrize(
+    "name, expected",
+    [
+        (None, None), ("", None), (" \t\u3000\n", None), ("origin/", None), ("refs/heads/", None),
+        ("refs/remotes/origin/", None), ("main", "main"), ("origin/main", "main"), ("refs/heads/main", "main"),
+        ("remotes/origin/main", "main"), ("refs/remotes/origin/main", "main"), ("  main\n", "main"),
+        ("origin/origin/x", "x"), ("refs/heads/refs/heads/x", "x"), ("origin/refs/heads/x", "x"),
+        ("refs/heads/origin/foo", "foo"), ("Origin/main", "Origin/main"), ("upstream/main", "upstream/main"),
+        ("origin/ main", " main"), ("origin/HEAD", "HEAD"), ("refs/tags/v1", "refs/tags/v1"),
+    ],
+)
+def test_normalize_branch_name(gu, name, expected):
+    assert gu.normalize_branch_name(name) == expected
+
+
+@pytest.mark.parametrize(
+    "branch, expected",
+    [
+        ("feature/login", "feature__login"), ("a\\b", "a__b"), ("hot fix#12", "hot_fix_12"),
+        ("release-1.2_rc", "release-1.2_rc"), ("", "default"), ("x" * 150, "x" * 100), ("y" * 99 + "/", "y" * 99 + "_"),
+        ("a b", "a_b"), ("a:b", "a_b"), ("größe", "größe"), ("ブランチ", "ブランチ"), ("e\u0301", "e_"),
+        ("\U0001f468\u200d\U0001f469", "___"), ("x\xb2\xbd", "x\xb2\xbd"), ("..", ".."),
+    ],
+)
+def test_sanitize_branch_name(gu, branch, expected):
+    assert gu.sanitize_branch_name(branch) == expected
+
+
+class Shouting(str):
+    def strip(self):
+        return Shouting(str.strip(self).upper())
+
+    def replace(self, old, new):
+        return list(str.replace(self, old, new)) + [7]
+
+
+@pytest.mark.parametrize("value", [None, 0, 5, b"", b"refs/heads/x", b"a/b", ["origin/x"], Shouting(" origin/x "),
+                                   Shouting("a/b"), type("S", (str,), {})(" origin/a/b ")])
+def test_other_arguments_behave_as_python_code(gu, value):
+    assert outcome(gu.normalize_branch_name, value) == outcome(normalize_reference, value)
+    assert outcome(gu.sanitize_branch_name, value) == outcome(sanitize_reference, value)
+
+
+# ---------------------------------------------------------------------------
+# Wiki paths
+
+@pytest.mark.parametrize("root", [Path("/r/x"), Path("rel"), Path("/"), PurePosixPath("/r"), SubPath("/s"), "str-root"])
+@pytest.mark.parametrize("branch", ["feature/x", "", ".", "..", "a\\b", "x" * 120, None])
+def test_wiki_paths_equal_the_chain_of_joins(gu, root, branch):
+    def reference(repo_root, b):
+        return repo_root / "memory" / "lorebook" / sanitize_reference(b)
+
+    assert outcome(gu.wiki_root, root) == outcome(lambda r: r / "memory" / "lorebook", root)
+    assert outcome(gu.wiki_directory, root, branch) == outcome(reference, root, branch)
+
+
+def test_wiki_directory_calls_the_namespace(gu, monkeypatch):
+    monkeypatch.setattr(gu, "sanitize_branch_name", lambda b: b.upper())
+    assert gu.wiki_directory(Path("/r"), "a") == Path("/r/memory/lorebook/A")
+    monkeypatch.setattr(gu, "wiki_root", lambda r: r / "w")
+    assert gu.wiki_directory(Path("/r"), "a") == Path("/r/w/A")
+    monkeypatch.delattr(gu, "sanitize_branch_name")
+    with pytest.raises(NameError, match="name 'sanitize_branch_name' is not defined"):
+        gu.wiki_directory(Path("/r"), "a")
+
+
+# ---------------------------------------------------------------------------
+# Discovery
+
+@pytest.fixture
+def tree(tmp_path):
+    """repo/.git (a directory), repo/inner/.git (a file), repo/file.txt, repo/loop -> repo/loop,
+    link -> repo, and plain/dangling/.git -> a missing entry."""
+    repo = tmp_path / "repo"
+    (repo / ".git").mkdir(parents=True)
+    (repo / "a" / "b").mkdir(parents=True)
+    (repo / "inner" / "deep").mkdir(parents=True)
+    (repo / "inner" / ".git").write_text("gitdir: elsewhere\n")
+    (repo / "file.txt").write_text("x")
+    (repo / "loop").symlink_to(repo / "loop")
+    (tmp_path / "link").symlink_to(repo)
+    (tmp_path / "plain" / "dangling").mkdir(parents=True)
+    (tmp_path / "plain" / "dangling" / ".git").symlink_to(tmp_path / "missing")
+    return tmp_path
+
+
+@pytest.mark.parametrize("path_type", [Path, SubPath])
+@pytest.mark.parametrize(
+    "start, expected",
+    [
+        ("repo", "repo"), ("repo/a/b", "repo"), ("repo/inner/deep", "repo/inner"), ("repo/missing/dir", "repo"),
+        ("repo/file.txt/sub", "repo"), ("repo/loop/x", "repo"), ("link/a/b", "link"), ("repo/inner/..", "repo/inner/.."),
+        ("plain/dangling", None),
+    ],
+)
+def test_find_git_root(gu, tree, path_type, start, expected):
+    start = path_type(tree / start)
+    found = gu.find_git_root(start)
+    assert found == find_git_root_reference(start) == (tree / expected if expected else None)
+    assert found is None or type(found) is type(start)
+
+
+def test_relative_start_and_working_directory(gu, tree, monkeypatch):
+    monkeypatch.chdir(tree / "repo" / "a")
+    assert gu.find_git_root(Path("b")) == tree / "repo" and gu.find_git_root() == tree / "repo"
+    assert gu.find_repo_root() == tree / "repo"
+    monkeypatch.chdir(tree / "plain")
+    assert gu.find_git_root() is None and gu.find_repo_root() == tree / "plain"
+    gone = tree / "plain" / "gone"
+    gone.mkdir()
+    monkeypatch.chdir(gone)
+    gone.rmdir()
+    for f in (gu.find_git_root, gu.find_repo_root):
+        with pytest.raises(FileNotFoundError):
+            f()
+
+
+def test_errors_other_than_a_missing_entry_propagate(gu, tree):
+    start = tree / ("n" * 300) / "x"
+    theirs = pytest.raises(OSError, find_git_root_reference, start).value
+    ours = pytest.raises(OSError, gu.find_git_root, start).value
+    assert (type(ours), ours.errno, ours.filename, str(ours)) == (type(theirs), errno.ENAMETOOLONG, theirs.filename,
+                                                                  str(theirs))
+
+
+@pytest.mark.skipif(os.geteuid() == 0, reason="permission bits do not stop root")
+def test_permission_denied_stops_the_search(gu, tree):
+    (tree / "repo" / "a").chmod(0)
+    try:
+        with pytest.raises(PermissionError):
+            gu.find_git_root(tree / "repo" / "a" / "b")
+    finally:
+        (tree / "repo" / "a").chmod(0o755)
+
+
+def test_discovery_reaches_path_through_the_namespace(gu, tree, monkeypatch):
+    class Here(SubPath):
+        @classmethod
+        def cwd(cls):
+            return cls(tree / "repo" / "a")
+
+    monkeypatch.setattr(gu, "Path", Here)
+    assert type(gu.find_git_root()) is Here and gu.find_repo_root() == tree / "repo"
+    monkeypatch.setattr(gu, "find_git_root", lambda: None)
+    assert gu.find_repo_root() == tree / "repo" / "a"
+
+
+# ---------------------------------------------------------------------------
+# Queries against a recording stand-in for run_git_command
+
+@pytest.fixture
+def recorder(gu, monkeypatch):
+    calls, replies = [], []
+
+    def run(repo_root, args):
+        calls.append((repo_root, args))
+        return replies.pop(0)
+
+    monkeypatch.setattr(gu, "run_git_command", run)
+    return calls, replies
+
+
+OK, FAIL = 0, 128
+HEAD_SHORT, HEAD_FULL = ["rev-parse", "--short", "HEAD"], ["rev-parse", "HEAD"]
+SYMREF, MAIN, MASTER = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse", "--verify", "main"], [
+    "rev-parse", "--verify", "master"]
+
+
+@pytest.mark.parametrize(
+    "name, args, replies, expected, runs",
+    [
+        ("resolve_display_branch", (), [(" feature/x\n", "", OK)], "feature/x", [["branch", "--show-current"]]),
+        ("resolve_display_branch", (), [("\n", "", OK)], None, [["branch", "--show-current"]]),
+        ("resolve_display_branch", (), [("x\n", "fatal", FAIL)], None, [["branch", "--show-current"]]),
+        ("get_head_commit", (), [("abc1234\n", "", OK)], "abc1234", [HEAD_SHORT]),
+        ("get_head_commit", (0,), [["abc\n", "", OK]], "abc", [HEAD_FULL]),
+        ("get_head_commit", ("",), [("", "fatal", FAIL)], None, [HEAD_FULL]),
+        ("get_default_branch", (), [("refs/remotes/origin/develop\n", "", OK)], "develop", [SYMREF]),
+        ("get_default_branch", (), [("refs/heads/odd\n", "", OK)], "refs/heads/odd", [SYMREF]),
+        ("get_default_branch", (), [(" \n", "", OK), ("", "", OK)], "main", [SYMREF, MAIN]),
+        ("get_default_branch", (), [("x", "", 1), ("", "", 1), ("y", "", OK)], "master", [SYMREF, MAIN, MASTER]),
+        ("get_default_branch", (), [("", "", FAIL)] * 3, "main", [SYMREF, MAIN, MASTER]),
+        ("branch_exists", ("feature",), [("", "", OK)], True, [["rev-parse", "--verify", "feature"]]),
+        ("branch_exists", ("feature",), [("", "", FAIL), ("", "", OK)], True,
+         [["rev-parse", "--verify", "feature"], ["rev-parse", "--verify", "origin/feature"]]),
+        ("branch_exists", ("origin/f",), [("", "", FAIL)], False, [["rev-parse", "--verify", "origin/f"]]),
+        ("branch_exists", ("-x",), [("", "", FAIL)] * 2, False,
+         [["rev-parse", "--verify", "-x"], ["rev-parse", "--verify", "origin/-x"]]),
+        ("resolve_commit", ("",), [], None, []),
+        ("resolve_commit", ("-x",), [], None, []),
+        ("resolve_commit", ("--all",), [], None, []),
+        ("resolve_commit", ("stable",), [(" abc\n", "", OK)], "abc",
+         [["rev-parse", "--verify", "--quiet", "stable^{commit}"]]),
+        ("resolve_commit", ("stable ",), [("", "", 1)], None, [["rev-parse", "--verify", "--quiet", "stable ^{commit}"]]),
+    ],
+)
+def test_queries_run_and_read(gu, recorder, tmp_path, name, args, replies, expected, runs):
+    calls, queued = recorder
+    queued.extend(replies)
+    result = getattr(gu, name)(tmp_path, *args)
+    assert result == expected and type(result) is type(expected)
+    assert [a for _, a in calls] == runs and all(root is tmp_path for root, _ in calls) and not queued
+
+
+@pytest.mark.parametrize("reply", [("a", "b"), ("a", "b", 0, 1), None, 7])
+def test_unpacking_errors_are_pythons(gu, recorder, tmp_path, reply):
+    def python_code():
+        stdout, _, returncode = reply
+
+    recorder[1].extend([reply] * 2)
+    expected = pytest.raises((TypeError, ValueError), python_code).value
+    for query in (gu.get_head_commit, gu.resolve_display_branch):
+        error = pytest.raises(type(expected), query, tmp_path).value
+        assert str(error) == str(expected)
+
+
+# ---------------------------------------------------------------------------
+# Queries against real repositories
+
+@pytest.fixture
+def git(monkeypatch, tmp_path):
+    for key, value in {"GIT_AUTHOR_NAME": "A", "GIT_AUTHOR_EMAIL": "a@x", "GIT_COMMITTER_NAME": "A",
+                       "GIT_COMMITTER_EMAIL": "a@x", "GIT_AUTHOR_DATE": "2024-01-02T03:04:05+00:00",
+                       "GIT_COMMITTER_DATE": "2024-01-02T03:04:05+00:00", "GIT_CONFIG_NOSYSTEM": "1",
+                       "HOME": str(tmp_path)}.items():
+        monkeypatch.setenv(key, value)
+
+    def run(cwd, *args):
+        return subprocess.run(["git", *args], cwd=cwd, check=True, capture_output=True, text=True).stdout.strip()
+
+    def init(path, branch):
+        path.mkdir(parents=True)
+        run(path, "init", "-q", "-b", branch)
+        return path
+
+    run.init = init
+    return run
+
+
+def test_repository_with_branches_tags_and_remote(gu, git, tmp_path):
+    repo = git.init(tmp_path / "repo", "main")
+    git(repo, "commit", "-q", "--allow-empty", "-m", "one")
+    git(repo, "tag", "-a", "v1", "-m", "tag")
+    git(repo, "commit", "-q", "--allow-empty", "-m", "two")
+    head, first, tree = git(repo, "rev-parse", "HEAD"), git(repo, "rev-parse", "v1^{commit}"), git(repo, "rev-parse",
+                                                                                                   "HEAD^{tree}")
+    git(repo, "update-ref", "refs/remotes/origin/feature", first)
+    git(repo, "checkout", "-q", "-b", "feature/x")
+    assert gu.resolve_display_branch(repo) == "feature/x"
+    assert gu.get_head_commit(repo, False) == head and head.startswith(gu.get_head_commit(repo))
+    assert gu.get_default_branch(repo) == "main"
+    assert [gu.branch_exists(repo, b) for b in ("feature", "origin/feature", "v1", first, "nope", "origin/nope")] == [
+        True, True, True, True, False, False]
+    assert gu.resolve_commit(repo, "v1") == first != git(repo, "rev-parse", "v1")
+    assert gu.resolve_commit(repo, "main") == head and gu.resolve_commit(repo, "main ") is None
+    assert gu.resolve_commit(repo, tree) is None and gu.resolve_commit(repo, "-h") is None
+    git(repo, "update-ref", "refs/remotes/origin/develop", first)
+    git(repo, "symbolic-ref", "refs/remotes/origin/HEAD", "refs/remotes/origin/develop")
+    assert gu.get_default_branch(repo) == "develop"
+    git(repo, "checkout", "-q", "--detach")
+    assert gu.resolve_display_branch(repo) is None and gu.get_head_commit(repo, False) == head
+    worktree = tmp_path / "wt"
+    git(repo, "worktree", "add", "-q", "-b", "wt", str(worktree))
+    (worktree / "sub").mkdir()
+    assert (worktree / ".git").is_file() and gu.find_git_root(worktree / "sub") == worktree
+    assert gu.resolve_display_branch(worktree) == "wt" and gu.get_head_commit(worktree, False) == head
+
+
+@pytest.mark.parametrize("branch, commit, expected", [("master", True, "master"), ("trunk", True, "main"),
+                                                      ("master", False, "main")])
+def test_default_branch_fallbacks(gu, git, tmp_path, branch, commit, expected):
+    repo = git.init(tmp_path / "r", branch)
+    if commit:
+        git(repo, "commit", "-q", "--allow-empty", "-m", "one")
+    assert gu.get_default_branch(repo) == expected
+    assert (gu.get_head_commit(repo) is None) == (not commit) and (gu.get_head_commit(repo, False) is None) == (
+        not commit)
+
+
+def test_outside_every_repository(gu, git, tmp_path):
+    nowhere = tmp_path / "nowhere"
+    nowhere.mkdir()
+    assert [gu.resolve_display_branch(nowhere), gu.get_head_commit(nowhere), gu.resolve_commit(nowhere, "HEAD"),
+            gu.get_default_branch(nowhere), gu.branch_exists(nowhere, "main")] == [None, None, None, "main", False]
+
+
+def test_signatures(gu):
+    def expected(start: Path | None = None) -> Path | None: ...
+
+    assert inspect.signature(gu.find_git_root) == inspect.signature(expected)
+    assert gu.get_head_commit.__defaults__ == (True,) and gu.find_repo_root.__annotations__ == {"return": Path}
+    assert gu.resolve_commit.__annotations__ == {"repo_root": Path, "name": str, "return": str | None}
