@@ -1,0 +1,91 @@
+"""History benchmarks, side by side in one run.
+
+    python benchmarks/bench_history.py
+
+parse_time_spec on relative and ISO specs against the same function written
+in plain Python on top of datetime.fromisoformat; count_commits and
+commit_before against the bare git command line.
+"""
+
+from __future__ import annotations
+
+import re
+import subprocess
+import sys
+import tempfile
+import time
+from datetime import datetime, timedelta
+from pathlib import Path
+
+from morvane_tessary.utils import git_utils
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+from bench_runner import bare, build_bare  # noqa: E402
+
+_RELATIVE = re.compile(r"(\d+)([mhdw])")
+_UNITS = {"m": "minutes", "h": "hours", "d": "days", "w": "weeks"}
+
+
+def reference_parse_time_spec(since: str) -> datetime:
+    spec = since.strip()
+    try:
+        match = _RELATIVE.fullmatch(spec)
+        if match:
+            amount = int(match.group(1))
+            if amount > 0:
+                return datetime.now() - timedelta(**{_UNITS[match.group(2)]: amount})
+        elif spec:
+            moment = datetime.fromisoformat(spec)
+            if moment.tzinfo is not None:
+                moment = moment.astimezone().replace(tzinfo=None)
+            return moment
+    except ValueError:
+        pass
+    except OverflowError as exc:
+        raise ValueError(f"since {since!r} reaches outside the calendar") from exc
+    raise ValueError(f"since must be {git_utils.TIME_SPEC_FORMS}; got {since!r}")
+
+
+def per_call(fn, runs: int) -> float:
+    fn()
+    start = time.perf_counter()
+    for _ in range(runs):
+        fn()
+    return (time.perf_counter() - start) / runs
+
+
+def main() -> None:
+    rows = []
+    for spec in ("7d", "30m", "2026-09-01", "2026-09-01T12:30:05+02:00"):
+        ours = min(per_call(lambda: git_utils.parse_time_spec(spec), 20000) for _ in range(5))
+        ref = min(per_call(lambda: reference_parse_time_spec(spec), 20000) for _ in range(5))
+        rows.append((f"parse_time_spec({spec!r})", ours, f"plain Python / module {ref / ours:.2f}"))
+
+    exe = build_bare()
+    with tempfile.TemporaryDirectory() as tmp:
+        root = Path(tmp)
+        subprocess.run(["git", "init", "-q", str(root)], check=True)
+        for i in range(20):
+            subprocess.run(["git", "-c", "user.name=b", "-c", "user.email=b@x", "commit", "-q", "--allow-empty",
+                            "-m", str(i)], cwd=root, check=True)
+        moment = datetime.now()
+        jobs = [
+            ("count_commits", lambda: git_utils.count_commits(root, "HEAD~10", "HEAD"),
+             ["rev-list", "--count", "HEAD~10..HEAD"]),
+            ("commit_before", lambda: git_utils.commit_before(root, "HEAD", moment),
+             ["rev-list", "-1", f"--before={moment:%Y-%m-%d %H:%M:%S}", "HEAD"]),
+        ]
+        for name, fn, args in jobs:
+            rounds = [(bare(exe, 30, root, args), per_call(fn, 30)) for _ in range(8)]
+            t_bare, t_mod = (min(r[i] for r in rounds) for i in range(2))
+            rows.append((f"{name}: bare git", t_bare, ""))
+            rows.append((f"{name}: module", t_mod, f"module/bare {t_mod / t_bare:.3f}"))
+
+    width = max(len(r[0]) for r in rows)
+    print(f"{'job':<{width}}  {'seconds':>10}  ratio")
+    for name, seconds, note in rows:
+        print(f"{name:<{width}}  {seconds:>10.7f}  {note}")
+
+
+if __name__ == "__main__":
+    main()
