@@ -247,15 +247,11 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     if (!args) return nullptr;
     Ref result = call_run_git_command(module, repo_root, args.get());
     if (!result) return nullptr;
-    Ref seq = Ref::steal(PySequence_Tuple(result.get()));
-    if (!seq) return nullptr;
-    if (PyTuple_GET_SIZE(seq.get()) != 3) {
-        PyErr_SetString(PyExc_ValueError, "expected (stdout, stderr, returncode) from run_git_command");
-        return nullptr;
-    }
-    PyObject* out = PyTuple_GET_ITEM(seq.get(), 0);
-    PyObject* err = PyTuple_GET_ITEM(seq.get(), 1);
-    PyObject* code = PyTuple_GET_ITEM(seq.get(), 2);
+    Ref parts[3];
+    if (!unpack_git_result(result.get(), parts)) return nullptr;
+    PyObject* out = parts[0].get();
+    PyObject* err = parts[1].get();
+    PyObject* code = parts[2].get();
     Ref zero = Ref::steal(PyLong_FromLong(0));
     if (!zero) return nullptr;
     const int failed = PyObject_RichCompareBool(code, zero.get(), Py_NE);

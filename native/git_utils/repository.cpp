@@ -387,37 +387,6 @@ Ref arg_list(std::initializer_list<const char*> fixed, PyObject* last = nullptr)
     return list;
 }
 
-// stdout, _, returncode = <value>, with the interpreter's unpacking errors.
-bool unpack3(PyObject* value, Ref out[3]) {
-    if (PyTuple_CheckExact(value) && PyTuple_GET_SIZE(value) == 3) {
-        for (Py_ssize_t i = 0; i < 3; ++i) out[i] = Ref::borrow(PyTuple_GET_ITEM(value, i));
-        return true;
-    }
-    Ref iter = Ref::steal(PyObject_GetIter(value));
-    if (!iter) {
-        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(value)->tp_iter == nullptr &&
-            !PySequence_Check(value)) {
-            PyErr_Clear();
-            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value)->tp_name);
-        }
-        return false;
-    }
-    for (int i = 0; i < 3; ++i) {
-        out[i] = Ref::steal(PyIter_Next(iter.get()));
-        if (!out[i]) {
-            if (!PyErr_Occurred())
-                PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
-            return false;
-        }
-    }
-    Ref extra = Ref::steal(PyIter_Next(iter.get()));
-    if (extra) {
-        PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
-        return false;
-    }
-    return !PyErr_Occurred();
-}
-
 struct GitResult {
     Ref out;
     Ref code;
@@ -428,7 +397,7 @@ bool run_git(PyObject* module, PyObject* repo_root, Ref args, GitResult& result)
     if (!args) return false;
     Ref triple = call_run_git_command(module, repo_root, args.get());
     Ref parts[3];
-    if (!triple || !unpack3(triple.get(), parts)) return false;
+    if (!triple || !unpack_git_result(triple.get(), parts)) return false;
     result.out = std::move(parts[0]);
     result.code = std::move(parts[2]);
     return true;

@@ -325,41 +325,10 @@ PyObject* run_git_command(PyObject* module, PyObject* const* a) {
                                   options.get(), args);
 }
 
-// stdout, stderr, returncode = <iterable>, with the interpreter's messages.
-bool unpack3(PyObject* value, Ref out[3]) {
-    if (PyTuple_CheckExact(value) && PyTuple_GET_SIZE(value) == 3) {
-        for (Py_ssize_t i = 0; i < 3; ++i) out[i] = Ref::borrow(PyTuple_GET_ITEM(value, i));
-        return true;
-    }
-    Ref iter = Ref::steal(PyObject_GetIter(value));
-    if (!iter) {
-        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(value)->tp_iter == nullptr &&
-            !PySequence_Check(value)) {
-            PyErr_Clear();
-            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value)->tp_name);
-        }
-        return false;
-    }
-    for (int i = 0; i < 3; ++i) {
-        out[i] = Ref::steal(PyIter_Next(iter.get()));
-        if (!out[i]) {
-            if (!PyErr_Occurred())
-                PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
-            return false;
-        }
-    }
-    Ref extra = Ref::steal(PyIter_Next(iter.get()));
-    if (extra) {
-        PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
-        return false;
-    }
-    return !PyErr_Occurred();
-}
-
 PyObject* git_output(PyObject* module, PyObject* const* a) {
     Ref result = call_run_git_command(module, a[0], a[1]);
     Ref parts[3];
-    if (!result || !unpack3(result.get(), parts)) return nullptr;
+    if (!result || !unpack_git_result(result.get(), parts)) return nullptr;
     Ref zero = Ref::steal(PyLong_FromLong(0));
     if (!zero) return nullptr;
     const int failed = PyObject_RichCompareBool(parts[2].get(), zero.get(), Py_NE);
@@ -397,6 +366,36 @@ Ref call_named(PyObject* module, Name name, PyObject* repo_root, PyObject* args)
 }
 
 }  // namespace
+
+bool unpack_git_result(PyObject* value, Ref out[3]) {
+    if (PyTuple_CheckExact(value) && PyTuple_GET_SIZE(value) == 3) {
+        for (Py_ssize_t i = 0; i < 3; ++i) out[i] = Ref::borrow(PyTuple_GET_ITEM(value, i));
+        return true;
+    }
+    Ref iter = Ref::steal(PyObject_GetIter(value));
+    if (!iter) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(value)->tp_iter == nullptr &&
+            !PySequence_Check(value)) {
+            PyErr_Clear();
+            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value)->tp_name);
+        }
+        return false;
+    }
+    for (int i = 0; i < 3; ++i) {
+        out[i] = Ref::steal(PyIter_Next(iter.get()));
+        if (!out[i]) {
+            if (!PyErr_Occurred())
+                PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
+            return false;
+        }
+    }
+    Ref extra = Ref::steal(PyIter_Next(iter.get()));
+    if (extra) {
+        PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
+        return false;
+    }
+    return !PyErr_Occurred();
+}
 
 Ref call_run_git_command(PyObject* module, PyObject* repo_root, PyObject* args) {
     return call_named(module, Name::run_git_command, repo_root, args);

@@ -20,4 +20,8 @@ extern const char* const kGitErrorDoc;
 Ref call_run_git_command(PyObject* module, PyObject* repo_root, PyObject* args);
 Ref call_git_output(PyObject* module, PyObject* repo_root, PyObject* args);
 
+// stdout, stderr, returncode = value, with the interpreter's unpacking
+// errors; false with an exception set.
+bool unpack_git_result(PyObject* value, Ref out[3]);
+
 }  // namespace gu
