@@ -1,0 +1,17 @@
+// Names git prints inside double quotes carry C-style escapes: \" \\ \t \n
+// and the like, and \ooo octal bytes for everything outside printable ASCII.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace gu::core {
+
+// Appends the bytes `text` stands for to `out`, left to right: a backslash
+// and three octal digits is one byte, a backslash and any other character
+// is that character (a, b, f, n, r, t, v give their control bytes), and a
+// backslash at the very end stays. Returns false for an octal value above
+// 0377; `out` then holds a partial result.
+bool unquote(std::string_view text, std::string& out);
+
+}  // namespace gu::core
