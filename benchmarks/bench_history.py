@@ -20,7 +20,7 @@ from pathlib import Path
 from morvane_tessary.utils import git_utils
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from bench_runner import bare, build_bare  # noqa: E402
+from bench_runner import bare, build_bare, print_table  # noqa: E402
 
 _RELATIVE = re.compile(r"(\d+)([mhdw])")
 _UNITS = {"m": "minutes", "h": "hours", "d": "days", "w": "weeks"}
@@ -81,10 +81,7 @@ def main() -> None:
             rows.append((f"{name}: bare git", t_bare, ""))
             rows.append((f"{name}: module", t_mod, f"module/bare {t_mod / t_bare:.3f}"))
 
-    width = max(len(r[0]) for r in rows)
-    print(f"{'job':<{width}}  {'seconds':>10}  ratio")
-    for name, seconds, note in rows:
-        print(f"{name:<{width}}  {seconds:>10.7f}  {note}")
+    print_table(rows)
 
 
 if __name__ == "__main__":

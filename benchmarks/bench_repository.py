@@ -19,7 +19,7 @@ import timeit
 from pathlib import Path
 
 import repository_reference as ref
-from bench_runner import bare, build_bare, timed
+from bench_runner import bare, build_bare, print_table, timed
 
 from morvane_tessary.utils import git_utils
 
@@ -80,11 +80,8 @@ def main() -> None:
             rows.append((f"{name}: run_git_command", t_run, f"runner/bare {t_run / t_bare:.3f}"))
             rows.append((f"{name}: module", t_mod, f"module/bare {t_mod / t_bare:.3f}"))
 
-    width = max(len(r[0]) for r in rows)
     print(f"Python {sys.version.split()[0]}")
-    print(f"{'job':<{width}}  {'seconds':>12}  ratio")
-    for name, seconds, note in rows:
-        print(f"{name:<{width}}  {seconds:>12.9f}  {note}")
+    print_table(rows)
 
 
 if __name__ == "__main__":

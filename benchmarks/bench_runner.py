@@ -78,6 +78,13 @@ def peak_memory_of_run(root: Path, args: list[str]) -> tuple[int, int]:
     return int(out[0]), int(out[1])
 
 
+def print_table(rows: list[tuple[str, float, str]]) -> None:
+    width = max(len(r[0]) for r in rows)
+    print(f"{'job':<{width}}  {'seconds':>12}  ratio")
+    for name, seconds, note in rows:
+        print(f"{name:<{width}}  {seconds:>12.9f}  {note}")
+
+
 def main() -> None:
     parser = argparse.ArgumentParser()
     parser.add_argument("--runs", type=int, default=300)
@@ -127,10 +134,7 @@ def main() -> None:
         rows.append(("one run of the big output", one, ""))
         rows.append(("two threads side by side", both, f"two/one {both / one:.2f}"))
 
-    width = max(len(r[0]) for r in rows)
-    print(f"{'job':<{width}}  {'seconds':>10}  ratio")
-    for name, seconds, note in rows:
-        print(f"{name:<{width}}  {seconds:>10.6f}  {note}")
+    print_table(rows)
 
 
 if __name__ == "__main__":

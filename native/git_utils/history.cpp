@@ -3,6 +3,7 @@
 #include "git_utils/history.hpp"
 
 #include <string_view>
+#include <utility>
 
 #include "core/iso_time.hpp"
 #include "git_utils/runner.hpp"
@@ -165,7 +166,9 @@ PyObject* parse_time_spec(PyObject* module, PyObject* const* a) {
     const int relative = match_relative(module, spec.get(), amount, unit);
     if (relative < 0) return guard_failure(module, since);
     if (relative > 0) {
-        const int positive = PyObject_RichCompareBool(amount.get(), Ref::steal(PyLong_FromLong(0)).get(), Py_GT);
+        Ref zero = Ref::steal(PyLong_FromLong(0));
+        if (!zero) return nullptr;
+        const int positive = PyObject_RichCompareBool(amount.get(), zero.get(), Py_GT);
         if (positive < 0) return nullptr;
         if (!positive) return refuse(module, since);
         Ref moment = relative_moment(module, amount.get(), unit.get());
@@ -285,6 +288,16 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
 
 // ---- counting and lookup ---------------------------------------------------
 
+// _git_output(...).strip(), and whether anything is left of it.
+Ref stripped_output(PyObject* module, PyObject* repo_root, PyObject* args, int& has_text) {
+    Ref out = call_git_output(module, repo_root, args);
+    if (!out) return Ref();
+    Ref stripped = call_method(out.get(), "strip");
+    if (!stripped) return Ref();
+    has_text = PyObject_IsTrue(stripped.get());
+    return has_text < 0 ? Ref() : std::move(stripped);
+}
+
 PyObject* count_commits(PyObject* module, PyObject* const* a) {
     Ref base = formatted(a[1]);
     Ref head = formatted(a[2]);
@@ -296,12 +309,9 @@ PyObject* count_commits(PyObject* module, PyObject* const* a) {
     if (!range) return nullptr;
     Ref args = Ref::steal(Py_BuildValue("[ssO]", "rev-list", "--count", range.get()));
     if (!args) return nullptr;
-    Ref out = call_git_output(module, a[0], args.get());
-    if (!out) return nullptr;
-    Ref stripped = call_method(out.get(), "strip");
+    int has_text = 0;
+    Ref stripped = stripped_output(module, a[0], args.get(), has_text);
     if (!stripped) return nullptr;
-    const int has_text = PyObject_IsTrue(stripped.get());
-    if (has_text < 0) return nullptr;
     if (!has_text) return PyLong_FromLong(0);
     return PyLong_FromUnicodeObject(stripped.get(), 10);
 }
@@ -314,12 +324,9 @@ PyObject* commit_before(PyObject* module, PyObject* const* a) {
     if (!before) return nullptr;
     Ref args = Ref::steal(Py_BuildValue("[ssOO]", "rev-list", "-1", before.get(), a[1]));
     if (!args) return nullptr;
-    Ref out = call_git_output(module, a[0], args.get());
-    if (!out) return nullptr;
-    Ref stripped = call_method(out.get(), "strip");
+    int has_text = 0;
+    Ref stripped = stripped_output(module, a[0], args.get(), has_text);
     if (!stripped) return nullptr;
-    const int has_text = PyObject_IsTrue(stripped.get());
-    if (has_text < 0) return nullptr;
     if (!has_text) Py_RETURN_NONE;
     return stripped.release();
 }
