@@ -5,6 +5,7 @@
 
 #include <variant>
 
+#include "git_utils/changes.hpp"
 #include "git_utils/function.hpp"
 #include "git_utils/history.hpp"
 #include "git_utils/names.hpp"
@@ -100,6 +101,18 @@ const Entry kNamespace[] = {
     {Name::resolve_commit, Function{&kResolveCommit}},
     {Name::count_commits, Function{&kCountCommits}},
     {Name::commit_before, Function{&kCommitBefore}},
+    {Name::diff_file_changes, Function{&kDiffFileChanges}},
+    {Name::log_commit_changes, Function{&kLogCommitChanges}},
+    {Name::diff_line_spans, Function{&kDiffLineSpans}},
+    {Name::parse_file_changes, Function{&kParseFileChanges}},
+    {Name::parse_commit_changes, Function{&kParseCommitChanges}},
+    {Name::parse_line_spans, Function{&kParseLineSpans}},
+    {Name::_span, Function{&kSpan}},
+    {Name::_file_changes, Function{&kFileChanges}},
+    {Name::_line_count, Function{&kLineCount}},
+    {Name::_patch_path, Function{&kPatchPath}},
+    {Name::_unquote, Function{&kUnquote}},
+    {Name::_path_batches, Function{&kPathBatches}},
     {Name::_git_output, Function{&kGitOutput}},
 };
 

@@ -1,0 +1,239 @@
+// The change queries: each builds git's argument list, runs it through the
+// strict runner found in the namespace and returns what the parser found
+// there makes of the output. diff_line_spans runs git once per batch of
+// paths and merges the answers.
+#include <initializer_list>
+#include <limits>
+
+#include "git_utils/changes.hpp"
+#include "git_utils/collaborators.hpp"
+#include "git_utils/runner.hpp"
+
+namespace gu {
+namespace {
+
+constexpr const char* kGitMomentFormat = "%Y-%m-%d %H:%M:%S";
+
+// A new list of the texts in `fixed`.
+Ref text_list(std::initializer_list<const char*> fixed) {
+    Ref list = Ref::steal(PyList_New(0));
+    if (!list) return Ref();
+    for (const char* s : fixed) {
+        Ref item = Ref::steal(PyUnicode_FromString(s));
+        if (!item || PyList_Append(list.get(), item.get()) < 0) return Ref();
+    }
+    return list;
+}
+
+bool append(const Ref& list, Ref item) { return item && PyList_Append(list.get(), item.get()) == 0; }
+
+// f"{base}...{head}"
+Ref three_dots(PyObject* base, PyObject* head) {
+    Ref b = Ref::steal(PyObject_Format(base, nullptr));
+    if (!b) return Ref();
+    Ref h = Ref::steal(PyObject_Format(head, nullptr));
+    if (!h) return Ref();
+    return Ref::steal(PyUnicode_FromFormat("%U...%U", b.get(), h.get()));
+}
+
+// prefix + f"{value}"
+Ref prefixed(const char* prefix, PyObject* value) {
+    Ref v = Ref::steal(PyObject_Format(value, nullptr));
+    if (!v) return Ref();
+    return Ref::steal(PyUnicode_FromFormat("%s%U", prefix, v.get()));
+}
+
+// parser(_git_output(repo_root, args)), both found in the namespace.
+PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, Name parser) {
+    Ref output = call_git_output(module, repo_root, args);
+    if (!output) return nullptr;
+    Ref parse = lookup(module, parser);
+    if (!parse) return nullptr;
+    return PyObject_CallOneArg(parse.get(), output.get());
+}
+
+PyObject* diff_file_changes(PyObject* module, PyObject* const* a) {
+    Ref args = text_list({"diff", "--raw", "--numstat", "-M", "-z", "--no-textconv"});
+    if (!args || !append(args, three_dots(a[1], a[2]))) return nullptr;
+    return run_and_parse(module, a[0], args.get(), Name::parse_file_changes);
+}
+
+PyObject* log_commit_changes(PyObject* module, PyObject* const* a) {
+    PyObject* since = a[1];
+    PyObject* ref = a[2];
+    PyObject* max_commits = a[3];
+    Ref args = text_list({"log"});
+    if (!args) return nullptr;
+    Ref moment = Ref::steal(PyObject_CallMethod(since, "strftime", "s", kGitMomentFormat));
+    if (!moment || !append(args, prefixed("--since=", moment.get())) ||
+        !append(args, prefixed("--max-count=", max_commits)))
+        return nullptr;
+    for (const char* fixed : {"--no-show-signature", "--format=%x1e%ct", "--raw", "--numstat", "-M", "-z"})
+        if (!append(args, Ref::steal(PyUnicode_FromString(fixed)))) return nullptr;
+    if (ref != Py_None && PyList_Append(args.get(), ref) < 0) return nullptr;
+    return run_and_parse(module, a[0], args.get(), Name::parse_commit_changes);
+}
+
+// The arguments every batch of diff_line_spans shares.
+Ref patch_command(PyObject* module, PyObject* base, PyObject* head, PyObject* merge_base, PyObject* diff_filter) {
+    Ref command = text_list({"-c", "core.quotepath=off", "--literal-pathspecs", "diff"});
+    Ref options = lookup(module, Name::_PATCH_OPTIONS);
+    if (!command || !options) return Ref();
+    Ref iterator = Ref::steal(PyObject_GetIter(options.get()));
+    if (!iterator) return Ref();
+    while (Ref option = Ref::steal(PyIter_Next(iterator.get())))
+        if (PyList_Append(command.get(), option.get()) < 0) return Ref();
+    if (PyErr_Occurred() || !append(command, prefixed("--diff-filter=", diff_filter))) return Ref();
+    const int three_dot = PyObject_IsTrue(merge_base);
+    if (three_dot < 0) return Ref();
+    if (three_dot) {
+        if (!append(command, three_dots(base, head))) return Ref();
+    } else if (PyList_Append(command.get(), base) < 0 || PyList_Append(command.get(), head) < 0) {
+        return Ref();
+    }
+    return command;
+}
+
+// [*command, "--", *batch] for a batch with paths, else a copy of command.
+Ref batch_arguments(PyObject* command, PyObject* batch) {
+    Ref arguments = Ref::steal(PyList_GetSlice(command, 0, PY_SSIZE_T_MAX));
+    if (!arguments) return Ref();
+    const int has_paths = PyObject_IsTrue(batch);
+    if (has_paths < 0) return Ref();
+    if (!has_paths) return arguments;
+    if (!append(arguments, Ref::steal(PyUnicode_FromString("--")))) return Ref();
+    Ref iterator = Ref::steal(PyObject_GetIter(batch));
+    if (!iterator) return Ref();
+    while (Ref path = Ref::steal(PyIter_Next(iterator.get())))
+        if (PyList_Append(arguments.get(), path.get()) < 0) return Ref();
+    return PyErr_Occurred() ? Ref() : std::move(arguments);
+}
+
+PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
+    PyObject* repo_root = a[0];
+    PyObject* paths = a[4];
+    Ref command = patch_command(module, a[1], a[2], a[3], a[5]);
+    if (!command) return nullptr;
+    Ref result = Ref::steal(PyDict_New());
+    if (!result) return nullptr;
+    const int has_paths = PyObject_IsTrue(paths);
+    if (has_paths < 0) return nullptr;
+    Ref batches;
+    if (has_paths) {
+        Ref batch_paths = lookup(module, Name::_path_batches);
+        if (!batch_paths) return nullptr;
+        batches = Ref::steal(PyObject_CallOneArg(batch_paths.get(), paths));
+    } else {
+        batches = Ref::steal(Py_BuildValue("[[]]"));
+    }
+    if (!batches) return nullptr;
+    Ref iterator = Ref::steal(PyObject_GetIter(batches.get()));
+    if (!iterator) return nullptr;
+    Collaborator git_output(module, Name::_git_output);
+    Collaborator parse(module, Name::parse_line_spans);
+    while (Ref batch = Ref::steal(PyIter_Next(iterator.get()))) {
+        Ref arguments = batch_arguments(command.get(), batch.get());
+        if (!arguments || git_output.get() == nullptr) return nullptr;
+        PyObject* call_args[] = {repo_root, arguments.get()};
+        Ref output = Ref::steal(PyObject_Vectorcall(git_output.get(), call_args, 2, nullptr));
+        if (!output || parse.get() == nullptr) return nullptr;
+        Ref spans = Ref::steal(PyObject_CallOneArg(parse.get(), output.get()));
+        if (!spans) return nullptr;
+        // result.update(spans): a later batch's list replaces an earlier one's
+        const int merged = PyDict_Check(spans.get())
+                               ? PyDict_Update(result.get(), spans.get())
+                               : (Ref::steal(PyObject_CallMethod(result.get(), "update", "O", spans.get())) ? 0 : -1);
+        if (merged < 0) return nullptr;
+    }
+    return PyErr_Occurred() ? nullptr : result.release();
+}
+
+// Whether length + 1 more characters pass the limit: natively for an int
+// limit, through the objects' comparison for anything else.
+int exceeds(PyObject* limit, Py_ssize_t total) {
+    if (PyLong_CheckExact(limit)) {
+        int overflow = 0;
+        const long long max = PyLong_AsLongLongAndOverflow(limit, &overflow);
+        if (overflow) return overflow < 0 ? 1 : 0;
+        return static_cast<long long>(total) > max ? 1 : 0;
+    }
+    Ref t = Ref::steal(PyLong_FromSsize_t(total));
+    if (!t) return -1;
+    Ref r = Ref::steal(PyObject_RichCompare(t.get(), limit, Py_GT));
+    return r ? PyObject_IsTrue(r.get()) : -1;
+}
+
+PyObject* path_batches(PyObject* module, PyObject* const* a) {
+    Ref batches = Ref::steal(Py_BuildValue("[[]]"));
+    if (!batches) return nullptr;
+    PyObject* batch = PyList_GET_ITEM(batches.get(), 0);
+    Py_ssize_t length = 0;
+    Collaborator limit(module, Name::_MAX_PATHSPEC_CHARS);
+    Ref iterator = Ref::steal(PyObject_GetIter(a[0]));
+    if (!iterator) return nullptr;
+    while (Ref path = Ref::steal(PyIter_Next(iterator.get()))) {
+        const Py_ssize_t n = PyObject_Length(path.get());
+        if (n < 0) return nullptr;
+        if (PyList_GET_SIZE(batch) > 0) {
+            if (limit.get() == nullptr) return nullptr;
+            const int over = exceeds(limit.get(), length + n + 1);
+            if (over < 0) return nullptr;
+            if (over) {
+                Ref next = Ref::steal(PyList_New(0));
+                if (!next || PyList_Append(batches.get(), next.get()) < 0) return nullptr;
+                batch = next.get();  // owned by batches
+                length = 0;
+            }
+        }
+        if (PyList_Append(batch, path.get()) < 0) return nullptr;
+        length += n + 1;
+    }
+    return PyErr_Occurred() ? nullptr : batches.release();
+}
+
+}  // namespace
+
+const FunctionDef kDiffFileChanges = {
+    Name::diff_file_changes,
+    "(repo_root: Path, base: str, head: str) -> list[FileChange]",
+    "List the files that head changed since it left base (git diff base...head,\n"
+    "against their merge base), as FileChange records in git's order, with\n"
+    "renames detected. Raises GitError when git fails.",
+    diff_file_changes,
+};
+
+const FunctionDef kLogCommitChanges = {
+    Name::log_commit_changes,
+    "(repo_root: Path, *, since: datetime, ref: str | None, max_commits: int) -> list[CommitChanges]",
+    "List the commits of ref's history (HEAD's when ref is None) made since\n"
+    "the local moment since, at most max_commits of them, newest first, as\n"
+    "CommitChanges records with the files each changed (none for a merge).\n"
+    "All three are keyword-only and required. Raises GitError when git fails.",
+    log_commit_changes,
+};
+
+const FunctionDef kDiffLineSpans = {
+    Name::diff_line_spans,
+    "(repo_root: Path, base: str, head: str, *, merge_base: bool, paths: Sequence[str] = (), "
+    "diff_filter: str = \"MR\") -> dict[str, list[LineSpan]]",
+    "Map each file a diff changed to the LineSpan records of its newer side.\n\n"
+    "merge_base (keyword-only, required) compares head with the point where it\n"
+    "left base (base...head) rather than with base itself. paths, when given,\n"
+    "limits the diff to those literal paths; a long list runs git once per\n"
+    "batch of paths that fits on a command line, a later batch's answer for a\n"
+    "path replacing an earlier one. diff_filter names the kinds of change to\n"
+    "read (git's --diff-filter letters; modified and renamed by default).\n"
+    "Raises GitError when any git run fails.",
+    diff_line_spans,
+};
+
+const FunctionDef kPathBatches = {
+    Name::_path_batches,
+    "(paths: Sequence[str]) -> list[list[str]]",
+    "Cut paths, in order, into batches whose lengths (one extra character per\n"
+    "path) add up to at most _MAX_PATHSPEC_CHARS; a longer path makes a batch\n"
+    "of its own. No paths give one empty batch.",
+    path_batches,
+};
+
+}  // namespace gu

@@ -1,0 +1,45 @@
+// How a call finds its collaborators: each is read from the namespace when
+// the call first needs it, once per call, so a host's replacement is used
+// from the next call on and a name the call never needs is never looked up.
+#pragma once
+
+#include <Python.h>
+
+#include "git_utils/names.hpp"
+#include "git_utils/ref.hpp"
+#include "git_utils/state.hpp"
+
+namespace gu {
+
+// What the namespace holds under `name` now, borrowed, or null (without an
+// exception) when it holds nothing there.
+inline PyObject* peek(PyObject* module, Name name) {
+    PyObject* found = PyDict_GetItemWithError(PyModule_GetDict(module), state_of(module)->names[index(name)]);
+    if (found == nullptr) PyErr_Clear();
+    return found;
+}
+
+// Whether the namespace still holds what loading bound under `name`.
+inline bool unchanged(PyObject* module, Name name) {
+    return is_original(state_of(module), name, peek(module, name));
+}
+
+// A collaborator read at its first use in a call and kept for the rest of it.
+class Collaborator {
+public:
+    Collaborator(PyObject* module, Name name) : module_(module), name_(name) {}
+
+    // Borrowed from this holder, or null with the NameError Python would raise.
+    PyObject* get() {
+        if (!value_) value_ = lookup(module_, name_);
+        return value_.get();
+    }
+    bool is_original() { return get() != nullptr && gu::is_original(state_of(module_), name_, value_.get()); }
+
+private:
+    PyObject* module_;
+    Name name_;
+    Ref value_;
+};
+
+}  // namespace gu

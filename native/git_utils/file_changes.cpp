@@ -1,0 +1,465 @@
+// The raw and numstat parsers: git's `--raw --numstat -z` output of a diff
+// into FileChange records, and of a log into CommitChanges records.
+//
+// When every collaborator is what loading bound, the byte-level scanner of
+// the core reads the output and the records are filled natively. Otherwise
+// the same algorithm runs over Python objects and calls what the namespace
+// holds where the algorithm uses it.
+#include <cstdint>
+#include <vector>
+
+#include "core/raw_numstat.hpp"
+#include "git_utils/changes.hpp"
+#include "git_utils/collaborators.hpp"
+#include "git_utils/records.hpp"
+#include "git_utils/utf8_view.hpp"
+
+namespace gu {
+namespace {
+
+Ref call_method(PyObject* o, const char* name, const char* format, const char* arg) {
+    return Ref::steal(PyObject_CallMethod(o, name, format, arg));
+}
+
+// bool(value), as an if statement reads it: 1, 0 or -1 with an exception.
+int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; }
+
+// ---- line counts -----------------------------------------------------------
+
+bool is_ascii(std::string_view s) {
+    for (const char c : s)
+        if (static_cast<unsigned char>(c) >= 0x80) return false;
+    return true;
+}
+
+bool all_ascii_digits(std::string_view s) {
+    for (const char c : s)
+        if (c < '0' || c > '9') return false;
+    return !s.empty();
+}
+
+// int(field) when the str `field` is all decimal digits, else 0.
+Ref line_count_of_str(PyObject* field) {
+    Ref decimal = Ref::steal(PyObject_CallMethod(field, "isdecimal", nullptr));
+    const int yes = truth(decimal);
+    if (yes < 0) return Ref();
+    return Ref::steal(yes ? PyLong_FromUnicodeObject(field, 10) : PyLong_FromLong(0));
+}
+
+// _line_count of a field given as UTF-8 bytes.
+Ref line_count_of(std::string_view field) {
+    std::uint64_t value = 0;
+    if (core::ascii_count(field, value)) return Ref::steal(PyLong_FromUnsignedLongLong(value));
+    if (is_ascii(field)) {
+        if (!all_ascii_digits(field)) return Ref::steal(PyLong_FromLong(0));
+        Ref s = str_of(field);  // more digits than 64 bits hold
+        return s ? Ref::steal(PyLong_FromUnicodeObject(s.get(), 10)) : Ref();
+    }
+    Ref s = str_of(field);  // other scripts' digits count too
+    return s ? line_count_of_str(s.get()) : Ref();
+}
+
+// ---- the native path -------------------------------------------------------
+
+// The status word of each core status, read from _STATUS_BY_LETTER when it
+// is still the mapping loading made, holding what it held then. Returns
+// false (no exception) when the mapping was replaced or changed.
+struct StatusWords {
+    PyObject* word[5] = {};  // borrowed from the mapping, by core::Status
+
+    bool read(PyObject* module) {
+        PyObject* mapping = peek(module, Name::_STATUS_BY_LETTER);
+        if (!is_original(state_of(module), Name::_STATUS_BY_LETTER, mapping) || !PyDict_CheckExact(mapping) ||
+            PyDict_GET_SIZE(mapping) != 6)
+            return false;
+        struct Expected {
+            const char* letter;
+            const char* word;
+            int status;  // -1: checked only
+        };
+        static constexpr Expected kExpected[] = {
+            {"A", "added", static_cast<int>(core::Status::added)},
+            {"C", "copied", static_cast<int>(core::Status::copied)},
+            {"D", "deleted", static_cast<int>(core::Status::deleted)},
+            {"M", "modified", static_cast<int>(core::Status::modified)},
+            {"R", "renamed", static_cast<int>(core::Status::renamed)},
+            {"T", "modified", -1},
+        };
+        for (const Expected& e : kExpected) {
+            PyObject* w = PyDict_GetItemString(mapping, e.letter);
+            if (w == nullptr || !PyUnicode_CheckExact(w) || PyUnicode_CompareWithASCIIString(w, e.word) != 0)
+                return false;
+            if (e.status >= 0) word[e.status] = w;
+        }
+        return true;
+    }
+};
+
+// Everything the native path needs; `ready` tells whether it may run.
+struct NativeFileChanges {
+    StatusWords words;
+    bool ready = false;
+
+    explicit NativeFileChanges(PyObject* module) {
+        ready = unchanged(module, Name::_TWO_PATH_LETTERS) && unchanged(module, Name::_line_count) &&
+                words.read(module);
+    }
+};
+
+// FileChange records of the core's records, in order, into `out` (a list
+// or, for a commit, a tuple of the right size).
+bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const std::vector<core::FileRecord>& records,
+                       StrCache& strs, Collaborator& file_change, PyObject* out) {
+    const ModuleState* st = state_of(module);
+    const bool is_tuple = PyTuple_Check(out);
+    Ref zero = Ref::steal(PyLong_FromLong(0));
+    if (!zero) return false;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        const core::FileRecord& r = records[i];
+        PyObject* path = strs.get(r.path);
+        PyObject* old_path = r.old_path ? strs.get(*r.old_path) : Py_None;
+        if (path == nullptr || old_path == nullptr) return false;
+        Ref added = r.has_counts ? line_count_of(r.added) : Ref::borrow(zero.get());
+        Ref deleted = r.has_counts ? line_count_of(r.deleted) : Ref::borrow(zero.get());
+        PyObject* cls = file_change.get();
+        if (!added || !deleted || cls == nullptr) return false;
+        PyObject* values[] = {path, native.words.word[static_cast<int>(r.status)], added.get(), deleted.get(),
+                              old_path};
+        Ref record = make_record(st, Record::file_change, cls, values);
+        if (!record) return false;
+        if (is_tuple)
+            PyTuple_SET_ITEM(out, static_cast<Py_ssize_t>(i), record.release());
+        else if (PyList_Append(out, record.get()) < 0)
+            return false;
+    }
+    return true;
+}
+
+PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& native, core::TokenStream& stream) {
+    const std::vector<core::FileRecord> records = core::collect_file_changes(stream);
+    Ref list = Ref::steal(PyList_New(0));
+    if (!list) return nullptr;
+    StrCache strs;
+    Collaborator file_change(module, Name::FileChange);
+    if (!fill_file_changes(module, native, records, strs, file_change, list.get())) return nullptr;
+    return list.release();
+}
+
+// ---- the same algorithm over Python objects --------------------------------
+
+// next(iterator, ""): a new reference, or null with an exception set.
+Ref next_or_empty(PyObject* iterator) {
+    Ref item = Ref::steal(PyIter_Next(iterator));
+    if (item || PyErr_Occurred()) return item;
+    return Ref::steal(PyUnicode_FromStringAndSize("", 0));
+}
+
+Ref pair(PyObject* a, PyObject* b) { return Ref::steal(PyTuple_Pack(2, a, b)); }
+
+// A raw record head: the status of the path tokens that follow it.
+int read_raw_record(PyObject* token, PyObject* iterator, Collaborator& two_path_letters,
+                    Collaborator& status_by_letter, PyObject* statuses) {
+    Ref parts = Ref::steal(PyObject_CallMethod(token, "rsplit", "si", " ", 1));
+    if (!parts) return -1;
+    Ref last = Ref::steal(PySequence_GetItem(parts.get(), -1));
+    if (!last) return -1;
+    Ref letter = Ref::steal(PySequence_GetSlice(last.get(), 0, 1));
+    if (!letter || two_path_letters.get() == nullptr) return -1;
+    const int two_paths = PySequence_Contains(two_path_letters.get(), letter.get());
+    if (two_paths < 0) return -1;
+    Ref old_path = two_paths ? next_or_empty(iterator) : Ref::borrow(Py_None);
+    if (!old_path) return -1;
+    Ref path = next_or_empty(iterator);
+    const int named = truth(path);
+    if (named <= 0) return named;
+    if (status_by_letter.get() == nullptr) return -1;
+    Ref status = Ref::steal(PyObject_CallMethod(status_by_letter.get(), "get", "Os", letter.get(), "modified"));
+    if (!status) return -1;
+    Ref value = pair(status.get(), old_path.get());
+    return value ? PyObject_SetItem(statuses, path.get(), value.get()) : -1;
+}
+
+// A numstat record, or any other token (skipped).
+int read_numstat_record(PyObject* token, PyObject* iterator, Collaborator& line_count, PyObject* counts) {
+    Ref parts = Ref::steal(PyObject_CallMethod(token, "split", "si", "\t", 2));
+    if (!parts) return -1;
+    const Py_ssize_t n = PyObject_Length(parts.get());
+    if (n < 0) return -1;
+    if (n != 3) return 0;
+    Ref added = Ref::steal(PySequence_GetItem(parts.get(), 0));
+    Ref deleted = Ref::steal(PySequence_GetItem(parts.get(), 1));
+    Ref path = Ref::steal(PySequence_GetItem(parts.get(), 2));
+    const int named = truth(path);
+    if (!added || !deleted || named < 0) return -1;
+    if (!named) {
+        if (!next_or_empty(iterator)) return -1;  // the older path of a rename or copy
+        path = next_or_empty(iterator);
+        if (!path) return -1;
+    }
+    if (line_count.get() == nullptr) return -1;
+    Ref a = Ref::steal(PyObject_CallOneArg(line_count.get(), added.get()));
+    if (!a) return -1;
+    Ref d = Ref::steal(PyObject_CallOneArg(line_count.get(), deleted.get()));
+    if (!d) return -1;
+    Ref value = pair(a.get(), d.get());
+    return value ? PyObject_SetItem(counts, path.get(), value.get()) : -1;
+}
+
+PyObject* file_changes_through_objects(PyObject* module, PyObject* tokens) {
+    Collaborator two_path_letters(module, Name::_TWO_PATH_LETTERS);
+    Collaborator status_by_letter(module, Name::_STATUS_BY_LETTER);
+    Collaborator line_count(module, Name::_line_count);
+    Collaborator file_change(module, Name::FileChange);
+    Ref statuses = Ref::steal(PyDict_New());
+    Ref counts = Ref::steal(PyDict_New());
+    Ref iterator = Ref::steal(PyObject_GetIter(tokens));
+    if (!statuses || !counts || !iterator) return nullptr;
+    while (Ref raw = Ref::steal(PyIter_Next(iterator.get()))) {
+        Ref token = call_method(raw.get(), "lstrip", "s", "\n");
+        const int head = truth(token ? call_method(token.get(), "startswith", "s", ":") : Ref());
+        if (head < 0) return nullptr;
+        const int done = head ? read_raw_record(token.get(), iterator.get(), two_path_letters, status_by_letter,
+                                                statuses.get())
+                              : read_numstat_record(token.get(), iterator.get(), line_count, counts.get());
+        if (done < 0) return nullptr;
+    }
+    if (PyErr_Occurred()) return nullptr;
+
+    Ref result = Ref::steal(PyList_New(0));
+    Ref zero = Ref::steal(PyLong_FromLong(0));
+    if (!result || !zero) return nullptr;
+    Ref no_counts = pair(zero.get(), zero.get());
+    if (!no_counts) return nullptr;
+    Py_ssize_t pos = 0;
+    PyObject *path, *status_pair;
+    while (PyDict_Next(statuses.get(), &pos, &path, &status_pair)) {
+        Ref path_ref = Ref::borrow(path);  // a replaced class may change the dicts
+        Ref status_ref = Ref::borrow(status_pair);
+        PyObject* count_pair = PyDict_GetItemWithError(counts.get(), path);
+        if (count_pair == nullptr && PyErr_Occurred()) return nullptr;
+        Ref counted = Ref::borrow(count_pair ? count_pair : no_counts.get());
+        PyObject* cls = file_change.get();
+        if (cls == nullptr) return nullptr;
+        PyObject* values[] = {path, PyTuple_GET_ITEM(status_pair, 0), PyTuple_GET_ITEM(counted.get(), 0),
+                              PyTuple_GET_ITEM(counted.get(), 1), PyTuple_GET_ITEM(status_pair, 1)};
+        Ref record = make_record(state_of(module), Record::file_change, cls, values);
+        if (!record || PyList_Append(result.get(), record.get()) < 0) return nullptr;
+    }
+    return result.release();
+}
+
+// ---- the functions ---------------------------------------------------------
+
+// A list or tuple of exact strs, none holding a NUL: the tokens read back
+// unchanged from their NUL-joined text.
+bool joinable(PyObject* tokens) {
+    if (!PyList_CheckExact(tokens) && !PyTuple_CheckExact(tokens)) return false;
+    const Py_ssize_t n = PySequence_Fast_GET_SIZE(tokens);
+    PyObject** items = PySequence_Fast_ITEMS(tokens);
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        if (!PyUnicode_CheckExact(items[i])) return false;
+        if (PyUnicode_FindChar(items[i], 0, 0, PyUnicode_GET_LENGTH(items[i]), 1) != -1) return false;
+    }
+    return true;
+}
+
+PyObject* file_changes(PyObject* module, PyObject* const* a) {
+    PyObject* tokens = a[0];
+    NativeFileChanges native(module);
+    if (!native.ready || !joinable(tokens)) return file_changes_through_objects(module, tokens);
+    Ref nul = Ref::steal(PyUnicode_FromStringAndSize("\0", 1));
+    if (!nul) return nullptr;
+    Ref joined = Ref::steal(PyUnicode_Join(nul.get(), tokens));
+    Utf8View bytes;
+    if (!joined || !bytes.open(joined.get())) return nullptr;
+    core::TokenStream stream(
+        core::TokenRun{bytes.view(), static_cast<std::size_t>(PySequence_Fast_GET_SIZE(tokens))});
+    return file_changes_natively(module, native, stream);
+}
+
+// output.split("\x00"), with the errors of that call for a non-str.
+Ref nul_tokens(PyObject* output) {
+    Ref nul = Ref::steal(PyUnicode_FromStringAndSize("\0", 1));
+    return nul ? Ref::steal(PyObject_CallMethod(output, "split", "O", nul.get())) : Ref();
+}
+
+PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
+    PyObject* output = a[0];
+    NativeFileChanges native(module);
+    if (PyUnicode_Check(output) && native.ready && unchanged(module, Name::_file_changes)) {
+        Utf8View bytes;
+        if (!bytes.open(output)) return nullptr;
+        core::TokenStream stream(bytes.view());
+        return file_changes_natively(module, native, stream);
+    }
+    Ref tokens = nul_tokens(output);
+    if (!tokens) return nullptr;
+    Ref parse = lookup(module, Name::_file_changes);
+    if (!parse) return nullptr;
+    return PyObject_CallOneArg(parse.get(), tokens.get());
+}
+
+int line_count(PyObject* const* a, Ref& out) {
+    PyObject* field = a[0];
+    if (PyUnicode_Check(field)) {
+        Utf8View bytes;
+        if (!bytes.open(field)) return -1;
+        out = line_count_of(bytes.view());
+    } else {
+        out = line_count_of_str(field);  // through the object's own methods
+    }
+    return out ? 0 : -1;
+}
+
+PyObject* line_count_function(PyObject*, PyObject* const* a) {
+    Ref out;
+    return line_count(a, out) < 0 ? nullptr : out.release();
+}
+
+// ---- commits ---------------------------------------------------------------
+
+// int(text.strip()) for the time of a commit header, given as UTF-8 bytes.
+Ref commit_time(std::string_view text) {
+    std::size_t begin = 0, end = text.size();
+    const auto blank = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r') || (c >= '\x1c' && c <= '\x1f'); };
+    while (begin < end && blank(text[begin])) ++begin;
+    while (end > begin && blank(text[end - 1])) --end;
+    std::uint64_t value = 0;
+    if (core::ascii_count(text.substr(begin, end - begin), value))
+        return Ref::steal(PyLong_FromUnsignedLongLong(value));
+    Ref s = str_of(text);  // signs, underscores, other scripts' blanks and digits, or no number
+    if (!s) return Ref();
+    Ref stripped = Ref::steal(PyObject_CallMethod(s.get(), "strip", nullptr));
+    return stripped ? Ref::steal(PyLong_FromUnicodeObject(stripped.get(), 10)) : Ref();
+}
+
+PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, std::string_view output) {
+    Ref commits = Ref::steal(PyList_New(0));
+    if (!commits) return nullptr;
+    StrCache strs;
+    Collaborator file_change(module, Name::FileChange);
+    Collaborator commit_changes(module, Name::CommitChanges);
+    bool failed = false;
+    core::split_commits(output, [&](std::string_view time_text, core::TokenRun body) {
+        if (failed) return;
+        failed = true;
+        Ref time = commit_time(time_text);
+        if (!time) return;
+        core::TokenStream stream(body);
+        const std::vector<core::FileRecord> records = core::collect_file_changes(stream);
+        Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
+        if (!files || !fill_file_changes(module, native, records, strs, file_change, files.get())) return;
+        PyObject* cls = commit_changes.get();
+        if (cls == nullptr) return;
+        PyObject* values[] = {time.get(), files.get()};
+        Ref commit = make_record(state_of(module), Record::commit_changes, cls, values);
+        failed = !commit || PyList_Append(commits.get(), commit.get()) < 0;
+    });
+    return failed ? nullptr : commits.release();
+}
+
+// The commit that `time` heads, with the files of its body.
+int close_commit(PyObject* module, PyObject* time_text, PyObject* body, Collaborator& file_changes,
+                 Collaborator& commit_changes, PyObject* commits) {
+    Ref time = Ref::steal(PyNumber_Long(time_text));
+    if (!time || file_changes.get() == nullptr) return -1;
+    Ref listed = Ref::steal(PyObject_CallOneArg(file_changes.get(), body));
+    if (!listed) return -1;
+    Ref files = Ref::steal(PySequence_Tuple(listed.get()));
+    if (!files || commit_changes.get() == nullptr) return -1;
+    PyObject* values[] = {time.get(), files.get()};
+    Ref commit = make_record(state_of(module), Record::commit_changes, commit_changes.get(), values);
+    return commit ? PyList_Append(commits, commit.get()) : -1;
+}
+
+PyObject* commits_through_objects(PyObject* module, PyObject* output) {
+    Ref tokens = nul_tokens(output);
+    if (!tokens) return nullptr;
+    Collaborator commit_start(module, Name::_COMMIT_START);
+    Collaborator file_changes(module, Name::_file_changes);
+    Collaborator commit_changes(module, Name::CommitChanges);
+    Ref commits = Ref::steal(PyList_New(0));
+    Ref iterator = Ref::steal(PyObject_GetIter(tokens.get()));
+    if (!commits || !iterator) return nullptr;
+    Ref time, body;  // no current commit while time is null
+    while (Ref token = Ref::steal(PyIter_Next(iterator.get()))) {
+        Ref stripped = call_method(token.get(), "lstrip", "s", "\n");
+        if (!stripped || commit_start.get() == nullptr) return nullptr;
+        const int header = truth(Ref::steal(PyObject_CallMethod(stripped.get(), "startswith", "O", commit_start.get())));
+        if (header < 0) return nullptr;
+        if (header) {
+            if (time && close_commit(module, time.get(), body.get(), file_changes, commit_changes, commits.get()) < 0)
+                return nullptr;
+            Ref rest = Ref::steal(PySequence_GetSlice(stripped.get(), 1, PY_SSIZE_T_MAX));
+            if (!rest) return nullptr;
+            time = Ref::steal(PyObject_CallMethod(rest.get(), "strip", nullptr));
+            body = Ref::steal(PyList_New(0));
+            if (!time || !body) return nullptr;
+        } else if (time && PyList_Append(body.get(), token.get()) < 0) {
+            return nullptr;
+        }
+    }
+    if (PyErr_Occurred()) return nullptr;
+    if (time && close_commit(module, time.get(), body.get(), file_changes, commit_changes, commits.get()) < 0)
+        return nullptr;
+    return commits.release();
+}
+
+PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
+    PyObject* output = a[0];
+    NativeFileChanges native(module);
+    if (PyUnicode_Check(output) && native.ready && unchanged(module, Name::_file_changes) &&
+        unchanged(module, Name::_COMMIT_START)) {
+        Utf8View bytes;
+        if (!bytes.open(output)) return nullptr;
+        return commits_natively(module, native, bytes.view());
+    }
+    return commits_through_objects(module, output);
+}
+
+}  // namespace
+
+const FunctionDef kParseFileChanges = {
+    Name::parse_file_changes,
+    "(output: str) -> list[FileChange]",
+    "Parse what git diff --raw --numstat -z printed into FileChange records.\n\n"
+    "One record per file named by a raw record, in the order of the raw\n"
+    "records, with the counts of its numstat record (0 and 0 for a binary file\n"
+    "or a file without one). Renames and copies carry old_path. Odd or\n"
+    "truncated output never fails: what is not recognised is skipped.",
+    parse_file_changes,
+};
+
+const FunctionDef kParseCommitChanges = {
+    Name::parse_commit_changes,
+    "(output: str) -> list[CommitChanges]",
+    "Parse what git log --format=%x1e%ct --raw --numstat -z printed into\n"
+    "CommitChanges records, one per commit in the order of the output.\n\n"
+    "Each commit header (the RS character and the commit time) starts a\n"
+    "commit whose files are the raw and numstat records up to the next header;\n"
+    "a commit without shown changes (a merge) has no files. Tokens before the\n"
+    "first header are ignored. Raises ValueError when a header's time is not a\n"
+    "whole number.",
+    parse_commit_changes,
+};
+
+const FunctionDef kFileChanges = {
+    Name::_file_changes,
+    "(tokens: Sequence[str]) -> list[FileChange]",
+    "Pair the raw and numstat records among the NUL-separated tokens of one\n"
+    "diff (or one commit) by path into FileChange records, in the order of\n"
+    "each path's first raw record, with the status of its last raw record and\n"
+    "the counts of its last numstat record. Numstat records never add a file;\n"
+    "missing tokens read as empty texts.",
+    file_changes,
+};
+
+const FunctionDef kLineCount = {
+    Name::_line_count,
+    "(field: str) -> int",
+    "Read one count of a numstat record: its value when the field is made of\n"
+    "digits, else 0 (git writes \"-\" for a binary file).",
+    line_count_function,
+};
+
+}  // namespace gu

@@ -1,0 +1,465 @@
+// The patch parser: a zero-context patch into the LineSpan records of each
+// file's newer side, and its three helpers (_span, _patch_path, _unquote).
+//
+// The core walks the patch's lines and skips each hunk's body by the counts
+// of its head. Each helper the parser uses is read from the namespace once
+// per call: what loading bound runs natively, a replacement is called where
+// the algorithm calls the helper.
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "core/patch.hpp"
+#include "core/unquote.hpp"
+#include "git_utils/changes.hpp"
+#include "git_utils/collaborators.hpp"
+#include "git_utils/records.hpp"
+#include "git_utils/utf8_view.hpp"
+
+namespace gu {
+namespace {
+
+// Thrown out of the core's walk when a Python call failed; the exception
+// is set.
+struct PythonError {};
+
+// The message of bytearray.append() for a value outside a byte.
+constexpr const char* kByteRange = "byte must be in range(0, 256)";
+
+// bool(value) of a new reference: 1, 0 or -1 with an exception.
+int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; }
+
+Ref int_of(std::int64_t v) { return Ref::steal(PyLong_FromLongLong(v)); }
+
+// The value of ASCII digits, whatever their length.
+Ref int_of_digits(std::string_view digits) {
+    const std::string text(digits);
+    return Ref::steal(PyLong_FromString(text.c_str(), nullptr, 10));
+}
+
+// An int as the walk's counter: saturated to 64 bits (no patch holds that
+// many lines, so a larger count never runs out before the patch does).
+std::int64_t saturated(PyObject* value) {
+    int overflow = 0;
+    const long long v = PyLong_AsLongLongAndOverflow(value, &overflow);
+    if (overflow > 0) return std::numeric_limits<std::int64_t>::max();
+    if (overflow < 0) return std::numeric_limits<std::int64_t>::min();
+    return v;
+}
+
+// ---- _unquote --------------------------------------------------------------
+
+// Whether _C_ESCAPE and _C_ESCAPES are still what loading made, so the
+// core's unquoting gives what they would.
+bool native_unquote(PyObject* module) {
+    if (!unchanged(module, Name::_C_ESCAPE)) return false;
+    PyObject* escapes = peek(module, Name::_C_ESCAPES);
+    if (!is_original(state_of(module), Name::_C_ESCAPES, escapes) || !PyDict_CheckExact(escapes) ||
+        PyDict_GET_SIZE(escapes) != 7)
+        return false;
+    static constexpr std::pair<const char*, Py_UCS4> kExpected[] = {
+        {"a", 0x07}, {"b", 0x08}, {"f", 0x0C}, {"n", 0x0A}, {"r", 0x0D}, {"t", 0x09}, {"v", 0x0B}};
+    for (const auto& [letter, code] : kExpected) {
+        PyObject* c = PyDict_GetItemString(escapes, letter);
+        if (c == nullptr || !PyUnicode_CheckExact(c) || PyUnicode_GET_LENGTH(c) != 1 || PyUnicode_READ_CHAR(c, 0) != code)
+            return false;
+    }
+    return true;
+}
+
+Ref unquote_natively(std::string_view escaped) {
+    std::string bytes;
+    if (!core::unquote(escaped, bytes)) {
+        PyErr_SetString(PyExc_ValueError, kByteRange);
+        return Ref();
+    }
+    return Ref::steal(PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), "replace"));
+}
+
+// Appends text[from:to] as UTF-8.
+bool append_utf8(PyObject* text, Py_ssize_t from, Py_ssize_t to, std::string& out) {
+    Ref piece = Ref::steal(PySequence_GetSlice(text, from, to));
+    if (!piece) return false;
+    Ref encoded = Ref::steal(PyObject_CallMethod(piece.get(), "encode", "s", "utf-8"));
+    if (!encoded) return false;
+    char* data = nullptr;
+    Py_ssize_t size = 0;
+    if (PyBytes_AsStringAndSize(encoded.get(), &data, &size) < 0) return false;
+    out.append(data, static_cast<std::size_t>(size));
+    return true;
+}
+
+// The escape a match of _C_ESCAPE captured, appended as bytes.
+bool append_escape(PyObject* code, PyObject* escapes, std::string& out) {
+    const Py_ssize_t length = PyObject_Length(code);
+    if (length < 0) return false;
+    if (length == 3) {  // an octal byte
+        Ref value = Ref::steal(PyLong_FromUnicodeObject(code, 8));
+        if (!value) return false;
+        const long byte = PyLong_AsLong(value.get());
+        if (byte == -1 && PyErr_Occurred()) return false;
+        if (byte < 0 || byte > 255) {
+            PyErr_SetString(PyExc_ValueError, kByteRange);
+            return false;
+        }
+        out.push_back(static_cast<char>(byte));
+        return true;
+    }
+    Ref character = Ref::steal(PyObject_CallMethod(escapes, "get", "OO", code, code));
+    if (!character) return false;
+    const Py_ssize_t size = PyObject_Length(character.get());
+    return size >= 0 && append_utf8(character.get(), 0, size, out);
+}
+
+// The algorithm over what the namespace holds: every match of _C_ESCAPE
+// replaced by its byte or its character, the whole decoded at the end.
+Ref unquote_through_objects(PyObject* module, PyObject* text) {
+    Ref pattern = lookup(module, Name::_C_ESCAPE);
+    if (!pattern) return Ref();
+    Ref matches = Ref::steal(PyObject_CallMethod(pattern.get(), "finditer", "O", text));
+    if (!matches) return Ref();
+    Ref iterator = Ref::steal(PyObject_GetIter(matches.get()));
+    if (!iterator) return Ref();
+    Collaborator escapes(module, Name::_C_ESCAPES);
+    std::string bytes;
+    Py_ssize_t position = 0;
+    while (Ref match = Ref::steal(PyIter_Next(iterator.get()))) {
+        Ref start = Ref::steal(PyObject_CallMethod(match.get(), "start", nullptr));
+        Ref end = Ref::steal(PyObject_CallMethod(match.get(), "end", nullptr));
+        Ref code = Ref::steal(PyObject_CallMethod(match.get(), "group", "i", 1));
+        if (!start || !end || !code) return Ref();
+        const Py_ssize_t from = PyLong_AsSsize_t(start.get());
+        const Py_ssize_t to = PyLong_AsSsize_t(end.get());
+        if ((from == -1 || to == -1) && PyErr_Occurred()) return Ref();
+        if (!append_utf8(text, position, from, bytes) || escapes.get() == nullptr ||
+            !append_escape(code.get(), escapes.get(), bytes))
+            return Ref();
+        position = to;
+    }
+    if (PyErr_Occurred() || !append_utf8(text, position, PY_SSIZE_T_MAX, bytes)) return Ref();
+    return Ref::steal(PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), "replace"));
+}
+
+PyObject* unquote(PyObject* module, PyObject* const* a) {
+    PyObject* text = a[0];
+    if (PyUnicode_Check(text) && native_unquote(module)) {
+        Utf8View bytes;
+        if (!bytes.open(text)) return nullptr;
+        return unquote_natively(bytes.view()).release();
+    }
+    return unquote_through_objects(module, text).release();
+}
+
+// ---- _patch_path -----------------------------------------------------------
+
+Ref call_one(PyObject* f, PyObject* arg) { return Ref::steal(PyObject_CallOneArg(f, arg)); }
+
+// _patch_path over the object's own operations: what it gives for a str
+// and the errors Python code would raise for anything else.
+PyObject* patch_path(PyObject* module, PyObject* const* a) {
+    Ref name = Ref::borrow(a[0]);
+    const int tab = truth(Ref::steal(PyObject_CallMethod(name.get(), "endswith", "s", "\t")));
+    if (tab < 0) return nullptr;
+    if (tab) {
+        name = Ref::steal(PySequence_GetSlice(name.get(), 0, -1));
+        if (!name) return nullptr;
+    }
+    Ref dev_null = Ref::steal(PyUnicode_FromString("/dev/null"));
+    if (!dev_null) return nullptr;
+    const int is_null = truth(Ref::steal(PyObject_RichCompare(name.get(), dev_null.get(), Py_EQ)));
+    if (is_null < 0) return nullptr;
+    if (is_null) Py_RETURN_NONE;
+    const Py_ssize_t length = PyObject_Length(name.get());
+    if (length < 0) return nullptr;
+    if (length >= 2) {
+        Ref quote = Ref::steal(PyUnicode_FromString("\""));
+        Ref first = Ref::steal(PySequence_GetItem(name.get(), 0));
+        if (!quote || !first) return nullptr;
+        int quoted = truth(Ref::steal(PyObject_RichCompare(first.get(), quote.get(), Py_EQ)));
+        if (quoted > 0) {
+            Ref last = Ref::steal(PySequence_GetItem(name.get(), -1));
+            quoted = truth(last ? Ref::steal(PyObject_RichCompare(last.get(), quote.get(), Py_EQ)) : Ref());
+        }
+        if (quoted < 0) return nullptr;
+        if (quoted) {
+            Ref inner = Ref::steal(PySequence_GetSlice(name.get(), 1, -1));
+            Ref unquote_found = lookup(module, Name::_unquote);
+            if (!inner || !unquote_found) return nullptr;
+            return call_one(unquote_found.get(), inner.get()).release();
+        }
+    }
+    return name.release();
+}
+
+// ---- _span -----------------------------------------------------------------
+
+// A LineSpan of the class the namespace holds.
+Ref line_span(PyObject* module, Collaborator& cls, PyObject* start, PyObject* end, PyObject* added) {
+    if (cls.get() == nullptr) return Ref();
+    PyObject* values[] = {start, end, added};
+    return make_record(state_of(module), Record::line_span, cls.get(), values);
+}
+
+Ref span_natively(PyObject* module, Collaborator& cls, const core::Span& s) {
+    Ref start = int_of(s.start);
+    Ref end = int_of(s.end);
+    if (!start || !end) return Ref();
+    return line_span(module, cls, start.get(), end.get(), s.added ? Py_True : Py_False);
+}
+
+// The span of a hunk over the objects' own arithmetic.
+Ref span_through_objects(PyObject* module, Collaborator& cls, PyObject* start, PyObject* new_count,
+                         PyObject* old_count) {
+    Ref zero = Ref::steal(PyLong_FromLong(0));
+    Ref one = Ref::steal(PyLong_FromLong(1));
+    if (!zero || !one) return Ref();
+    const int removal = truth(Ref::steal(PyObject_RichCompare(new_count, zero.get(), Py_EQ)));
+    if (removal < 0) return Ref();
+    if (removal) {
+        // max(start, 1): 1 only when it is greater.
+        const int above = truth(Ref::steal(PyObject_RichCompare(one.get(), start, Py_GT)));
+        if (above < 0) return Ref();
+        PyObject* line = above ? one.get() : start;
+        return line_span(module, cls, line, line, Py_False);
+    }
+    Ref sum = Ref::steal(PyNumber_Add(start, new_count));
+    if (!sum) return Ref();
+    Ref end = Ref::steal(PyNumber_Subtract(sum.get(), one.get()));
+    if (!end) return Ref();
+    Ref added = Ref::steal(PyObject_RichCompare(old_count, zero.get(), Py_EQ));
+    if (!added) return Ref();
+    return line_span(module, cls, start, end.get(), added.get());
+}
+
+bool small_int(PyObject* o, std::int64_t& v) {
+    if (!PyLong_CheckExact(o)) return false;
+    int overflow = 0;
+    v = PyLong_AsLongLongAndOverflow(o, &overflow);
+    return overflow == 0;
+}
+
+Ref span_of(PyObject* module, Collaborator& cls, PyObject* start, PyObject* new_count, PyObject* old_count) {
+    std::int64_t s = 0, n = 0, o = 0;
+    if (small_int(start, s) && small_int(new_count, n) && small_int(old_count, o))
+        if (const std::optional<core::Span> span = core::make_span(s, n, o)) return span_natively(module, cls, *span);
+    return span_through_objects(module, cls, start, new_count, old_count);
+}
+
+PyObject* span(PyObject* module, PyObject* const* a) {
+    Collaborator cls(module, Name::LineSpan);
+    return span_of(module, cls, a[0], a[1], a[2]).release();
+}
+
+// ---- parse_line_spans ------------------------------------------------------
+
+// The parser's state and the helpers of this call. The core's walk reports
+// each "+++ " line and asks about every other line outside a hunk.
+class SpanCollector {
+public:
+    explicit SpanCollector(PyObject* module)
+        : module_(module),
+          header_pattern_(module, Name::_HUNK_HEADER),
+          span_function_(module, Name::_span),
+          path_function_(module, Name::_patch_path),
+          line_span_(module, Name::LineSpan) {}
+
+    bool start() {
+        spans_ = Ref::steal(PyDict_New());
+        native_header_ = unchanged(module_, Name::_HUNK_HEADER);
+        native_span_ = unchanged(module_, Name::_span);
+        native_path_ = unchanged(module_, Name::_patch_path);
+        native_unquote_ = native_path_ && native_unquote(module_);
+        path_ = Ref::borrow(Py_None);
+        return static_cast<bool>(spans_);
+    }
+
+    PyObject* result() { return spans_.release(); }
+
+    void path_line(std::string_view rest) {
+        path_ = native_path_ ? path_natively(rest) : call_helper(path_function_, str_of(rest));
+        if (!path_) throw PythonError{};
+        list_ = nullptr;
+    }
+
+    std::optional<std::pair<std::int64_t, std::int64_t>> header(std::string_view line) {
+        if (native_header_) {
+            if (const std::optional<core::HunkHeader> h = core::match_hunk_header(line)) return record(*h);
+            if (!core::has_non_ascii(line)) return std::nullopt;
+            // \d also takes other scripts' digits: the pattern decides.
+        }
+        return header_through_pattern(line);
+    }
+
+private:
+    PyObject* module_;
+    Collaborator header_pattern_, span_function_, path_function_, line_span_;
+    bool native_header_ = false, native_span_ = false, native_path_ = false, native_unquote_ = false;
+    Ref spans_;
+    Ref path_;                  // None, or the key of the current file's spans
+    PyObject* list_ = nullptr;  // the current file's list, once looked up (owned by spans_)
+
+    Ref call_helper(Collaborator& helper, Ref arg) {
+        if (!arg || helper.get() == nullptr) return Ref();
+        return call_one(helper.get(), arg.get());
+    }
+
+    Ref path_natively(std::string_view rest) {
+        const core::PatchPath p = core::patch_path(rest);
+        switch (p.kind) {
+            case core::PatchPath::null:
+                return Ref::borrow(Py_None);
+            case core::PatchPath::plain:
+                return str_of(p.text);
+            case core::PatchPath::quoted:
+                break;
+        }
+        if (native_unquote_) return unquote_natively(p.text);
+        Collaborator unquote_found(module_, Name::_unquote);
+        return call_helper(unquote_found, str_of(p.text));
+    }
+
+    // The list of the current path in spans, made on its first span.
+    PyObject* current_list() {
+        if (list_ != nullptr) return list_;
+        PyObject* found = PyDict_GetItemWithError(spans_.get(), path_.get());
+        if (found == nullptr) {
+            if (PyErr_Occurred()) return nullptr;
+            Ref made = Ref::steal(PyList_New(0));
+            if (!made || PyDict_SetItem(spans_.get(), path_.get(), made.get()) < 0) return nullptr;
+            found = made.get();
+        }
+        return list_ = found;
+    }
+
+    void append(Ref span) {
+        PyObject* list = span ? current_list() : nullptr;
+        if (list == nullptr || PyList_Append(list, span.get()) < 0) throw PythonError{};
+    }
+
+    // A head the core matched: its counts, and its span when a file is open.
+    std::pair<std::int64_t, std::int64_t> record(const core::HunkHeader& h) {
+        if (path_.get() != Py_None) {
+            if (native_span_) {
+                if (const std::optional<core::Span> s = core::make_span(h)) {
+                    append(span_natively(module_, line_span_, *s));
+                    return core::hunk_counts(h);
+                }
+            }
+            Ref old_count = h.old_count.empty() ? int_of(1) : int_of_digits(h.old_count);
+            Ref start = int_of_digits(h.new_start);
+            Ref new_count = h.new_count.empty() ? int_of(1) : int_of_digits(h.new_count);
+            if (!old_count || !start || !new_count) throw PythonError{};
+            append_span(start.get(), new_count.get(), old_count.get());
+        }
+        return core::hunk_counts(h);
+    }
+
+    void append_span(PyObject* start, PyObject* new_count, PyObject* old_count) {
+        if (native_span_) {
+            append(span_of(module_, line_span_, start, new_count, old_count));
+            return;
+        }
+        if (span_function_.get() == nullptr) throw PythonError{};
+        PyObject* args[] = {start, new_count, old_count};
+        append(Ref::steal(PyObject_Vectorcall(span_function_.get(), args, 3, nullptr)));
+    }
+
+    // int(match.group(n)), or 1 when the group did not take part.
+    static Ref group_count(PyObject* match, int n, bool default_one) {
+        Ref g = Ref::steal(PyObject_CallMethod(match, "group", "i", n));
+        if (!g) return Ref();
+        if (default_one && g.get() == Py_None) return int_of(1);
+        return Ref::steal(PyNumber_Long(g.get()));
+    }
+
+    std::optional<std::pair<std::int64_t, std::int64_t>> header_through_pattern(std::string_view line) {
+        Ref text = str_of(line);
+        if (!text || header_pattern_.get() == nullptr) throw PythonError{};
+        Ref match = Ref::steal(PyObject_CallMethod(header_pattern_.get(), "match", "O", text.get()));
+        if (!match) throw PythonError{};
+        const int matched = PyObject_IsTrue(match.get());  // None, or a match (always true)
+        if (matched < 0) throw PythonError{};
+        if (!matched) return std::nullopt;
+        Ref old_count = group_count(match.get(), 1, true);
+        if (!old_count) throw PythonError{};
+        Ref start = group_count(match.get(), 2, false);
+        if (!start) throw PythonError{};
+        Ref new_count = group_count(match.get(), 3, true);
+        if (!new_count) throw PythonError{};
+        if (path_.get() != Py_None) append_span(start.get(), new_count.get(), old_count.get());
+        return std::make_pair(saturated(old_count.get()), saturated(new_count.get()));
+    }
+};
+
+PyObject* parse_line_spans(PyObject* module, PyObject* const* a) {
+    PyObject* patch = a[0];
+    if (!PyUnicode_Check(patch)) {
+        // patch.split("\n") fails for anything but a str; what it raises is
+        // what the caller gets.
+        Ref lines = Ref::steal(PyObject_CallMethod(patch, "split", "s", "\n"));
+        if (lines)
+            PyErr_Format(PyExc_TypeError, "parse_line_spans() argument 'patch' must be str, not %.200s",
+                         Py_TYPE(patch)->tp_name);
+        return nullptr;
+    }
+    Utf8View bytes;
+    if (!bytes.open(patch)) return nullptr;
+    SpanCollector collector(module);
+    if (!collector.start()) return nullptr;
+    try {
+        core::walk_patch(bytes.view(), collector);
+    } catch (const PythonError&) {
+        return nullptr;
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
+    }
+    return collector.result();
+}
+
+}  // namespace
+
+const FunctionDef kParseLineSpans = {
+    Name::parse_line_spans,
+    "(patch: str) -> dict[str, list[LineSpan]]",
+    "Parse a zero-context patch (git diff -U0 --no-prefix) into the lines each\n"
+    "file's newer side had touched: a dict from path to its LineSpan records,\n"
+    "one per hunk, in patch order.\n\n"
+    "The lines of each hunk are counted off its header, so content that looks\n"
+    "like a file or hunk header is never read as one. A deleted file (newer\n"
+    "side /dev/null) and a file without hunks get no key; quoted names are\n"
+    "unquoted. Odd or truncated patches never fail: unknown lines are skipped.",
+    parse_line_spans,
+};
+
+const FunctionDef kSpan = {
+    Name::_span,
+    "(start: int, new_count: int, old_count: int) -> LineSpan",
+    "The LineSpan of one hunk header: lines start to start + new_count - 1,\n"
+    "added when the hunk removes no line; a hunk that only removes lines marks\n"
+    "the line above the removal (at least line 1), not added.",
+    span,
+};
+
+const FunctionDef kPatchPath = {
+    Name::_patch_path,
+    "(text: str) -> str | None",
+    "The path of a \"+++ \" line (the text after those four characters): one\n"
+    "trailing tab removed, None for /dev/null, a name in double quotes\n"
+    "unquoted, any other name as it stands.",
+    patch_path,
+};
+
+const FunctionDef kUnquote = {
+    Name::_unquote,
+    "(text: str) -> str",
+    "Undo git's C-style quoting of a name (the text between the quotes):\n"
+    "\\ooo octal escapes are bytes, \\a \\b \\f \\n \\r \\t \\v control\n"
+    "characters, any other escaped character stands for itself; the bytes are\n"
+    "decoded as UTF-8 with invalid sequences replaced. Raises ValueError for\n"
+    "an octal escape above \\377.",
+    unquote,
+};
+
+}  // namespace gu

@@ -1,0 +1,67 @@
+// The UTF-8 bytes of a str, for the byte-level parsers, and the way back:
+// strs made from views of those bytes, each distinct text made once per call.
+#pragma once
+
+#include <Python.h>
+
+#include <string_view>
+#include <unordered_map>
+
+#include "git_utils/ref.hpp"
+
+namespace gu {
+
+// The bytes of a str as UTF-8. An ASCII str is read in place; any other is
+// encoded into a temporary that lives as long as the view (lone surrogates
+// pass through as their three-byte forms, which hold no byte the parsers
+// look for, so cutting the bytes cuts the text at the same places).
+class Utf8View {
+public:
+    // False with an exception set when `text` is not a str or can't be encoded.
+    bool open(PyObject* text) {
+        if (!PyUnicode_Check(text)) {
+            PyErr_Format(PyExc_TypeError, "expected str, not %.200s", Py_TYPE(text)->tp_name);
+            return false;
+        }
+        if (PyUnicode_IS_ASCII(text)) {
+            view_ = {static_cast<const char*>(PyUnicode_DATA(text)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
+            return true;
+        }
+        owner_ = Ref::steal(PyUnicode_AsEncodedString(text, "utf-8", "surrogatepass"));
+        if (!owner_) return false;
+        view_ = {PyBytes_AS_STRING(owner_.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(owner_.get()))};
+        return true;
+    }
+    std::string_view view() const noexcept { return view_; }
+
+private:
+    Ref owner_;
+    std::string_view view_;
+};
+
+// A str of bytes that came from a Utf8View (so they are valid, surrogates
+// aside).
+inline Ref str_of(std::string_view bytes) {
+    return Ref::steal(PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), "surrogatepass"));
+}
+
+// One str per distinct text: a path that a diff names in its raw and its
+// numstat record, or that every commit of a log touches, is made once.
+class StrCache {
+public:
+    // A borrowed reference owned by the cache, or null with an exception set.
+    PyObject* get(std::string_view bytes) {
+        auto it = map_.find(bytes);
+        if (it != map_.end()) return it->second.get();
+        Ref s = str_of(bytes);
+        if (!s) return nullptr;
+        PyObject* raw = s.get();
+        map_.emplace(bytes, std::move(s));
+        return raw;
+    }
+
+private:
+    std::unordered_map<std::string_view, Ref> map_;
+};
+
+}  // namespace gu
