@@ -270,7 +270,7 @@ public:
         native_header_ = unchanged(module_, Name::_HUNK_HEADER);
         native_span_ = unchanged(module_, Name::_span);
         native_path_ = unchanged(module_, Name::_patch_path);
-        native_unquote_ = native_path_ && native_unquote(module_);
+        native_unquote_ = native_path_ && unchanged(module_, Name::_unquote) && native_unquote(module_);
         path_ = Ref::borrow(Py_None);
         return static_cast<bool>(spans_);
     }
