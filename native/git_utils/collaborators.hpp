@@ -34,7 +34,12 @@ public:
         if (!value_) value_ = lookup(module_, name_);
         return value_.get();
     }
-    bool is_original() { return get() != nullptr && gu::is_original(state_of(module_), name_, value_.get()); }
+    // Whether it is (or, not read yet, would be) what loading bound; a
+    // missing name is not, and raises nothing until the call uses it.
+    bool is_original() {
+        PyObject* v = value_ ? value_.get() : peek(module_, name_);
+        return v != nullptr && gu::is_original(state_of(module_), name_, v);
+    }
 
 private:
     PyObject* module_;

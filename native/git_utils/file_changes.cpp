@@ -11,6 +11,7 @@
 #include "core/raw_numstat.hpp"
 #include "git_utils/changes.hpp"
 #include "git_utils/collaborators.hpp"
+#include "git_utils/gc_pause.hpp"
 #include "git_utils/records.hpp"
 #include "git_utils/utf8_view.hpp"
 
@@ -141,6 +142,7 @@ PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& nativ
     if (!list) return nullptr;
     StrCache strs;
     Collaborator file_change(module, Name::FileChange);
+    GcPause pause(file_change.is_original());
     if (!fill_file_changes(module, native, records, strs, file_change, list.get())) return nullptr;
     return list.release();
 }
@@ -339,6 +341,7 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, st
     StrCache strs;
     Collaborator file_change(module, Name::FileChange);
     Collaborator commit_changes(module, Name::CommitChanges);
+    GcPause pause(file_change.is_original() && commit_changes.is_original());
     bool failed = false;
     core::split_commits(output, [&](std::string_view time_text, core::TokenRun body) {
         if (failed) return;

@@ -15,6 +15,7 @@
 #include "core/unquote.hpp"
 #include "git_utils/changes.hpp"
 #include "git_utils/collaborators.hpp"
+#include "git_utils/gc_pause.hpp"
 #include "git_utils/records.hpp"
 #include "git_utils/utf8_view.hpp"
 
@@ -277,6 +278,11 @@ public:
 
     PyObject* result() { return spans_.release(); }
 
+    // Whether the whole parse runs without calling Python code.
+    bool all_native() {
+        return native_header_ && native_span_ && native_path_ && native_unquote_ && line_span_.is_original();
+    }
+
     void path_line(std::string_view rest) {
         path_ = native_path_ ? path_natively(rest) : call_helper(path_function_, str_of(rest));
         if (!path_) throw PythonError{};
@@ -286,7 +292,7 @@ public:
     std::optional<std::pair<std::int64_t, std::int64_t>> header(std::string_view line) {
         if (native_header_) {
             if (const std::optional<core::HunkHeader> h = core::match_hunk_header(line)) return record(*h);
-            if (!core::has_non_ascii(line)) return std::nullopt;
+            if (!line.starts_with("@@ -") || !core::has_non_ascii(line)) return std::nullopt;
             // \d also takes other scripts' digits: the pattern decides.
         }
         return header_through_pattern(line);
@@ -408,6 +414,7 @@ PyObject* parse_line_spans(PyObject* module, PyObject* const* a) {
     if (!bytes.open(patch)) return nullptr;
     SpanCollector collector(module);
     if (!collector.start()) return nullptr;
+    GcPause pause(collector.all_native());
     try {
         core::walk_patch(bytes.view(), collector);
     } catch (const PythonError&) {
