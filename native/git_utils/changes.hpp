@@ -2,6 +2,8 @@
 // queries that run git and hand its output to them.
 #pragma once
 
+#include <string_view>
+
 #include "git_utils/function.hpp"
 
 namespace gu {
@@ -18,5 +20,13 @@ extern const FunctionDef kLineCount;
 extern const FunctionDef kPatchPath;
 extern const FunctionDef kUnquote;
 extern const FunctionDef kPathBatches;
+
+// The parsers over git's own stdout (line ends normalised, not decoded):
+// what parse_file_changes, parse_commit_changes and parse_line_spans give
+// for the decoded text, for a query that holds the bytes. New reference,
+// or null with an exception set.
+PyObject* parse_file_changes_from_git(PyObject* module, std::string_view output);
+PyObject* parse_commit_changes_from_git(PyObject* module, std::string_view output);
+PyObject* parse_line_spans_from_git(PyObject* module, std::string_view patch);
 
 }  // namespace gu

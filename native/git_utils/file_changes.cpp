@@ -48,15 +48,15 @@ Ref line_count_of_str(PyObject* field) {
 }
 
 // _line_count of a field given as UTF-8 bytes.
-Ref line_count_of(std::string_view field) {
+Ref line_count_of(std::string_view field, Origin origin) {
     std::uint64_t value = 0;
     if (core::ascii_count(field, value)) return Ref::steal(PyLong_FromUnsignedLongLong(value));
     if (is_ascii(field)) {
         if (!all_ascii_digits(field)) return Ref::steal(PyLong_FromLong(0));
-        Ref s = str_of(field);  // more digits than 64 bits hold
+        Ref s = str_of(field, origin);  // more digits than 64 bits hold
         return s ? Ref::steal(PyLong_FromUnicodeObject(s.get(), 10)) : Ref();
     }
-    Ref s = str_of(field);  // other scripts' digits count too
+    Ref s = str_of(field, origin);  // other scripts' digits count too
     return s ? line_count_of_str(s.get()) : Ref();
 }
 
@@ -110,7 +110,7 @@ struct NativeFileChanges {
 // FileChange records of the core's records, in order, into `out` (a list
 // or, for a commit, a tuple of the right size).
 bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const std::vector<core::FileRecord>& records,
-                       StrCache& strs, Collaborator& file_change, PyObject* out) {
+                       Origin origin, StrCache& strs, Collaborator& file_change, PyObject* out) {
     const ModuleState* st = state_of(module);
     const bool is_tuple = PyTuple_Check(out);
     Ref zero = Ref::steal(PyLong_FromLong(0));
@@ -120,8 +120,8 @@ bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const 
         PyObject* path = strs.get(r.path);
         PyObject* old_path = r.old_path ? strs.get(*r.old_path) : Py_None;
         if (path == nullptr || old_path == nullptr) return false;
-        Ref added = r.has_counts ? line_count_of(r.added) : Ref::borrow(zero.get());
-        Ref deleted = r.has_counts ? line_count_of(r.deleted) : Ref::borrow(zero.get());
+        Ref added = r.has_counts ? line_count_of(r.added, origin) : Ref::borrow(zero.get());
+        Ref deleted = r.has_counts ? line_count_of(r.deleted, origin) : Ref::borrow(zero.get());
         PyObject* cls = file_change.get();
         if (!added || !deleted || cls == nullptr) return false;
         PyObject* values[] = {path, native.words.word[static_cast<int>(r.status)], added.get(), deleted.get(),
@@ -136,14 +136,15 @@ bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const 
     return true;
 }
 
-PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& native, core::TokenStream& stream) {
+PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& native, core::TokenStream& stream,
+                                Origin origin) {
     const std::vector<core::FileRecord> records = core::collect_file_changes(stream);
     Ref list = Ref::steal(PyList_New(0));
     if (!list) return nullptr;
-    StrCache strs;
+    StrCache strs(origin);
     Collaborator file_change(module, Name::FileChange);
     GcPause pause(file_change.is_original());
-    if (!fill_file_changes(module, native, records, strs, file_change, list.get())) return nullptr;
+    if (!fill_file_changes(module, native, records, origin, strs, file_change, list.get())) return nullptr;
     return list.release();
 }
 
@@ -276,7 +277,7 @@ PyObject* file_changes(PyObject* module, PyObject* const* a) {
     if (!joined || !bytes.open(joined.get())) return nullptr;
     core::TokenStream stream(
         core::TokenRun{bytes.view(), static_cast<std::size_t>(PySequence_Fast_GET_SIZE(tokens))});
-    return file_changes_natively(module, native, stream);
+    return file_changes_natively(module, native, stream, Origin::str);
 }
 
 // output.split("\x00"), with the errors of that call for a non-str.
@@ -292,7 +293,7 @@ PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
         Utf8View bytes;
         if (!bytes.open(output)) return nullptr;
         core::TokenStream stream(bytes.view());
-        return file_changes_natively(module, native, stream);
+        return file_changes_natively(module, native, stream, Origin::str);
     }
     Ref tokens = nul_tokens(output);
     if (!tokens) return nullptr;
@@ -306,7 +307,7 @@ int line_count(PyObject* const* a, Ref& out) {
     if (PyUnicode_Check(field)) {
         Utf8View bytes;
         if (!bytes.open(field)) return -1;
-        out = line_count_of(bytes.view());
+        out = line_count_of(bytes.view(), Origin::str);
     } else {
         out = line_count_of_str(field);  // through the object's own methods
     }
@@ -321,7 +322,7 @@ PyObject* line_count_function(PyObject*, PyObject* const* a) {
 // ---- commits ---------------------------------------------------------------
 
 // int(text.strip()) for the time of a commit header, given as UTF-8 bytes.
-Ref commit_time(std::string_view text) {
+Ref commit_time(std::string_view text, Origin origin) {
     std::size_t begin = 0, end = text.size();
     const auto blank = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r') || (c >= '\x1c' && c <= '\x1f'); };
     while (begin < end && blank(text[begin])) ++begin;
@@ -329,16 +330,17 @@ Ref commit_time(std::string_view text) {
     std::uint64_t value = 0;
     if (core::ascii_count(text.substr(begin, end - begin), value))
         return Ref::steal(PyLong_FromUnsignedLongLong(value));
-    Ref s = str_of(text);  // signs, underscores, other scripts' blanks and digits, or no number
+    Ref s = str_of(text, origin);  // signs, underscores, other scripts' blanks and digits, or no number
     if (!s) return Ref();
     Ref stripped = Ref::steal(PyObject_CallMethod(s.get(), "strip", nullptr));
     return stripped ? Ref::steal(PyLong_FromUnicodeObject(stripped.get(), 10)) : Ref();
 }
 
-PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, std::string_view output) {
+PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, std::string_view output,
+                           Origin origin) {
     Ref commits = Ref::steal(PyList_New(0));
     if (!commits) return nullptr;
-    StrCache strs;
+    StrCache strs(origin);
     Collaborator file_change(module, Name::FileChange);
     Collaborator commit_changes(module, Name::CommitChanges);
     GcPause pause(file_change.is_original() && commit_changes.is_original());
@@ -346,12 +348,12 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, st
     core::split_commits(output, [&](std::string_view time_text, core::TokenRun body) {
         if (failed) return;
         failed = true;
-        Ref time = commit_time(time_text);
+        Ref time = commit_time(time_text, origin);
         if (!time) return;
         core::TokenStream stream(body);
         const std::vector<core::FileRecord> records = core::collect_file_changes(stream);
         Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
-        if (!files || !fill_file_changes(module, native, records, strs, file_change, files.get())) return;
+        if (!files || !fill_file_changes(module, native, records, origin, strs, file_change, files.get())) return;
         PyObject* cls = commit_changes.get();
         if (cls == nullptr) return;
         PyObject* values[] = {time.get(), files.get()};
@@ -415,12 +417,35 @@ PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
         unchanged(module, Name::_COMMIT_START)) {
         Utf8View bytes;
         if (!bytes.open(output)) return nullptr;
-        return commits_natively(module, native, bytes.view());
+        return commits_natively(module, native, bytes.view(), Origin::str);
     }
     return commits_through_objects(module, output);
 }
 
+// What git printed, decoded as the runner decodes it.
+Ref decoded(std::string_view output) { return str_of(output, Origin::git); }
+
 }  // namespace
+
+PyObject* parse_file_changes_from_git(PyObject* module, std::string_view output) {
+    NativeFileChanges native(module);
+    if (native.ready && unchanged(module, Name::_file_changes)) {
+        core::TokenStream stream(output);
+        return file_changes_natively(module, native, stream, Origin::git);
+    }
+    Ref text = decoded(output);
+    if (!text) return nullptr;
+    PyObject* args[] = {text.get()};
+    return parse_file_changes(module, args);
+}
+
+PyObject* parse_commit_changes_from_git(PyObject* module, std::string_view output) {
+    NativeFileChanges native(module);
+    if (native.ready && unchanged(module, Name::_file_changes) && unchanged(module, Name::_COMMIT_START))
+        return commits_natively(module, native, output, Origin::git);
+    Ref text = decoded(output);
+    return text ? commits_through_objects(module, text.get()) : nullptr;
+}
 
 const FunctionDef kParseFileChanges = {
     Name::parse_file_changes,

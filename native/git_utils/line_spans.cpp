@@ -259,8 +259,9 @@ PyObject* span(PyObject* module, PyObject* const* a) {
 // each "+++ " line and asks about every other line outside a hunk.
 class SpanCollector {
 public:
-    explicit SpanCollector(PyObject* module)
+    SpanCollector(PyObject* module, Origin origin)
         : module_(module),
+          origin_(origin),
           header_pattern_(module, Name::_HUNK_HEADER),
           span_function_(module, Name::_span),
           path_function_(module, Name::_patch_path),
@@ -284,7 +285,7 @@ public:
     }
 
     void path_line(std::string_view rest) {
-        path_ = native_path_ ? path_natively(rest) : call_helper(path_function_, str_of(rest));
+        path_ = native_path_ ? path_natively(rest) : call_helper(path_function_, str_of(rest, origin_));
         if (!path_) throw PythonError{};
         list_ = nullptr;
     }
@@ -300,6 +301,7 @@ public:
 
 private:
     PyObject* module_;
+    Origin origin_;
     Collaborator header_pattern_, span_function_, path_function_, line_span_;
     bool native_header_ = false, native_span_ = false, native_path_ = false, native_unquote_ = false;
     Ref spans_;
@@ -317,13 +319,20 @@ private:
             case core::PatchPath::null:
                 return Ref::borrow(Py_None);
             case core::PatchPath::plain:
-                return str_of(p.text);
+                return str_of(p.text, origin_);
             case core::PatchPath::quoted:
                 break;
         }
-        if (native_unquote_) return unquote_natively(p.text);
-        Collaborator unquote_found(module_, Name::_unquote);
-        return call_helper(unquote_found, str_of(p.text));
+        if (native_unquote_ && origin_ == Origin::str) return unquote_natively(p.text);
+        // From git, the name's bytes are read as the decoded text would give
+        // them: invalid sequences are U+FFFD before the escapes are undone.
+        Ref name = str_of(p.text, origin_);
+        if (!name || !native_unquote_) {
+            Collaborator unquote_found(module_, Name::_unquote);
+            return call_helper(unquote_found, std::move(name));
+        }
+        Utf8View bytes;
+        return bytes.open(name.get()) ? unquote_natively(bytes.view()) : Ref();
     }
 
     // The list of the current path in spans, made on its first span.
@@ -381,7 +390,7 @@ private:
     }
 
     std::optional<std::pair<std::int64_t, std::int64_t>> header_through_pattern(std::string_view line) {
-        Ref text = str_of(line);
+        Ref text = str_of(line, origin_);
         if (!text || header_pattern_.get() == nullptr) throw PythonError{};
         Ref match = Ref::steal(PyObject_CallMethod(header_pattern_.get(), "match", "O", text.get()));
         if (!match) throw PythonError{};
@@ -399,6 +408,20 @@ private:
     }
 };
 
+PyObject* spans_of(PyObject* module, std::string_view patch, Origin origin) {
+    SpanCollector collector(module, origin);
+    if (!collector.start()) return nullptr;
+    GcPause pause(collector.all_native());
+    try {
+        core::walk_patch(patch, collector);
+    } catch (const PythonError&) {
+        return nullptr;
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
+    }
+    return collector.result();
+}
+
 PyObject* parse_line_spans(PyObject* module, PyObject* const* a) {
     PyObject* patch = a[0];
     if (!PyUnicode_Check(patch)) {
@@ -412,20 +435,14 @@ PyObject* parse_line_spans(PyObject* module, PyObject* const* a) {
     }
     Utf8View bytes;
     if (!bytes.open(patch)) return nullptr;
-    SpanCollector collector(module);
-    if (!collector.start()) return nullptr;
-    GcPause pause(collector.all_native());
-    try {
-        core::walk_patch(bytes.view(), collector);
-    } catch (const PythonError&) {
-        return nullptr;
-    } catch (const std::bad_alloc&) {
-        return PyErr_NoMemory();
-    }
-    return collector.result();
+    return spans_of(module, bytes.view(), Origin::str);
 }
 
 }  // namespace
+
+PyObject* parse_line_spans_from_git(PyObject* module, std::string_view patch) {
+    return spans_of(module, patch, Origin::git);
+}
 
 const FunctionDef kParseLineSpans = {
     Name::parse_line_spans,

@@ -39,21 +39,30 @@ private:
     std::string_view view_;
 };
 
-// A str of bytes that came from a Utf8View (so they are valid, surrogates
-// aside).
-inline Ref str_of(std::string_view bytes) {
-    return Ref::steal(PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), "surrogatepass"));
+// Where the bytes a parser reads come from, which tells how to make strs of
+// them: from a str through a Utf8View (valid UTF-8 but for surrogates,
+// which pass back unchanged), or straight from git (any bytes, invalid
+// sequences replaced with U+FFFD as decoding git's whole output does;
+// git's separators are ASCII, so decoding a piece of it gives the piece
+// of the decoded whole).
+enum class Origin { str, git };
+
+inline Ref str_of(std::string_view bytes, Origin origin) {
+    return Ref::steal(PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()),
+                                           origin == Origin::str ? "surrogatepass" : "replace"));
 }
 
 // One str per distinct text: a path that a diff names in its raw and its
 // numstat record, or that every commit of a log touches, is made once.
 class StrCache {
 public:
+    explicit StrCache(Origin origin) : origin_(origin) {}
+
     // A borrowed reference owned by the cache, or null with an exception set.
     PyObject* get(std::string_view bytes) {
         auto it = map_.find(bytes);
         if (it != map_.end()) return it->second.get();
-        Ref s = str_of(bytes);
+        Ref s = str_of(bytes, origin_);
         if (!s) return nullptr;
         PyObject* raw = s.get();
         map_.emplace(bytes, std::move(s));
@@ -61,6 +70,7 @@ public:
     }
 
 private:
+    Origin origin_;
     std::unordered_map<std::string_view, Ref> map_;
 };
 
