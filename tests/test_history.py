@@ -72,13 +72,92 @@ def test_refused_specs(gu, frozen, spec):
     assert info.value.__cause__ is None and info.value.__suppress_context__ is False
 
 
-@pytest.mark.parametrize("spec", ["99999999999d", "999999999w", "0001-01-01T00:00+05:00"])
-def test_outside_the_calendar(gu, zone, spec):
-    if spec.startswith("0001") and zone == "UTC":
-        spec = "0001-01-01T00:00+05:00"
-    with pytest.raises(ValueError, match=r"^since '.*' reaches outside the calendar$") as info:
+def overflow_of(compute):
+    with pytest.raises(OverflowError) as info:
+        compute()
+    return str(info.value)
+
+
+@pytest.mark.parametrize(
+    "spec, python",
+    [
+        ("99999999999d", lambda: dt.timedelta(days=99999999999)),
+        ("999999999w", lambda: dt.timedelta(weeks=999999999)),
+        ("1000000000d", lambda: dt.timedelta(days=1000000000)),
+        ("999999999d", lambda: dt.datetime.now() - dt.timedelta(days=999999999)),
+        ("0001-01-01T00:00+05:00", lambda: dt.datetime(1, 1, 1) - dt.timedelta(hours=5)),
+    ],
+)
+def test_outside_the_calendar(gu, zone, spec, python):
+    with pytest.raises(ValueError) as info:
         gu.parse_time_spec(spec)
-    assert isinstance(info.value.__cause__, OverflowError)
+    assert str(info.value) == f"since {spec!r} reaches outside the calendar"
+    assert isinstance(info.value.__cause__, OverflowError) and str(info.value.__cause__) == overflow_of(python)
+
+
+class PlainDateTime(dt.datetime):
+    """Takes parse_time_spec off its native moments, onto the calls of the class."""
+
+
+ZONES = ["UTC", "Europe/Berlin", "America/New_York", "Australia/Lord_Howe", "America/St_Johns", "Pacific/Kiritimati"]
+
+# Instants around daylight-saving changes of the zones above (and the other
+# zones' ordinary days), before the epoch, under local mean time, at the
+# calendar's ends.
+OFFSET_SPECS = [
+    "2026-03-29T00:59:59.999999+00:00", "2026-03-29T01:00:00+00:00", "2026-10-25T00:30+00:00",
+    "2026-10-25T01:30+00:00", "2026-03-08T06:59:59-00:00", "2026-03-08 02:30-05:00", "2026-11-01T01:30-04:00",
+    "2026-11-01T01:30-05:00", "2026-04-05T01:45+11:00", "2026-10-04T02:15+10:30", "1969-12-31T23:59:59.500+00:00",
+    "1890-06-01T12:00:00.250+00:00", "2026-09-01T12:30:00+02:00", "2026-09-01T12:30:00+05:30:15.000001",
+    "0001-01-01T23:00+14:00", "9999-12-31T10:00-13:59", "9999-12-31T23:59+00:00",
+]
+
+
+def outcome(parse, spec):
+    try:
+        moment = parse(spec)
+    except ValueError as error:
+        return str(error), str(error.__cause__)
+    assert moment.tzinfo is None
+    return moment, moment.fold
+
+
+def python_local_moment(spec):
+    try:
+        return dt.datetime.fromisoformat(spec).astimezone().replace(tzinfo=None)
+    except OverflowError as error:
+        raise ValueError(f"since {spec!r} reaches outside the calendar") from error
+
+
+@pytest.mark.parametrize("zone", ZONES, indirect=True)
+def test_offsets_agree_with_astimezone(gu, monkeypatch, zone):
+    native = [outcome(gu.parse_time_spec, spec) for spec in OFFSET_SPECS]
+    assert native == [outcome(python_local_moment, spec) for spec in OFFSET_SPECS]
+    monkeypatch.setattr(gu, "datetime", PlainDateTime)
+    assert [outcome(gu.parse_time_spec, spec) for spec in OFFSET_SPECS] == native
+
+
+@pytest.mark.parametrize("zone", ["UTC", "Europe/Berlin", "America/St_Johns", "Pacific/Kiritimati"], indirect=True)
+@pytest.mark.parametrize(
+    "spec, span, change",
+    [
+        (" 30m", dt.timedelta(minutes=30), None),
+        ("24h\n", dt.timedelta(hours=24), None),
+        ("7d", dt.timedelta(days=7), None),
+        ("2w", dt.timedelta(weeks=2), None),
+        ("0000000000000000000700000d", dt.timedelta(days=700000), None),
+        ("7d", dt.timedelta(hours=7), lambda gu, mp: mp.setitem(gu._SPEC_UNITS, "d", "hours")),
+        ("7d", dt.timedelta(seconds=7), lambda gu, mp: mp.setitem(gu._SPEC_UNITS, "d", "seconds")),
+        ("7d", dt.timedelta(days=7), lambda gu, mp: mp.setattr(gu, "datetime", PlainDateTime)),
+    ],
+)
+def test_relative_specs_read_the_local_clock(gu, monkeypatch, zone, spec, span, change):
+    if change:
+        change(gu, monkeypatch)
+    before = dt.datetime.now() - span
+    result = gu.parse_time_spec(spec)
+    after = dt.datetime.now() - span
+    assert before <= result <= after and result.tzinfo is None and result.fold == 0
 
 
 def test_argument_that_is_not_text(gu):
