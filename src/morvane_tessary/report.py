@@ -256,7 +256,10 @@ def main(argv: Sequence[str] | None = None) -> int:
     except ReportError as error:
         print(f"{parser.prog}: error: {error}", file=sys.stderr)
         return 2
-    print(as_json(report) if args.json else human(report))
+    try:
+        print(as_json(report) if args.json else human(report), flush=True)
+    except BrokenPipeError:  # a reader such as head stopped early: no traceback at exit
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     return 0
 
 
