@@ -1,0 +1,511 @@
+"""Diff and log benchmarks, side by side in one run.
+
+    python benchmarks/bench_changes.py [--reps N] [--peer-reps N] [--peer-commits N] [--no-peers]
+
+On the synthetic history of make_history.py (built once, cached in
+benchmarks/out/):
+
+1. diff_line_spans(main...feature), diff_file_changes(main...feature) and
+   log_commit_changes over the whole history against the bare spawn of the
+   same git command line (bare_spawn.cpp: posix_spawn and drain, no
+   decoding): wall time, module/bare, and the CPU the module's own process
+   spends against git's. `_git_output` alone splits the module's time into
+   the runner's and the parser's part.
+2. diff_line_spans with every path of the tree (one git per batch of paths)
+   against one git with all paths on one command line.
+3. The three parsers alone on the captured output against the same rules in
+   plain Python (changes_reference.py).
+4. The libraries a user might pick instead, when installed (pip install
+   '.[bench]'): unidiff and whatthepatch parsing the patch; GitPython (with
+   unidiff for the patch) and pygit2 doing the three jobs their own way.
+5. The peak memory of each parse against the size of git's output, in fresh
+   child processes.
+
+Each figure is the median of several interleaved repetitions.
+"""
+
+from __future__ import annotations
+
+import argparse
+import dataclasses
+import os
+import resource
+import statistics
+import subprocess
+import sys
+import time
+from datetime import datetime
+from pathlib import Path
+from typing import Callable
+
+import changes_reference as ref
+from bench_runner import OUT, bare, build_bare, print_table
+from make_history import ensure_history
+
+from morvane_tessary.utils import git_utils
+
+SINCE = datetime(2000, 1, 1)
+BASE, HEAD = "main", "feature"
+RANGE = f"{BASE}...{HEAD}"
+
+# The command lines the module runs for these calls, written out here so
+# that the bare runs do not depend on the module; checked against what the
+# module hands to _git_output before anything is timed.
+PATCH_OPTIONS = ["--no-color", "--no-ext-diff", "--no-textconv", "--no-prefix", "-M", "-U0"]
+SPANS_ARGS = ["-c", "core.quotepath=off", "--literal-pathspecs", "diff", *PATCH_OPTIONS, "--diff-filter=MR", RANGE]
+FILES_ARGS = ["diff", "--raw", "--numstat", "-M", "-z", "--no-textconv", RANGE]
+
+
+def log_args(max_commits: int) -> list[str]:
+    return ["log", f"--since={SINCE:%Y-%m-%d %H:%M:%S}", f"--max-count={max_commits}", "--no-show-signature",
+            "--format=%x1e%ct", "--raw", "--numstat", "-M", "-z"]
+
+
+def native(name: str) -> Callable | None:
+    """The module's function, or None while this build lacks it."""
+    return getattr(git_utils, name, None)
+
+
+# -- measuring --------------------------------------------------------------------
+
+
+@dataclasses.dataclass
+class Sample:
+    wall: float
+    own_cpu: float  # this process: reading the pipes, decoding, parsing, building records
+    child_cpu: float  # the reaped children: git (and bare_spawn for a bare run)
+
+
+def _cpu(who: int) -> float:
+    usage = resource.getrusage(who)
+    return usage.ru_utime + usage.ru_stime
+
+
+def measure(fn: Callable[[], object]) -> Sample:
+    own, child, start = _cpu(resource.RUSAGE_SELF), _cpu(resource.RUSAGE_CHILDREN), time.perf_counter()
+    fn()
+    wall = time.perf_counter() - start
+    return Sample(wall, _cpu(resource.RUSAGE_SELF) - own, _cpu(resource.RUSAGE_CHILDREN) - child)
+
+
+def measure_bare(exe: Path, root: Path, args: list[str]) -> Sample:
+    child = _cpu(resource.RUSAGE_CHILDREN)
+    wall = bare(exe, 1, root, args)  # timed inside bare_spawn: its own start-up is not counted
+    return Sample(wall, 0.0, _cpu(resource.RUSAGE_CHILDREN) - child)
+
+
+def median(samples: list[Sample]) -> Sample:
+    return Sample(*(statistics.median(getattr(s, f.name) for s in samples) for f in dataclasses.fields(Sample)))
+
+
+def interleaved(jobs: list[Callable[[], Sample]], reps: int) -> list[Sample]:
+    """Median of `reps` rounds, one run of every job per round, after one warm-up round."""
+    for job in jobs:
+        job()
+    rounds = [[job() for job in jobs] for _ in range(reps)]
+    return [median([r[i] for r in rounds]) for i in range(len(jobs))]
+
+
+def parse_time(fn: Callable[[str], object], text: str, reps: int) -> float:
+    fn(text)
+    return statistics.median(measure(lambda: fn(text)).wall for _ in range(reps))
+
+
+def plain(value: object) -> object:
+    """Records as tuples, so the module's and the yardstick's results compare."""
+    if dataclasses.is_dataclass(value):
+        return dataclasses.astuple(value)
+    if isinstance(value, dict):
+        return {k: plain(v) for k, v in value.items()}
+    if isinstance(value, (list, tuple)):
+        return [plain(v) for v in value]
+    return value
+
+
+# -- checks before timing -----------------------------------------------------------
+
+
+def recorded_args(call: Callable[[], object]) -> list[list[str]]:
+    """The argument lists the module hands to _git_output during `call`."""
+    original = git_utils._git_output
+    seen: list[list[str]] = []
+
+    def recording(repo_root, args):
+        seen.append(list(args))
+        return original(repo_root, args)
+
+    git_utils._git_output = recording
+    try:
+        call()
+    finally:
+        git_utils._git_output = original
+    return seen
+
+
+def check_same_argv(name: str, call: Callable[[], object], expected: list[list[str]]) -> None:
+    seen = recorded_args(call)
+    if seen != expected:
+        raise SystemExit(f"{name}: the module ran {seen[:1]}... ({len(seen)} runs), the benchmark expects "
+                         f"{expected[:1]}... ({len(expected)} runs)")
+
+
+def check_same_result(name: str, ours: object, theirs: object) -> None:
+    if plain(ours) != plain(theirs):
+        raise SystemExit(f"{name}: the module and the plain-Python yardstick disagree")
+
+
+# -- the jobs -----------------------------------------------------------------------
+
+
+def query_rows(root: Path, exe: Path, reps: int, max_commits: int) -> list[tuple[str, float, str]]:
+    jobs = [
+        ("diff_line_spans(main...feature)", SPANS_ARGS,
+         lambda: git_utils.diff_line_spans(root, BASE, HEAD, merge_base=True), "diff_line_spans"),
+        ("diff_file_changes(main...feature)", FILES_ARGS,
+         lambda: git_utils.diff_file_changes(root, BASE, HEAD), "diff_file_changes"),
+        ("log_commit_changes(whole history)", log_args(max_commits),
+         lambda: git_utils.log_commit_changes(root, since=SINCE, ref=None, max_commits=max_commits),
+         "log_commit_changes"),
+    ]
+    rows = []
+    for label, args, call, fn_name in jobs:
+        output = git_utils._git_output(root, args)
+        size = len(output.encode("utf-8"))
+        if native(fn_name) is not None:
+            check_same_argv(fn_name, call, [args])
+        candidates = [lambda a=args: measure_bare(exe, root, a), lambda a=args: measure(lambda: git_utils._git_output(root, a))]
+        if native(fn_name) is not None:
+            candidates.append(lambda c=call: measure(c))
+        results = interleaved(candidates, reps)
+        t_bare, t_runner = results[0], results[1]
+        rows.append((f"{label}: bare git", t_bare.wall, f"{size / 1e6:.2f} MB of output"))
+        rows.append((f"{label}: _git_output alone", t_runner.wall,
+                     f"runner/bare {t_runner.wall / t_bare.wall:.3f}; own CPU {t_runner.own_cpu * 1e3:.1f} ms"))
+        if len(results) < 3:
+            rows.append((f"{label}: module", float("nan"), f"{fn_name} not in this build"))
+            continue
+        t_mod = results[2]
+        rows.append((f"{label}: module", t_mod.wall,
+                     f"module/bare {t_mod.wall / t_bare.wall:.3f} (target <= 1.05); own CPU "
+                     f"{t_mod.own_cpu * 1e3:.1f} ms = {t_mod.own_cpu / t_mod.child_cpu:.1%} of git's "
+                     f"{t_mod.child_cpu * 1e3:.0f} ms (target <= 3%)"))
+    return rows
+
+
+def tree_paths(root: Path) -> list[str]:
+    out = subprocess.run(["git", "ls-tree", "-r", "-z", "--name-only", HEAD], cwd=root, capture_output=True,
+                         check=True).stdout
+    return [p.decode("utf-8", "surrogateescape") for p in out.split(b"\0") if p]
+
+
+def batch_rows(root: Path, exe: Path, reps: int) -> list[tuple[str, float, str]]:
+    paths = tree_paths(root)
+    batches = ref._path_batches(paths)
+    per_batch = [[*SPANS_ARGS, "--", *batch] for batch in batches]
+    one_line = [*SPANS_ARGS, "--", *paths]
+    fn = native("diff_line_spans")
+
+    def call() -> object:
+        return git_utils.diff_line_spans(root, BASE, HEAD, merge_base=True, paths=paths)
+
+    jobs = [lambda: measure_bare(exe, root, one_line),
+            lambda: Sample(*(sum(x) for x in zip(*(dataclasses.astuple(measure_bare(exe, root, a))
+                                                   for a in per_batch))))]
+    if fn is not None:
+        check_same_argv("diff_line_spans with paths", call, per_batch)
+        jobs.append(lambda: measure(call))
+    results = interleaved(jobs, reps)
+    label = f"{len(paths)} paths, {sum(map(len, paths)) + len(paths)} chars"
+    rows = [(f"{label}: bare git, all on one line", results[0].wall, "one git"),
+            (f"{label}: bare git per batch, summed", results[1].wall,
+             f"{len(batches)} gits; batches/one line {results[1].wall / results[0].wall:.2f}")]
+    if fn is None:
+        rows.append((f"{label}: module", float("nan"), "diff_line_spans not in this build"))
+    else:
+        rows.append((f"{label}: diff_line_spans(paths=...)", results[2].wall,
+                     f"module/one line {results[2].wall / results[0].wall:.2f}; "
+                     f"module/bare batches {results[2].wall / results[1].wall:.3f}"))
+    return rows
+
+
+def str_kind(text: str) -> str:
+    """How CPython stores the text: what a parser that reads UTF-8 has to encode first."""
+    widest = ord(max(text)) if text else 0
+    return "ASCII" if widest < 0x80 else "1-byte" if widest < 0x100 else "2-byte" if widest < 0x10000 else "4-byte"
+
+
+def parser_rows(outputs: dict[str, str], reps: int) -> list[tuple[str, float, str]]:
+    rows = []
+    for name, text in outputs.items():
+        size = len(text.encode("utf-8"))
+        t_ref = parse_time(getattr(ref, name), text, reps)
+        rows.append((f"{name}: plain Python", t_ref, f"{size / 1e6 / t_ref:.1f} MB/s on a {str_kind(text)} str"))
+        fn = native(name)
+        if fn is None:
+            rows.append((f"{name}: module", float("nan"), "not in this build"))
+            continue
+        check_same_result(name, fn(text), getattr(ref, name)(text))
+        t_mod = parse_time(fn, text, reps)
+        rows.append((f"{name}: module", t_mod,
+                     f"{size / 1e6 / t_mod:.1f} MB/s; plain Python/module {t_ref / t_mod:.1f}x (target >= 10x)"))
+        data = text.encode("utf-8")
+        try:
+            fn(data)
+        except TypeError:
+            continue  # this build reads strs only
+        t_bytes = parse_time(fn, data, reps)
+        rows.append((f"{name}: module on bytes", t_bytes,
+                     f"{size / 1e6 / t_bytes:.1f} MB/s; plain Python (str)/module (bytes) {t_ref / t_bytes:.1f}x"))
+    return rows
+
+
+# -- peers ----------------------------------------------------------------------------
+
+
+def _span(start: int, new_count: int, old_count: int) -> tuple[int, int, bool]:
+    if new_count == 0:
+        return (max(start, 1), max(start, 1), False)
+    return (start, start + new_count - 1, old_count == 0)
+
+
+def patch_parsers() -> dict[str, Callable[[str], object] | str]:
+    """Patch parsers of other libraries, or why one is missing."""
+    found: dict[str, Callable[[str], object] | str] = {}
+    try:
+        import unidiff
+
+        found["unidiff PatchSet"] = unidiff.PatchSet
+    except ImportError:
+        found["unidiff PatchSet"] = "not installed"
+    try:
+        import whatthepatch
+
+        found["whatthepatch parse_patch"] = lambda text: list(whatthepatch.parse_patch(text))
+    except ImportError:
+        found["whatthepatch parse_patch"] = "not installed"
+    return found
+
+
+def gitpython_jobs(root: Path, commits: int) -> dict[str, Callable[[], object]] | str:
+    try:
+        import git
+        import unidiff
+    except ImportError as exc:
+        return f"not installed ({exc.name})"
+    repo = git.Repo(root)
+    since = f"{SINCE:%Y-%m-%d %H:%M:%S}"
+
+    def spans() -> object:
+        text = repo.git.diff(RANGE, "--no-color", "--no-ext-diff", "-M", "--unified=0", "--diff-filter=MR")
+        result: dict[str, list] = {}
+        for pf in unidiff.PatchSet(text):
+            for h in pf:
+                result.setdefault(pf.path, []).append(_span(h.target_start, h.target_length, h.source_length))
+        return result
+
+    def files() -> object:
+        base = repo.merge_base(BASE, HEAD)[0]
+        counts = {}
+        for line in repo.git.diff(RANGE, "--numstat", "-M").splitlines():
+            added, deleted, path = line.split("\t", 2)
+            counts[path] = (added, deleted)
+        return [(d.b_path, d.change_type, counts.get(d.b_path), d.a_path) for d in base.diff(HEAD)]
+
+    def log() -> object:
+        return [(c.committed_date, c.stats.files) for c in repo.iter_commits("HEAD", since=since, max_count=commits)]
+
+    return {"spans": spans, "files": files, "log": log}
+
+
+def pygit2_jobs(root: Path, commits: int) -> dict[str, Callable[[], object]] | str:
+    try:
+        import pygit2
+    except ImportError:
+        return "not installed"
+    repo = pygit2.Repository(str(root))
+    by_time = getattr(pygit2, "GIT_SORT_TIME", None) or pygit2.enums.SortMode.TIME
+    since = SINCE.timestamp()
+
+    def merge_base_diff(**kwargs) -> object:
+        base = repo.merge_base(repo.revparse_single(BASE).id, repo.revparse_single(HEAD).id)
+        diff = repo.diff(repo[base], repo.revparse_single(HEAD), **kwargs)
+        diff.find_similar()
+        return diff
+
+    def spans() -> object:
+        result: dict[str, list] = {}
+        for patch in merge_base_diff(context_lines=0):
+            if patch.delta.status_char() in "MR":
+                for h in patch.hunks:
+                    result.setdefault(patch.delta.new_file.path, []).append(_span(h.new_start, h.new_lines, h.old_lines))
+        return result
+
+    def files() -> object:
+        return [(p.delta.new_file.path, p.delta.status_char(), p.line_stats, p.delta.old_file.path)
+                for p in merge_base_diff()]
+
+    def log() -> object:
+        result = []
+        for commit in repo.walk(repo.head.target, by_time):
+            if len(result) >= commits or commit.commit_time < since:
+                break
+            if len(commit.parents) > 1:
+                result.append((commit.commit_time, ()))
+                continue
+            diff = repo.diff(commit.parents[0], commit) if commit.parents else commit.tree.diff_to_tree(swap=True)
+            diff.find_similar()
+            result.append((commit.commit_time, [(p.delta.new_file.path, p.line_stats) for p in diff]))
+        return result
+
+    return {"spans": spans, "files": files, "log": log}
+
+
+def peer_rows(root: Path, patch: str, prefixed_patch: str, reps: int, commits: int) -> list[tuple[str, float, str]]:
+    rows = []
+    size = len(patch.encode("utf-8"))
+    fn = native("parse_line_spans")
+    t_parse = parse_time(fn, patch, reps) if fn else None
+    for name, parser in patch_parsers().items():
+        if isinstance(parser, str):
+            rows.append((f"patch parse: {name}", float("nan"), parser))
+            continue
+        text, note = patch, ""
+        try:
+            parser(patch)
+        except Exception as exc:  # noqa: BLE001 - a peer that cannot read the module's patch form
+            text, note = prefixed_patch, f" (fails on the --no-prefix patch: {type(exc).__name__}; timed on a/ b/)"
+        t_peer = parse_time(parser, text, reps)
+        versus = f"; {name}/module {t_peer / t_parse:.1f}x" if t_parse else ""
+        rows.append((f"patch parse: {name}", t_peer, f"{size / 1e6 / t_peer:.1f} MB/s{versus}{note}"))
+
+    module_jobs = {
+        "spans": ("lines of main...feature", native("diff_line_spans"),
+                  lambda: git_utils.diff_line_spans(root, BASE, HEAD, merge_base=True)),
+        "files": ("files of main...feature", native("diff_file_changes"),
+                  lambda: git_utils.diff_file_changes(root, BASE, HEAD)),
+        "log": (f"{commits} newest commits with stats", native("log_commit_changes"),
+                lambda: git_utils.log_commit_changes(root, since=SINCE, ref=None, max_commits=commits)),
+    }
+    peers = {"GitPython": gitpython_jobs(root, commits), "pygit2": pygit2_jobs(root, commits)}
+    for job, (label, fn, call) in module_jobs.items():
+        t_mod = interleaved([lambda: measure(call)], reps)[0].wall if fn else None
+        rows.append((f"{label}: module", t_mod if t_mod else float("nan"), "" if fn else "not in this build"))
+        for peer, jobs in peers.items():
+            if isinstance(jobs, str):
+                rows.append((f"{label}: {peer}", float("nan"), jobs))
+                continue
+            t_peer = interleaved([lambda j=jobs[job]: measure(j)], reps)[0].wall
+            rows.append((f"{label}: {peer}", t_peer, f"{peer}/module {t_peer / t_mod:.1f}x" if t_mod else ""))
+    return rows
+
+
+# -- memory -----------------------------------------------------------------------------
+
+_MEMORY_CHILD = r"""
+import resource, sys, time
+sys.path.insert(0, sys.argv[4])
+from morvane_tessary.utils import git_utils
+import changes_reference
+path, mode, name = sys.argv[1:4]
+with open(path, encoding="utf-8", newline="") as fh:
+    text = fh.read()
+def status(key):
+    with open("/proc/self/status") as fh:
+        for line in fh:
+            if line.startswith(key):
+                return int(line.split()[1]) * 1024
+before = status("VmRSS:")
+try:  # forget the peak of reading the file, so the parse's own peak shows
+    with open("/proc/self/clear_refs", "w") as fh:
+        fh.write("5")
+    reset = 1
+except OSError:
+    reset = 0
+start = time.perf_counter()
+result = None
+if mode in ("module", "reference"):
+    result = getattr(git_utils if mode == "module" else changes_reference, name)(text)
+seconds = time.perf_counter() - start
+if mode == "records":  # what the result alone holds, as the interpreter's allocator counts it
+    import tracemalloc
+    tracemalloc.start()
+    result = getattr(git_utils, name)(text)
+    seconds = tracemalloc.get_traced_memory()[0]
+print(resource.getrusage(resource.RUSAGE_SELF).ru_maxrss * 1024, status("VmHWM:") - before, reset, seconds)
+"""
+
+
+def memory_rows(outputs: dict[str, str]) -> list[tuple[str, float, str]]:
+    """Peak memory of each parse in a fresh child, as a multiple of the output's size.
+
+    The high-water mark is reset after the child has read the output, so
+    what it shows is the parse's own peak (its result included). Without
+    that reset (no /proc/self/clear_refs) the figure is ru_maxrss over that
+    of a child that only reads, which hides any peak below the reading's
+    own (the bytes and the text side by side).
+    """
+    rows = []
+    here = str(Path(__file__).resolve().parent)
+    for name, text in outputs.items():
+        path = OUT / f"captured-{name}.txt"
+        path.write_text(text, encoding="utf-8", newline="")
+        size = len(text.encode("utf-8"))
+
+        def child(mode: str) -> list[float]:
+            out = subprocess.run([sys.executable, "-c", _MEMORY_CHILD, str(path), mode, name, here],
+                                 capture_output=True, text=True, check=True).stdout
+            return [float(x) for x in out.split()]
+
+        baseline = child("read")[0]
+        for mode, who in (("module", "module"), ("reference", "plain Python")):
+            if mode == "module" and native(name) is None:
+                rows.append((f"peak memory, {name}: module", float("nan"), "not in this build"))
+                continue
+            maxrss, grown, reset, seconds = child(mode)
+            peak = grown if reset else maxrss - baseline
+            how = "high-water over RSS before the parse" if reset else "ru_maxrss over a read-only child"
+            extra = ""
+            if mode == "module":
+                held = child("records")[3]
+                extra = f" (target <= 3x); the records alone {held / size:.2f}x"
+            rows.append((f"peak memory, {name}: {who}", seconds,
+                         f"{peak / size:.2f}x of {size / 1e6:.2f} MB{extra}: {how}"))
+    return rows
+
+
+# -- main ---------------------------------------------------------------------------------
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--reps", type=int, default=5, help="repetitions of each module/bare job")
+    parser.add_argument("--peer-reps", type=int, default=3, help="repetitions of each peer job")
+    parser.add_argument("--peer-commits", type=int, default=300, help="commits in the peers' log job")
+    parser.add_argument("--max-commits", type=int, default=100000)
+    parser.add_argument("--no-peers", action="store_true")
+    opts = parser.parse_args()
+
+    root = ensure_history()
+    exe = build_bare()
+    commits = int(subprocess.run(["git", "rev-list", "--count", "HEAD"], cwd=root, capture_output=True,
+                                 text=True, check=True).stdout)
+    print(f"history {root.name}: {commits} commits on HEAD; load average {os.getloadavg()[0]:.2f} at start")
+
+    outputs = {
+        "parse_line_spans": git_utils._git_output(root, SPANS_ARGS),
+        "parse_file_changes": git_utils._git_output(root, FILES_ARGS),
+        "parse_commit_changes": git_utils._git_output(root, log_args(opts.max_commits)),
+    }
+    rows = query_rows(root, exe, opts.reps, opts.max_commits)
+    rows += batch_rows(root, exe, max(opts.reps // 2, 3))
+    rows += parser_rows(outputs, opts.reps)
+    if not opts.no_peers:
+        prefixed = [a for a in SPANS_ARGS if a != "--no-prefix"]
+        rows += peer_rows(root, outputs["parse_line_spans"], git_utils._git_output(root, prefixed), opts.peer_reps,
+                          opts.peer_commits)
+    rows += memory_rows(outputs)
+    print_table(rows)
+
+
+if __name__ == "__main__":
+    main()
