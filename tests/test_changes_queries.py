@@ -1,0 +1,252 @@
+import datetime as dt
+import os
+import subprocess
+
+import pytest
+
+from morvane_tessary.utils import git_utils as gu
+
+FC, CC, LS = gu.FileChange, gu.CommitChanges, gu.LineSpan
+SINCE = dt.datetime(2026, 1, 5, 9, 3, 7, 999)
+LOG = ["log", "--since=2026-01-05 09:03:07", "--max-count=0", "--no-show-signature", "--format=%x1e%ct", "--raw",
+       "--numstat", "-M", "-z"]
+PATCH = ["-c", "core.quotepath=off", "--literal-pathspecs", "diff", "--no-color", "--no-ext-diff", "--no-textconv",
+         "--no-prefix", "-M", "-U0"]
+ONE_FILE = "\0".join([":1 2 a b A", "f", "1\t0\tf", ""])
+
+
+@pytest.fixture
+def git_output(monkeypatch):
+    """Stands in for _git_output: records every argument list and answers with the replies in turn (an
+    exception among them is raised)."""
+    calls = []
+
+    def install(*replies):
+        answers = iter(replies)
+
+        def stand_in(root, args):
+            assert type(args) is list
+            calls.append(args)
+            reply = next(answers)
+            if isinstance(reply, Exception):
+                raise reply
+            return reply
+
+        monkeypatch.setattr(gu, "_git_output", stand_in)
+        return calls
+
+    return install
+
+
+@pytest.mark.parametrize(
+    "run, reply, expected, args",
+    [
+        (lambda r: gu.diff_file_changes(r, "main", "feature"), ONE_FILE, [FC("f", "added", 1, 0)],
+         ["diff", "--raw", "--numstat", "-M", "-z", "--no-textconv", "main...feature"]),
+        (lambda r: gu.log_commit_changes(r, since=SINCE, ref=None, max_commits=0), "", [], LOG),
+        (lambda r: gu.log_commit_changes(r, since=SINCE, ref="abc", max_commits=10**20), "\x1e5\0\n" + ONE_FILE,
+         [CC(5, (FC("f", "added", 1, 0),))], [*LOG[:2], "--max-count=100000000000000000000", *LOG[3:], "abc"]),
+        # The moment's own fields, whatever its zone; no range check on the count; an empty ref is an argument.
+        (lambda r: gu.log_commit_changes(r, since=dt.datetime(2026, 9, 1, 14, 5, tzinfo=dt.timezone.max), ref="",
+                                         max_commits=-1), "", [],
+         [LOG[0], "--since=2026-09-01 14:05:00", "--max-count=-1", *LOG[3:], ""]),
+        (lambda r: gu.diff_line_spans(r, "a", "b", merge_base=True), "+++ f\n@@ -1 +1 @@\n-x\n+y\n",
+         {"f": [LS(1, 1, False)]}, [*PATCH, "--diff-filter=MR", "a...b"]),
+        (lambda r: gu.diff_line_spans(r, "a", "b", merge_base=[], paths=[], diff_filter="MRA"), "", {},
+         [*PATCH, "--diff-filter=MRA", "a", "b"]),
+        (lambda r: gu.diff_line_spans(r, "a", "b", merge_base=1, paths=("x y", "-p", "*")), "", {},
+         [*PATCH, "--diff-filter=MR", "a...b", "--", "x y", "-p", "*"]),
+        (lambda r: gu.diff_line_spans(r, 1, 2, merge_base=True, diff_filter=3), "", {},
+         [*PATCH, "--diff-filter=3", "1...2"]),
+        (lambda r: gu.diff_line_spans(r, 1, 2, merge_base=False), "", {}, [*PATCH, "--diff-filter=MR", 1, 2]),
+    ],
+)
+def test_git_arguments(git_output, tmp_path, run, reply, expected, args):
+    calls = git_output(reply)
+    assert run(tmp_path) == expected
+    assert calls == [args] and [type(a) for a in calls[0]] == [type(a) for a in args]
+
+
+def test_batches_merge_and_later_ones_replace_spans(git_output, tmp_path):
+    paths = ["dup"] + [f"p{i:08d}" for i in range(1600)] + ["dup"]  # 4 + 1599 * 10 fill the first batch
+    calls = git_output("+++ dup\n@@ -1 +1 @@\n-a\n+b\n+++ one\n@@ -0,0 +1 @@\n+x\n",
+                       "+++ two\n@@ -0,0 +1 @@\n+x\n+++ dup\n@@ -0,0 +7,2 @@\n+a\n+b\n")
+    result = gu.diff_line_spans(tmp_path, "a", "b", merge_base=True, paths=paths)
+    assert list(result.items()) == [("dup", [LS(7, 8, True)]), ("one", [LS(1, 1, True)]), ("two", [LS(1, 1, True)])]
+    head = [*PATCH, "--diff-filter=MR", "a...b", "--"]
+    assert calls == [head + paths[:1600], head + paths[1600:]]
+
+
+def test_failing_batch_stops_the_call(git_output, tmp_path):
+    calls = git_output("+++ f\n@@ -1 +1 @@\n", gu.GitError("fatal: boom"), "")
+    with pytest.raises(gu.GitError, match="^fatal: boom$"):
+        gu.diff_line_spans(tmp_path, "a", "b", merge_base=False, paths=["a" * 9000, "b" * 9000, "c" * 9000])
+    assert [c[-1][0] for c in calls] == ["a", "b"]
+
+
+@pytest.mark.parametrize(
+    "paths, sizes",
+    [
+        ([], [0]), (["p" * 9] * 2000, [1600, 400]), (("x" * 20000, "y"), [1, 1]), (["y", "x" * 20000, "z"], [1, 1, 1]),
+        (["a" * 7999] * 2, [2]), (["a" * 7999, "a" * 8000], [1, 1]), (["é" * 9] * 1600, [1600]),
+        (["\U0001f600" * 9] * 1601, [1600, 1]), ([""] * 16001, [16000, 1]), (["d", "d"], [2]),
+    ],
+)
+def test_path_batches(paths, sizes):
+    batches = gu._path_batches(paths)
+    assert type(batches) is list and all(type(b) is list for b in batches)
+    assert [len(b) for b in batches] == sizes and [p for b in batches for p in b] == list(paths)
+
+
+def log_commit_changes(repo_root, *, since, ref, max_commits): ...
+
+
+def diff_line_spans(repo_root, base, head, *, merge_base, paths=(), diff_filter="MR"): ...
+
+
+@pytest.mark.parametrize(
+    "name, args, kwargs",
+    [
+        ("log_commit_changes", ("r", SINCE, None, 5), {}), ("log_commit_changes", ("r",), {"since": SINCE, "ref": None}),
+        ("log_commit_changes", ("r",), {}), ("log_commit_changes", ("r", SINCE), {"ref": None, "max_commits": 1}),
+        ("diff_line_spans", ("r", "a", "b", True), {}), ("diff_line_spans", ("r", "a", "b"), {"paths": ["x"]}),
+        ("diff_line_spans", ("r", "a", "b", True, ["x"], "MR"), {}),
+    ],
+)
+def test_keyword_only_arguments(git_output, name, args, kwargs):
+    git_output()
+    with pytest.raises(TypeError) as theirs:
+        globals()[name](*args, **kwargs)
+    with pytest.raises(TypeError) as ours:
+        getattr(gu, name)(*args, **kwargs)
+    assert str(ours.value) == str(theirs.value)
+
+
+@pytest.mark.parametrize(
+    "name, replacement, run, replies, expected, args",
+    [
+        ("parse_file_changes", lambda out: [out], lambda r: gu.diff_file_changes(r, "a", "b"), ["x"], ["x"], None),
+        ("parse_commit_changes", lambda out: [out],
+         lambda r: gu.log_commit_changes(r, since=SINCE, ref=None, max_commits=0), ["x"], ["x"], None),
+        ("parse_line_spans", lambda p: {p: 1}, lambda r: gu.diff_line_spans(r, "a", "b", merge_base=True, paths=["p"]),
+         ["x"], {"x": 1}, None),
+        ("_path_batches", lambda paths: [["x"], [], ["y"]],
+         lambda r: gu.diff_line_spans(r, "a", "b", merge_base=True, paths=["q"]), ["", "", ""], {},
+         [[*PATCH, "--diff-filter=MR", "a...b", "--", "x"], [*PATCH, "--diff-filter=MR", "a...b"],
+          [*PATCH, "--diff-filter=MR", "a...b", "--", "y"]]),
+        ("_PATCH_OPTIONS", ("--opt",), lambda r: gu.diff_line_spans(r, "a", "b", merge_base=True), [""], {},
+         [[*PATCH[:4], "--opt", "--diff-filter=MR", "a...b"]]),
+        ("_MAX_PATHSPEC_CHARS", 4, lambda r: gu._path_batches(["ab", "cd", "e"]), [], [["ab"], ["cd"], ["e"]], None),
+    ],
+)
+def test_collaborators_are_looked_up_at_each_call(monkeypatch, git_output, tmp_path, name, replacement, run, replies,
+                                                  expected, args):
+    calls = git_output(*replies)
+    monkeypatch.setattr(gu, name, replacement)
+    assert run(tmp_path) == expected
+    assert args is None or calls == args
+    monkeypatch.delattr(gu, "_git_output")
+    with pytest.raises(NameError, match="^name '_git_output' is not defined$"):
+        gu.diff_file_changes(tmp_path, "a", "b")
+
+
+# ---- real repositories ----------------------------------------------------------
+
+QUOTED = ["été.txt", "tab\there.txt", 'quo"te.txt', "back\\slash.txt", "new\nline.txt", "sp ace.txt"]
+# Names as on disk, then as the -z records and the patch give them back: the runner decodes git's output
+# with invalid bytes replaced and every CR turned into LF; the patch quotes a CR as \r.
+ODD = {os.fsdecode(b"bad\xff.txt"): ("bad\ufffd.txt", "bad\ufffd.txt"), "cr\rname.txt": ("cr\nname.txt", "cr\rname.txt")}
+TIMES = [int(dt.datetime(2026, 1, day, 10, tzinfo=dt.timezone.utc).timestamp()) for day in (1, 2, 3, 4)]
+
+
+@pytest.fixture(scope="module")
+def repo(tmp_path_factory):
+    """main: C1 (everything added), C3 (main_only.txt), C4 merging feature; feature: C2 off C1 with
+    modifications, a rename, a deletion, an addition, binary, CR LF, no final newline and quoted names."""
+    root = tmp_path_factory.mktemp("repo")
+
+    def git(*args, day=1):
+        date = f"2026-01-0{day}T10:00:00+00:00"
+        env = {"PATH": os.environ["PATH"], "HOME": str(root), "GIT_CONFIG_NOSYSTEM": "1", "GIT_AUTHOR_NAME": "A",
+               "GIT_AUTHOR_EMAIL": "a@x", "GIT_COMMITTER_NAME": "A", "GIT_COMMITTER_EMAIL": "a@x",
+               "GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date}
+        subprocess.run(["git", *args], cwd=root, env=env, check=True, capture_output=True)
+
+    def write(name, data):
+        (root / name).write_bytes(data.encode() if isinstance(data, str) else data)
+
+    git("init", "-q", "-b", "main")
+    files = {"keep.txt": "".join(f"k{i}\n" for i in range(1, 11)), "move_me.py": "".join(f"l{i}\n" for i in range(1, 21)),
+             "bin.dat": bytes(range(256)), "crlf.txt": "a\r\nb\r\nc\r\n", "nonl.txt": "x\ny", "gone.txt": "g1\ng2\n",
+             "main_only.txt": "m\n", **dict.fromkeys([*QUOTED, *ODD], "one\ntwo\n")}
+    for name, data in files.items():
+        write(name, data)
+    git("add", "-A")
+    git("commit", "-qm", "C1")
+    git("checkout", "-qb", "feature")
+    (root / "moved").mkdir()
+    git("mv", "move_me.py", "moved/me.py")
+    for name, data in {"keep.txt": "k1\nk2\nK3\nk4\nk5\nn1\nn2\nk6\nk7\nk10\n", "bin.dat": bytes(range(255, -1, -1)),
+                       "moved/me.py": files["move_me.py"].replace("l20", "L20"), "crlf.txt": "a\r\nB\r\nc\r\n",
+                       "nonl.txt": "x\nz", "added.txt": "n1\nn2\n",
+                       **dict.fromkeys([*QUOTED, *ODD], "one\nTWO\n")}.items():
+        write(name, data)
+    git("rm", "-q", "gone.txt")
+    git("add", "-A")
+    git("commit", "-qm", "C2", day=2)
+    git("checkout", "-q", "main")
+    write("main_only.txt", "m\nM\n")
+    git("commit", "-qam", "C3", day=3)
+    git("merge", "-q", "--no-ff", "-m", "C4", "feature", day=4)
+    return root
+
+
+@pytest.fixture
+def env(monkeypatch, repo):
+    monkeypatch.setenv("TZ", "UTC")
+    monkeypatch.setenv("GIT_CONFIG_GLOBAL", "/dev/null")
+    monkeypatch.setenv("GIT_CONFIG_NOSYSTEM", "1")
+
+
+FEATURE = [FC("added.txt", "added", 2, 0), FC("bin.dat", "modified", 0, 0), FC("crlf.txt", "modified", 1, 1),
+           FC("gone.txt", "deleted", 0, 2), FC("keep.txt", "modified", 3, 3),
+           FC("moved/me.py", "renamed", 1, 1, old_path="move_me.py"), FC("nonl.txt", "modified", 1, 1),
+           *[FC(name, "modified", 1, 1) for name in QUOTED + [records for records, _ in ODD.values()]]]
+SPANS = {"keep.txt": [LS(3, 3, False), LS(6, 7, True), LS(9, 9, False)], "moved/me.py": [LS(20, 20, False)],
+         "crlf.txt": [LS(2, 2, False)], "nonl.txt": [LS(2, 2, False)],
+         **{name: [LS(2, 2, False)] for name in QUOTED + [patch for _, patch in ODD.values()]}}
+
+
+def by_path(changes):
+    return sorted(changes, key=lambda c: c.path)
+
+
+def test_file_and_commit_changes(env, repo, runner_path):
+    assert by_path(gu.diff_file_changes(repo, "main^1", "feature")) == by_path(FEATURE)
+    assert gu.diff_file_changes(repo, "feature", "feature") == []
+    assert gu.diff_file_changes(repo, "feature", "main^1") == [FC("main_only.txt", "modified", 1, 0)]
+    log = gu.log_commit_changes(repo, since=dt.datetime(2025, 12, 1), ref=None, max_commits=10)
+    assert [c.timestamp for c in log] == TIMES[::-1] and log[0].files == ()  # the merge shows no files
+    assert log[1].files == (FC("main_only.txt", "modified", 1, 0),)
+    assert by_path(log[2].files) == by_path(FEATURE)
+    assert {c.status for c in log[3].files} == {"added"} and len(log[3].files) == 15
+    assert [c.timestamp for c in gu.log_commit_changes(repo, since=dt.datetime(2026, 1, 2, 12), ref=None,
+                                                       max_commits=10)] == TIMES[:1:-1]
+    assert gu.log_commit_changes(repo, since=dt.datetime(2025, 1, 1), ref="feature", max_commits=1) == [
+        CC(TIMES[1], log[2].files)]
+    assert gu.log_commit_changes(repo, since=dt.datetime(2025, 1, 1), ref=None, max_commits=0) == []
+    with pytest.raises(gu.GitError, match="unknown revision"):
+        gu.log_commit_changes(repo, since=SINCE, ref="nope", max_commits=1)
+
+
+def test_line_spans(env, repo, runner_path):
+    assert gu.diff_line_spans(repo, "main^1", "feature", merge_base=True) == SPANS
+    # Compared with main itself, main's own change shows as a removal on feature's side.
+    assert gu.diff_line_spans(repo, "main^1", "feature", merge_base=False) == {**SPANS, "main_only.txt": [LS(1, 1, False)]}
+    assert gu.diff_line_spans(repo, "main^1", "feature", merge_base=True, diff_filter="AD") == {
+        "added.txt": [LS(1, 2, True)]}
+    paths = ["keep.txt", "tab\there.txt", "*.txt", "gone.txt"]  # literal paths: "*.txt" names no file
+    assert gu.diff_line_spans(repo, "main^1", "feature", merge_base=True, paths=paths) == {
+        "keep.txt": SPANS["keep.txt"], "tab\there.txt": [LS(2, 2, False)]}
+    with pytest.raises(gu.GitError, match="unknown revision|bad revision"):
+        gu.diff_line_spans(repo, "nope", "feature", merge_base=True)
