@@ -10,7 +10,9 @@ seconds=${1:-60}
 out=${FUZZ_OUT:-build/fuzz}
 
 if ! command -v clang++ >/dev/null 2>&1; then
-  apt-get update && apt-get install -y clang
+  as_root=(); [ "$(id -u)" -eq 0 ] || as_root=(sudo -n)
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q </dev/null
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q clang </dev/null
 fi
 
 san=(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
