@@ -148,7 +148,8 @@ PyObject* unquote(PyObject* module, PyObject* const* a) {
     if (PyUnicode_Check(text) && native_unquote(module)) {
         Utf8View bytes;
         if (!bytes.open(text)) return nullptr;
-        return unquote_natively(bytes.view()).release();
+        // A surrogate fails the encoding: the object tier raises what Python does.
+        if (!has_surrogate(bytes.view())) return unquote_natively(bytes.view()).release();
     }
     return unquote_through_objects(module, text).release();
 }
@@ -323,16 +324,16 @@ private:
             case core::PatchPath::quoted:
                 break;
         }
-        if (native_unquote_ && origin_ == Origin::str) return unquote_natively(p.text);
+        if (native_unquote_ && origin_ == Origin::str && !has_surrogate(p.text)) return unquote_natively(p.text);
         // From git, the name's bytes are read as the decoded text would give
         // them: invalid sequences are U+FFFD before the escapes are undone.
         Ref name = str_of(p.text, origin_);
-        if (!name || !native_unquote_) {
-            Collaborator unquote_found(module_, Name::_unquote);
-            return call_helper(unquote_found, std::move(name));
+        if (name && native_unquote_ && origin_ == Origin::git) {
+            Utf8View bytes;
+            return bytes.open(name.get()) ? unquote_natively(bytes.view()) : Ref();
         }
-        Utf8View bytes;
-        return bytes.open(name.get()) ? unquote_natively(bytes.view()) : Ref();
+        Collaborator unquote_found(module_, Name::_unquote);
+        return call_helper(unquote_found, std::move(name));
     }
 
     // The list of the current path in spans, made on its first span.

@@ -39,6 +39,15 @@ private:
     std::string_view view_;
 };
 
+// Whether bytes from a Utf8View hold a lone surrogate (ED A0..BF xx), which
+// str.encode("utf-8") refuses.
+inline bool has_surrogate(std::string_view bytes) {
+    for (std::size_t i = 0; i + 1 < bytes.size(); ++i)
+        if (static_cast<unsigned char>(bytes[i]) == 0xED && static_cast<unsigned char>(bytes[i + 1]) >= 0xA0)
+            return true;
+    return false;
+}
+
 // Where the bytes a parser reads come from, which tells how to make strs of
 // them: from a str through a Utf8View (valid UTF-8 but for surrogates,
 // which pass back unchanged), or straight from git (any bytes, invalid
