@@ -106,9 +106,9 @@ def interleaved(jobs: list[Callable[[], Sample]], reps: int) -> list[Sample]:
     return [median([r[i] for r in rounds]) for i in range(len(jobs))]
 
 
-def parse_time(fn: Callable[[str], object], text: str, reps: int) -> float:
-    fn(text)
-    return statistics.median(measure(lambda: fn(text)).wall for _ in range(reps))
+def parse_times(fns: list[Callable[[str], object]], text: str, reps: int) -> list[float]:
+    """Median seconds of each parser on `text`, the parsers taking turns."""
+    return [s.wall for s in interleaved([lambda f=f: measure(lambda: f(text)) for f in fns], reps)]
 
 
 def plain(value: object) -> object:
@@ -238,24 +238,17 @@ def parser_rows(outputs: dict[str, str], reps: int) -> list[tuple[str, float, st
     rows = []
     for name, text in outputs.items():
         size = len(text.encode("utf-8"))
-        t_ref = parse_time(getattr(ref, name), text, reps)
-        rows.append((f"{name}: plain Python", t_ref, f"{size / 1e6 / t_ref:.1f} MB/s on a {str_kind(text)} str"))
         fn = native(name)
         if fn is None:
+            t_ref = parse_times([getattr(ref, name)], text, reps)[0]
+            rows.append((f"{name}: plain Python", t_ref, f"{size / 1e6 / t_ref:.1f} MB/s on a {str_kind(text)} str"))
             rows.append((f"{name}: module", float("nan"), "not in this build"))
             continue
         check_same_result(name, fn(text), getattr(ref, name)(text))
-        t_mod = parse_time(fn, text, reps)
+        t_ref, t_mod = parse_times([getattr(ref, name), fn], text, reps)
+        rows.append((f"{name}: plain Python", t_ref, f"{size / 1e6 / t_ref:.1f} MB/s on a {str_kind(text)} str"))
         rows.append((f"{name}: module", t_mod,
                      f"{size / 1e6 / t_mod:.1f} MB/s; plain Python/module {t_ref / t_mod:.1f}x (target >= 10x)"))
-        data = text.encode("utf-8")
-        try:
-            fn(data)
-        except TypeError:
-            continue  # this build reads strs only
-        t_bytes = parse_time(fn, data, reps)
-        rows.append((f"{name}: module on bytes", t_bytes,
-                     f"{size / 1e6 / t_bytes:.1f} MB/s; plain Python (str)/module (bytes) {t_ref / t_bytes:.1f}x"))
     return rows
 
 
@@ -360,25 +353,45 @@ def pygit2_jobs(root: Path, commits: int) -> dict[str, Callable[[], object]] | s
     return {"spans": spans, "files": files, "log": log}
 
 
+def contest(label: str, module_call: Callable[[], object] | None, peers: dict[str, Callable[[], object] | str],
+            reps: int, rate_bytes: int = 0, notes: dict[str, str] | None = None) -> list[tuple[str, float, str]]:
+    """The module and every installed peer taking turns on one job; one row each."""
+    runnable = {name: job for name, job in peers.items() if not isinstance(job, str)}
+    contenders = ([module_call] if module_call else []) + list(runnable.values())
+    walls = [s.wall for s in interleaved([lambda c=c: measure(c) for c in contenders], reps)]
+    t_mod = walls.pop(0) if module_call else None
+    rate = (lambda t: f"{rate_bytes / 1e6 / t:.1f} MB/s; ") if rate_bytes else (lambda t: "")
+    rows = [(f"{label}: module", t_mod, rate(t_mod).rstrip("; ")) if t_mod
+            else (f"{label}: module", float("nan"), "not in this build")]
+    for name, job in peers.items():
+        if isinstance(job, str):
+            rows.append((f"{label}: {name}", float("nan"), job))
+            continue
+        t_peer = walls.pop(0)
+        versus = f"{name}/module {t_peer / t_mod:.1f}x (target > 1)" if t_mod else ""
+        rows.append((f"{label}: {name}", t_peer, rate(t_peer) + versus + (notes or {}).get(name, "")))
+    return rows
+
+
 def peer_rows(root: Path, patch: str, prefixed_patch: str, reps: int, commits: int) -> list[tuple[str, float, str]]:
-    rows = []
-    size = len(patch.encode("utf-8"))
-    fn = native("parse_line_spans")
-    t_parse = parse_time(fn, patch, reps) if fn else None
+    parsers: dict[str, Callable[[], object] | str] = {}
+    notes = {}
     for name, parser in patch_parsers().items():
         if isinstance(parser, str):
-            rows.append((f"patch parse: {name}", float("nan"), parser))
+            parsers[name] = parser
             continue
-        text, note = patch, ""
+        text = patch
         try:
             parser(patch)
         except Exception as exc:  # noqa: BLE001 - a peer that cannot read the module's patch form
-            text, note = prefixed_patch, f" (fails on the --no-prefix patch: {type(exc).__name__}; timed on a/ b/)"
-        t_peer = parse_time(parser, text, reps)
-        versus = f"; {name}/module {t_peer / t_parse:.1f}x" if t_parse else ""
-        rows.append((f"patch parse: {name}", t_peer, f"{size / 1e6 / t_peer:.1f} MB/s{versus}{note}"))
+            text = prefixed_patch
+            notes[name] = f" (fails on the --no-prefix patch: {type(exc).__name__}; timed on the a/ b/ one)"
+        parsers[name] = lambda p=parser, t=text: p(t)
+    fn = native("parse_line_spans")
+    rows = contest("parse the patch", (lambda: fn(patch)) if fn else None, parsers, reps,
+                   len(patch.encode("utf-8")), notes)
 
-    module_jobs = {
+    jobs = {
         "spans": ("lines of main...feature", native("diff_line_spans"),
                   lambda: git_utils.diff_line_spans(root, BASE, HEAD, merge_base=True)),
         "files": ("files of main...feature", native("diff_file_changes"),
@@ -387,15 +400,9 @@ def peer_rows(root: Path, patch: str, prefixed_patch: str, reps: int, commits: i
                 lambda: git_utils.log_commit_changes(root, since=SINCE, ref=None, max_commits=commits)),
     }
     peers = {"GitPython": gitpython_jobs(root, commits), "pygit2": pygit2_jobs(root, commits)}
-    for job, (label, fn, call) in module_jobs.items():
-        t_mod = interleaved([lambda: measure(call)], reps)[0].wall if fn else None
-        rows.append((f"{label}: module", t_mod if t_mod else float("nan"), "" if fn else "not in this build"))
-        for peer, jobs in peers.items():
-            if isinstance(jobs, str):
-                rows.append((f"{label}: {peer}", float("nan"), jobs))
-                continue
-            t_peer = interleaved([lambda j=jobs[job]: measure(j)], reps)[0].wall
-            rows.append((f"{label}: {peer}", t_peer, f"{peer}/module {t_peer / t_mod:.1f}x" if t_mod else ""))
+    for job, (label, fn, call) in jobs.items():
+        others = {name: found if isinstance(found, str) else found[job] for name, found in peers.items()}
+        rows += contest(label, call if fn else None, others, reps)
     return rows
 
 
@@ -406,7 +413,13 @@ import resource, sys, time
 sys.path.insert(0, sys.argv[4])
 from morvane_tessary.utils import git_utils
 import changes_reference
-path, mode, name = sys.argv[1:4]
+path, mode, name, root = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[5]
+queries = {  # the query that hands its git output to each parser
+    "parse_line_spans": lambda: git_utils.diff_line_spans(root, "main", "feature", merge_base=True),
+    "parse_file_changes": lambda: git_utils.diff_file_changes(root, "main", "feature"),
+    "parse_commit_changes": lambda: git_utils.log_commit_changes(
+        root, since=__import__("datetime").datetime(2000, 1, 1), ref=None, max_commits=100000),
+}
 with open(path, encoding="utf-8", newline="") as fh:
     text = fh.read()
 def status(key):
@@ -425,6 +438,8 @@ start = time.perf_counter()
 result = None
 if mode in ("module", "reference"):
     result = getattr(git_utils if mode == "module" else changes_reference, name)(text)
+elif mode == "query":
+    result = queries[name]()
 seconds = time.perf_counter() - start
 if mode == "records":  # what the result alone holds, as the interpreter's allocator counts it
     import tracemalloc
@@ -435,7 +450,7 @@ print(resource.getrusage(resource.RUSAGE_SELF).ru_maxrss * 1024, status("VmHWM:"
 """
 
 
-def memory_rows(outputs: dict[str, str]) -> list[tuple[str, float, str]]:
+def memory_rows(root: Path, outputs: dict[str, str]) -> list[tuple[str, float, str]]:
     """Peak memory of each parse in a fresh child, as a multiple of the output's size.
 
     The high-water mark is reset after the child has read the output, so
@@ -452,18 +467,21 @@ def memory_rows(outputs: dict[str, str]) -> list[tuple[str, float, str]]:
         size = len(text.encode("utf-8"))
 
         def child(mode: str) -> list[float]:
-            out = subprocess.run([sys.executable, "-c", _MEMORY_CHILD, str(path), mode, name, here],
+            out = subprocess.run([sys.executable, "-c", _MEMORY_CHILD, str(path), mode, name, here, str(root)],
                                  capture_output=True, text=True, check=True).stdout
             return [float(x) for x in out.split()]
 
         baseline = child("read")[0]
-        for mode, who in (("module", "module"), ("reference", "plain Python")):
-            if mode == "module" and native(name) is None:
-                rows.append((f"peak memory, {name}: module", float("nan"), "not in this build"))
-                continue
+        modes = [("module", "module"), ("reference", "plain Python")]
+        if native(name) is None:
+            rows.append((f"peak memory, {name}: module", float("nan"), "not in this build"))
+            modes = modes[1:]
+        else:
+            modes.append(("query", "the query, git's output as it comes"))
+        for mode, who in modes:
             maxrss, grown, reset, seconds = child(mode)
             peak = grown if reset else maxrss - baseline
-            how = "high-water over RSS before the parse" if reset else "ru_maxrss over a read-only child"
+            how = "high-water over RSS before the call" if reset else "ru_maxrss over a read-only child"
             extra = ""
             if mode == "module":
                 held = child("records")[3]
@@ -503,7 +521,7 @@ def main() -> None:
         prefixed = [a for a in SPANS_ARGS if a != "--no-prefix"]
         rows += peer_rows(root, outputs["parse_line_spans"], git_utils._git_output(root, prefixed), opts.peer_reps,
                           opts.peer_commits)
-    rows += memory_rows(outputs)
+    rows += memory_rows(root, outputs)
     print_table(rows)
 
 
