@@ -88,6 +88,19 @@ def test_time_out_covers_a_grandchild_holding_the_pipes(gu, runner_path, fake_gi
 
 
 @pytest.mark.parametrize(
+    "script, timeout, expected",
+    [
+        ("exec >&- 2>&-; sleep 0.1; exit 7", 5, ("", "", 7)),
+        ("exec >&- 2>&-; exec sleep 30", 0.3, ("", "Command timed out", 1)),
+    ],
+    ids=["exits-later", "runs-on"],
+)
+def test_git_that_outlives_its_pipes(gu, runner_path, fake_git, tmp_path, script, timeout, expected):
+    fake_git(script)
+    assert run(gu, tmp_path, ["x"], timeout=timeout) == expected
+
+
+@pytest.mark.parametrize(
     "make_args, error, text",
     [
         (lambda: ("a", "b"), TypeError, 'can only concatenate list (not "tuple") to list'),

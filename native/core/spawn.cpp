@@ -222,6 +222,8 @@ Child start(const SpawnSpec& spec) {
     child.pid_ = pid;
     child.out_fd_ = out[0];
     child.err_fd_ = err[0];
+    // Opened now, while git starts up, rather than after its output ended:
+    // then the wait for its exit costs one poll.
     child.pid_fd_ = open_pid_fd(pid);
     return child;
 }
@@ -231,6 +233,7 @@ struct Waiter {
     Interrupt interrupt;
     bool has_deadline;
     Clock::time_point deadline;
+    int last_status = 0;
 
     // Milliseconds left for poll: -1 for no limit, 0 when the time is up.
     int poll_ms() const {
@@ -241,6 +244,7 @@ struct Waiter {
         return ms > 1000000 ? 1000000 : static_cast<int>(ms);
     }
     bool expired() const { return has_deadline && Clock::now() >= deadline; }
+    bool interrupted() const { return interrupt.check && interrupt.check(interrupt.context); }
 
     Finished stop(Outcome outcome) {
         Finished f;
@@ -254,8 +258,10 @@ struct Waiter {
         std::size_t chunk = into.size() / 4;
         if (chunk < 65536) chunk = 65536;
         if (chunk > (1u << 22)) chunk = 1u << 22;
-        char* tail = into.reserve_tail(chunk);
-        const ssize_t n = ::read(fd, tail, into.tail_room());
+        // Grow only when little room is left: a short output then stays in
+        // its first allocation instead of doubling it on the second read.
+        if (into.tail_room() < 4096) into.reserve_tail(chunk);
+        const ssize_t n = ::read(fd, into.data() + into.size(), into.tail_room());
         if (n > 0) {
             into.commit(static_cast<std::size_t>(n));
         } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
@@ -265,11 +271,10 @@ struct Waiter {
 
     Finished run() {
         Finished result;
-        bool exited = false;
-        while (child.out_fd_ >= 0 || child.err_fd_ >= 0 || !exited) {
-            pollfd fds[3];
-            ByteBuffer* sinks[3] = {};
-            int* owners[3] = {};
+        while (child.out_fd_ >= 0 || child.err_fd_ >= 0) {
+            pollfd fds[2];
+            ByteBuffer* sinks[2] = {};
+            int* owners[2] = {};
             nfds_t n = 0;
             if (child.out_fd_ >= 0) {
                 fds[n] = {child.out_fd_, POLLIN, 0};
@@ -281,16 +286,10 @@ struct Waiter {
                 sinks[n] = &result.err;
                 owners[n++] = &child.err_fd_;
             }
-            const bool pipes_open = n > 0;
-            if (!pipes_open) {
-                // Both pipes are closed; only the exit is left to wait for.
-                if (!has_deadline || child.pid_fd_ < 0) break;
-                fds[n++] = {child.pid_fd_, POLLIN, 0};
-            }
             const int ready = ::poll(fds, n, poll_ms());
             if (ready < 0) {
                 if (errno == EINTR) {
-                    if (interrupt.check && interrupt.check(interrupt.context)) return stop(Outcome::interrupted);
+                    if (interrupted()) return stop(Outcome::interrupted);
                     continue;
                 }
                 return stop(Outcome::interrupted);
@@ -299,54 +298,76 @@ struct Waiter {
                 if (expired()) return stop(Outcome::timed_out);
                 continue;
             }
-            for (nfds_t i = 0; i < n; ++i) {
-                if (fds[i].revents == 0) continue;
-                if (sinks[i] == nullptr) {
-                    exited = true;
-                } else {
-                    drain_one(*owners[i], *sinks[i]);
-                }
-            }
-            if (!pipes_open && !exited) continue;
-            if (child.out_fd_ < 0 && child.err_fd_ < 0) break;
+            for (nfds_t i = 0; i < n; ++i)
+                if (fds[i].revents != 0) drain_one(*owners[i], *sinks[i]);
         }
-        const Outcome reaped = reap_in_time(exited);
+        const Outcome reaped = reap();
         if (reaped != Outcome::exited) return stop(reaped);
         return result;
     }
 
-    // Reaps the child after its pipes closed. Once its process descriptor
-    // said it exited, a blocking wait returns at once.
-    Outcome reap_in_time(bool exited) {
-        int status = 0;
-        if (!has_deadline || exited) {
-            for (;;) {
-                if (::waitpid(child.pid_, &status, 0) >= 0) break;
-                if (errno != EINTR) break;
-                if (interrupt.check && interrupt.check(interrupt.context)) return Outcome::interrupted;
-            }
-        } else {
-            // Without a process descriptor, poll for the exit with growing
-            // pauses, as the interpreter's own wait with a time-out does.
-            long pause_ns = 500000;
-            for (;;) {
-                const pid_t r = ::waitpid(child.pid_, &status, WNOHANG);
-                if (r == child.pid_ || (r < 0 && errno != EINTR)) break;
-                if (expired()) return Outcome::timed_out;
-                timespec pause{0, pause_ns};
-                if (::nanosleep(&pause, nullptr) != 0 && errno == EINTR && interrupt.check &&
-                    interrupt.check(interrupt.context))
-                    return Outcome::interrupted;
-                if (pause_ns < 50000000) pause_ns *= 2;
+    // Reaps the child once its pipes have closed. It closed them on its way
+    // out, but is usually not a zombie yet when the end of file arrives: the
+    // kernel reports the exit some microseconds after it released the
+    // descriptors. A blocking wait is right without a time limit; with one,
+    // the process descriptor wakes the poll at the exit itself. (Sleeping in
+    // growing steps, as the interpreter's own wait with a time-out does, costs
+    // most of a step on almost every run.)
+    Outcome reap() {
+        if (has_deadline) {
+            const Outcome outcome = wait_for_exit();
+            if (outcome != Outcome::exited) return outcome;
+        }
+        while (child.pid_ > 0) {
+            if (::waitpid(child.pid_, &last_status, 0) >= 0 || errno != EINTR) {
+                child.pid_ = -1;
+            } else if (interrupted()) {
+                return Outcome::interrupted;
             }
         }
-        last_status = status;
-        child.pid_ = -1;
         close_fd(child.pid_fd_);
         return Outcome::exited;
     }
 
-    int last_status = 0;
+    // Waits, up to the deadline, until the child has exited (or is reaped).
+    Outcome wait_for_exit() {
+        while (child.pid_fd_ >= 0) {
+            pollfd fd{child.pid_fd_, POLLIN, 0};
+            const int ready = ::poll(&fd, 1, poll_ms());
+            if (ready > 0) return Outcome::exited;
+            if (ready == 0) {
+                if (expired()) return Outcome::timed_out;
+            } else if (errno != EINTR) {
+                break;
+            } else if (interrupted()) {
+                return Outcome::interrupted;
+            }
+        }
+        // No process descriptor (an older kernel): look again after growing
+        // pauses, starting short since the exit is usually a moment away.
+        long pause_ns = 20000;
+        while (!try_reap()) {
+            if (expired()) return Outcome::timed_out;
+            timespec pause{0, pause_ns};
+            if (::nanosleep(&pause, nullptr) != 0 && errno == EINTR && interrupted()) return Outcome::interrupted;
+            if (pause_ns < 50000000) pause_ns *= 2;
+        }
+        return Outcome::exited;
+    }
+
+    // True once the child is reaped, or can't be waited for (SIGCHLD
+    // ignored: the status is then lost and reads as 0, as the interpreter's).
+    bool try_reap() {
+        for (;;) {
+            const pid_t r = ::waitpid(child.pid_, &last_status, WNOHANG);
+            if (r == 0) return false;
+            if (r > 0 || errno != EINTR) {
+                if (r < 0) last_status = 0;
+                child.pid_ = -1;
+                return true;
+            }
+        }
+    }
 };
 
 Finished finish(Child& child, double timeout_seconds, Interrupt interrupt) {
