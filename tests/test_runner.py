@@ -100,6 +100,41 @@ def test_git_that_outlives_its_pipes(gu, runner_path, fake_git, tmp_path, script
     assert run(gu, tmp_path, ["x"], timeout=timeout) == expected
 
 
+def _echo_git(directory, word):
+    directory.mkdir(exist_ok=True)
+    (directory / "git").write_text(f"#!/bin/sh\necho {word}\n")
+    (directory / "git").chmod(0o755)
+
+
+@pytest.mark.parametrize(
+    "path_of, expected",
+    [
+        (lambda d: f"{d / 'nowhere'}:{d / 'one'}/:{d / 'two'}", "one\n"),
+        (lambda d: f"{d / 'nowhere'}::{d / 'two'}", "cwd\n"),
+        (lambda d: str(d / os.fsdecode(b"bin\xff")), "odd\n"),
+        (lambda d: {"PATH": str(d / "two")}, "two\n"),
+        (lambda d: None, None),
+    ],
+    ids=["order", "empty-entry-is-cwd", "undecodable-dir", "environ-replaced", "unset"],
+)
+def test_path_search_follows_os_environ(gu, runner_path, tmp_path, monkeypatch, path_of, expected):
+    repo = tmp_path / "repo"
+    for name, word in [("one", "one"), ("two", "two"), ("repo", "cwd"), (os.fsdecode(b"bin\xff"), "odd")]:
+        _echo_git(tmp_path / name, word)
+    path = path_of(tmp_path)
+    monkeypatch.setenv("PATH", str(tmp_path / "one"))
+    if isinstance(path, dict):
+        monkeypatch.setattr(os, "environ", path)
+    elif path is None:
+        monkeypatch.delenv("PATH")
+    else:
+        monkeypatch.setenv("PATH", path)
+    ours = run(gu, repo, ["--version"])
+    reference = subprocess.run(["git", "--version"], cwd=str(repo), capture_output=True, text=True)
+    assert ours == (reference.stdout, reference.stderr, 0)
+    assert expected is None or ours[0] == expected
+
+
 @pytest.mark.parametrize(
     "make_args, error, text",
     [

@@ -186,6 +186,44 @@ bool plain_timeout(PyObject* timeout, double& seconds) {
     return false;
 }
 
+// The bytes of PATH as os.get_exec_path() would return them, read straight
+// from the byte dict behind os.environ while that is still the os module's
+// own _Environ. The function itself runs under warnings.catch_warnings(),
+// which costs some 20 microseconds per run among process starts (cold
+// caches); the dict gives the same bytes. False when the shortcut does not
+// apply (os.environ replaced, PATH unset): then the function is called.
+bool environ_path(PyObject* get_exec_path, std::string& out) {
+    if (!PyFunction_Check(get_exec_path)) return false;
+    PyObject* os_dict = PyFunction_GET_GLOBALS(get_exec_path);
+    Ref environ_obj = Ref::borrow(PyDict_GetItemString(os_dict, "environ"));
+    PyObject* environ_type = PyDict_GetItemString(os_dict, "_Environ");
+    if (!environ_obj || !environ_type || reinterpret_cast<PyObject*>(Py_TYPE(environ_obj.get())) != environ_type)
+        return false;
+    Ref data = Ref::steal(PyObject_GetAttrString(environ_obj.get(), "_data"));
+    if (!data || !PyDict_CheckExact(data.get())) {
+        PyErr_Clear();
+        return false;
+    }
+    Ref key = Ref::steal(PyBytes_FromStringAndSize("PATH", 4));
+    if (!key) {
+        PyErr_Clear();
+        return false;
+    }
+    PyObject* value = PyDict_GetItemWithError(data.get(), key.get());
+    if (!value || !PyBytes_CheckExact(value)) {
+        PyErr_Clear();
+        return false;
+    }
+    out.assign(PyBytes_AS_STRING(value), static_cast<std::size_t>(PyBytes_GET_SIZE(value)));
+    return true;
+}
+
+// os.path.join(dir, program) for each directory of the search path.
+void add_candidate(core::SpawnSpec& spec, std::string dir) {
+    if (!dir.empty() && dir.back() != '/') dir += '/';
+    spec.candidates.push_back(dir + spec.argv[0]);
+}
+
 // The argument vector, working directory and PATH candidates as bytes.
 // Returns 1 when ready, 0 when some input is not plain (the subprocess.run
 // path then gives the interpreter's own behaviour), -1 on error.
@@ -195,17 +233,24 @@ int prepare(const ModuleState* st, PyObject* argv, PyObject* cwd, core::SpawnSpe
     for (Py_ssize_t i = 0; i < n; ++i)
         if (!fs_bytes(PyList_GET_ITEM(argv, i), spec.argv[static_cast<std::size_t>(i)])) return 0;
     if (!fs_bytes(cwd, spec.cwd)) return 0;
+    std::string path;
+    if (environ_path(st->os_get_exec_path, path)) {
+        // path.split(os.pathsep), on the bytes: ':' never occurs inside a
+        // multi-byte character of the file system encoding.
+        std::size_t from = 0;
+        for (std::size_t colon; (colon = path.find(':', from)) != std::string::npos; from = colon + 1)
+            add_candidate(spec, path.substr(from, colon - from));
+        add_candidate(spec, path.substr(from));
+        return 1;
+    }
     Ref dirs = Ref::steal(PyObject_CallNoArgs(st->os_get_exec_path));
     if (!dirs) return -1;
     Ref iter = Ref::steal(PyObject_GetIter(dirs.get()));
     if (!iter) return -1;
-    const std::string& program = spec.argv[0];
     while (Ref dir = Ref::steal(PyIter_Next(iter.get()))) {
-        std::string path;
-        if (!fs_bytes(dir.get(), path)) return 0;
-        // os.path.join(dir, program)
-        if (!path.empty() && path.back() != '/') path += '/';
-        spec.candidates.push_back(path + program);
+        std::string bytes;
+        if (!fs_bytes(dir.get(), bytes)) return 0;
+        add_candidate(spec, std::move(bytes));
     }
     return PyErr_Occurred() ? -1 : 1;
 }
