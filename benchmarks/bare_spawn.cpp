@@ -1,7 +1,13 @@
 // The yardstick for the runner: spawn a command line, drain both pipes with
-// poll, reap it; no decoding, no interpreter. Prints the mean wall time of
-// one run in microseconds and the bytes read.
-//   bare_spawn RUNS CWD git ARGS...
+// poll, reap it; no decoding, no interpreter.
+//   bare_spawn RUNS CWD git ARGS...     prints the mean wall time of one run
+//                                       in microseconds and the bytes read
+//   bare_spawn serve FD CWD git ARGS... one run per line read from FD, each
+//                                       answered with "microseconds bytes"
+// The serving form stays warm, and lets a benchmark alternate single runs of
+// it and of the module so that the machine's noise hits both alike. Its
+// requests come on a descriptor of their own (closed in git), so git
+// inherits the same standard input as under the module.
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -11,6 +17,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -53,14 +60,35 @@ static size_t run_once(char** argv) {
     return total;
 }
 
+static double micros_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
+}
+
+static int serve(int requests_fd, char** command) {
+    if (fcntl(requests_fd, F_SETFD, FD_CLOEXEC) != 0) return 1;
+    FILE* requests = fdopen(requests_fd, "r");
+    if (!requests) return 1;
+    char line[64];
+    while (std::fgets(line, sizeof line, requests)) {
+        const auto start = std::chrono::steady_clock::now();
+        const size_t bytes = run_once(command);
+        std::printf("%.1f %zu\n", micros_since(start), bytes);
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
 int main(int argc, char** argv) {
     if (argc < 4) return 2;
+    if (std::strcmp(argv[1], "serve") == 0) {
+        if (argc < 5 || chdir(argv[3])) return 1;
+        return serve(std::atoi(argv[2]), argv + 4);
+    }
     const int runs = std::atoi(argv[1]);
     if (chdir(argv[2])) return 1;
     size_t bytes = 0;
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < runs; ++i) bytes = run_once(argv + 3);
-    const auto us = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
-    std::printf("%.1f %zu\n", us / runs, bytes);
+    std::printf("%.1f %zu\n", micros_since(start) / runs, bytes);
     return 0;
 }
