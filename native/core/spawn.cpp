@@ -14,7 +14,11 @@
 #include <cmath>
 #include <ctime>
 
+#ifdef __APPLE__
+#include <crt_externs.h>
+#else
 extern char** environ;
+#endif
 
 namespace gu::core {
 namespace {
@@ -39,8 +43,24 @@ int above_stdio(int fd) noexcept {
     return moved;
 }
 
+char** environment() noexcept {
+#ifdef __APPLE__
+    return *_NSGetEnviron();  // a loadable bundle has no `environ` of its own
+#else
+    return environ;
+#endif
+}
+
 bool make_pipe(int fds[2]) noexcept {
+#ifdef __APPLE__
+    // No pipe2 here. The window before FD_CLOEXEC is set does not reach our
+    // own children: their spawn keeps only the descriptors it names.
+    if (::pipe(fds) != 0) return false;
+    ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
+    ::fcntl(fds[1], F_SETFD, FD_CLOEXEC);
+#else
     if (::pipe2(fds, O_CLOEXEC) != 0) return false;
+#endif
     fds[0] = above_stdio(fds[0]);
     fds[1] = above_stdio(fds[1]);
     if (fds[0] < 0 || fds[1] < 0) {
@@ -52,6 +72,14 @@ bool make_pipe(int fds[2]) noexcept {
     }
     return true;
 }
+
+#ifdef O_PATH
+constexpr int kDirectoryOpen = O_PATH | O_DIRECTORY | O_CLOEXEC;
+#else
+// Where O_PATH is missing (macOS), opening needs read permission: a
+// directory that can be entered but not listed is refused as the cwd.
+constexpr int kDirectoryOpen = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+#endif
 
 int open_pid_fd(pid_t pid) noexcept {
 #ifdef SYS_pidfd_open
@@ -92,10 +120,12 @@ public:
 #endif
         error_ = ::posix_spawn_file_actions_adddup2(&actions_, out_w, 1);
         if (!error_) error_ = ::posix_spawn_file_actions_adddup2(&actions_, err_w, 2);
-#ifdef __APPLE__
-        (void)cwd_fd;
-#else
         if (!error_) error_ = ::posix_spawn_file_actions_addfchdir_np(&actions_, cwd_fd);
+#ifdef __APPLE__
+        // POSIX_SPAWN_CLOEXEC_DEFAULT (below) closes what the actions don't
+        // name, standard input included unless it is named as inherited.
+        if (!error_ && ::fcntl(0, F_GETFD) >= 0) error_ = ::posix_spawn_file_actions_addinherit_np(&actions_, 0);
+#else
         if (!error_) error_ = ::posix_spawn_file_actions_addclosefrom_np(&actions_, 3);
 #endif
         if (!error_) error_ = ::posix_spawnattr_setsigdefault(&attr_, &defaults);
@@ -114,7 +144,7 @@ public:
 
     int error() const noexcept { return error_; }
     int spawn(pid_t* pid, const char* path, char* const* argv) {
-        return ::posix_spawn(pid, path, &actions_, &attr_, argv, environ);
+        return ::posix_spawn(pid, path, &actions_, &attr_, argv, environment());
     }
 
 private:
@@ -164,7 +194,7 @@ Child start(const SpawnSpec& spec) {
 
     // The interpreter's spawner changes directory in the child and reports a
     // refusal against the directory; checking here gives the same errors.
-    int cwd_fd = ::open(spec.cwd.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    int cwd_fd = ::open(spec.cwd.c_str(), kDirectoryOpen);
     if (cwd_fd < 0) return fail(StartFailure::cwd, errno);
     if (::faccessat(AT_FDCWD, spec.cwd.c_str(), X_OK, AT_EACCESS) != 0) {
         const int err = errno;
