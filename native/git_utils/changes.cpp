@@ -8,6 +8,7 @@
 #include "git_utils/changes.hpp"
 #include "git_utils/collaborators.hpp"
 #include "git_utils/runner.hpp"
+#include "git_utils/utf8_view.hpp"
 
 namespace gu {
 namespace {
@@ -43,19 +44,28 @@ Ref prefixed(const char* prefix, PyObject* value) {
     return Ref::steal(PyUnicode_FromFormat("%s%U", prefix, v.get()));
 }
 
-// parser(_git_output(repo_root, args)), both found in the namespace.
-PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, Name parser) {
-    Ref output = call_git_output(module, repo_root, args);
-    if (!output) return nullptr;
+// parser(_git_output(repo_root, args)), both found in the namespace. While
+// both are the ones bound at load, git's stdout goes to the parser as the
+// bytes it printed, never decoded as a whole.
+using FromGit = PyObject* (*)(PyObject* module, std::string_view output);
+
+PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, Name parser, FromGit from_git) {
+    GitOutput output;
+    if (!git_output_for_parser(module, repo_root, args, output)) return nullptr;
     Ref parse = lookup(module, parser);
     if (!parse) return nullptr;
-    return PyObject_CallOneArg(parse.get(), output.get());
+    if (output.is_bytes) {
+        if (is_original(state_of(module), parser, parse.get())) return from_git(module, output.bytes.view());
+        output.text = str_of(output.bytes.view(), Origin::git);
+        if (!output.text) return nullptr;
+    }
+    return PyObject_CallOneArg(parse.get(), output.text.get());
 }
 
 PyObject* diff_file_changes(PyObject* module, PyObject* const* a) {
     Ref args = text_list({"diff", "--raw", "--numstat", "-M", "-z", "--no-textconv"});
     if (!args || !append(args, three_dots(a[1], a[2]))) return nullptr;
-    return run_and_parse(module, a[0], args.get(), Name::parse_file_changes);
+    return run_and_parse(module, a[0], args.get(), Name::parse_file_changes, parse_file_changes_from_git);
 }
 
 PyObject* log_commit_changes(PyObject* module, PyObject* const* a) {
@@ -71,7 +81,7 @@ PyObject* log_commit_changes(PyObject* module, PyObject* const* a) {
     for (const char* fixed : {"--no-show-signature", "--format=%x1e%ct", "--raw", "--numstat", "-M", "-z"})
         if (!append(args, Ref::steal(PyUnicode_FromString(fixed)))) return nullptr;
     if (ref != Py_None && PyList_Append(args.get(), ref) < 0) return nullptr;
-    return run_and_parse(module, a[0], args.get(), Name::parse_commit_changes);
+    return run_and_parse(module, a[0], args.get(), Name::parse_commit_changes, parse_commit_changes_from_git);
 }
 
 // The arguments every batch of diff_line_spans shares.
@@ -129,15 +139,11 @@ PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
     if (!batches) return nullptr;
     Ref iterator = Ref::steal(PyObject_GetIter(batches.get()));
     if (!iterator) return nullptr;
-    Collaborator git_output(module, Name::_git_output);
-    Collaborator parse(module, Name::parse_line_spans);
     while (Ref batch = Ref::steal(PyIter_Next(iterator.get()))) {
         Ref arguments = batch_arguments(command.get(), batch.get());
-        if (!arguments || git_output.get() == nullptr) return nullptr;
-        PyObject* call_args[] = {repo_root, arguments.get()};
-        Ref output = Ref::steal(PyObject_Vectorcall(git_output.get(), call_args, 2, nullptr));
-        if (!output || parse.get() == nullptr) return nullptr;
-        Ref spans = Ref::steal(PyObject_CallOneArg(parse.get(), output.get()));
+        if (!arguments) return nullptr;
+        Ref spans = Ref::steal(
+            run_and_parse(module, repo_root, arguments.get(), Name::parse_line_spans, parse_line_spans_from_git));
         if (!spans) return nullptr;
         // result.update(spans): a later batch's list replaces an earlier one's
         const int merged = PyDict_Check(spans.get())

@@ -284,7 +284,7 @@ PyObject* raise_errno(int err, PyObject* filename) {
 // Spawns git natively with the interpreter's lock released: the same
 // triple, exceptions and log lines as the subprocess.run path.
 PyObject* run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObject* argv, PyObject* cwd,
-                       PyObject* timeout, PyObject* args) {
+                       PyObject* timeout, PyObject* args, core::ByteBuffer* capture) {
     if (PySys_Audit("subprocess.Popen", "OOOO", PyList_GET_ITEM(argv, 0), argv, cwd, Py_None) < 0) return nullptr;
     core::Child child;
     core::Finished done;
@@ -322,6 +322,11 @@ PyObject* run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, 
             if (!PyErr_Occurred()) PyErr_SetString(PyExc_OSError, "waiting for git failed");
             return nullptr;
     }
+    if (capture != nullptr && done.returncode == 0) {
+        done.out.resize_down(core::normalize_line_ends(done.out.data(), done.out.size()));
+        *capture = std::move(done.out);
+        Py_RETURN_NONE;
+    }
     Ref out = decode(done.out);
     if (!out) return nullptr;
     Ref err = decode(done.err);
@@ -333,10 +338,12 @@ PyObject* run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, 
 
 #endif
 
-PyObject* run_git_command(PyObject* module, PyObject* const* a) {
-    PyObject* repo_root = a[0];
-    PyObject* args = a[1];
-    PyObject* timeout = a[2];
+// run_git_command, and for a caller that parses stdout itself (`capture`
+// given): when git runs natively and exits with 0, stdout is left in
+// `capture` as bytes with line ends normalised, not decoded, and the result
+// is None instead of the triple.
+PyObject* run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObject* timeout,
+                  [[maybe_unused]] core::ByteBuffer* capture) {
     ModuleState* st = state_of(module);
 
     // The order in which Python code would evaluate the call's parts.
@@ -363,17 +370,19 @@ PyObject* run_git_command(PyObject* module, PyObject* const* a) {
         core::SpawnSpec spec;
         const int ready = prepare(st, argv.get(), cwd.get(), spec);
         if (ready < 0) return nullptr;
-        if (ready > 0) return run_natively(module, spec, seconds, argv.get(), cwd.get(), timeout, args);
+        if (ready > 0) return run_natively(module, spec, seconds, argv.get(), cwd.get(), timeout, args, capture);
     }
 #endif
     return run_through_subprocess(module, subprocess.get(), run.get(), argv.get(), cwd.get(), timeout,
                                   options.get(), args);
 }
 
-PyObject* git_output(PyObject* module, PyObject* const* a) {
-    Ref result = call_run_git_command(module, a[0], a[1]);
+PyObject* run_git_command(PyObject* module, PyObject* const* a) { return run_git(module, a[0], a[1], a[2], nullptr); }
+
+// What _git_output makes of the runner's result: stdout, or GitError.
+PyObject* output_or_error(PyObject* module, PyObject* result) {
     Ref parts[3];
-    if (!result || !unpack_git_result(result.get(), parts)) return nullptr;
+    if (!unpack_git_result(result, parts)) return nullptr;
     Ref zero = Ref::steal(PyLong_FromLong(0));
     if (!zero) return nullptr;
     const int failed = PyObject_RichCompareBool(parts[2].get(), zero.get(), Py_NE);
@@ -403,11 +412,27 @@ PyObject* git_output(PyObject* module, PyObject* const* a) {
     return nullptr;
 }
 
+PyObject* git_output(PyObject* module, PyObject* const* a) {
+    Ref result = call_run_git_command(module, a[0], a[1]);
+    return result ? output_or_error(module, result.get()) : nullptr;
+}
+
+// The time-out run_git_command(repo_root, args) runs with: its last default.
+Ref default_timeout(PyObject* run_git_command) {
+    Ref defaults = Ref::steal(PyObject_GetAttrString(run_git_command, "__defaults__"));
+    if (!defaults) return Ref();
+    if (!PyTuple_Check(defaults.get()) || PyTuple_GET_SIZE(defaults.get()) == 0) return Ref::borrow(Py_None);
+    return Ref::borrow(PyTuple_GET_ITEM(defaults.get(), PyTuple_GET_SIZE(defaults.get()) - 1));
+}
+
+Ref call_one(PyObject* f, PyObject* repo_root, PyObject* args) {
+    PyObject* call_args[] = {repo_root, args};
+    return Ref::steal(PyObject_Vectorcall(f, call_args, 2, nullptr));
+}
+
 Ref call_named(PyObject* module, Name name, PyObject* repo_root, PyObject* args) {
     Ref f = lookup(module, name);
-    if (!f) return Ref();
-    PyObject* call_args[] = {repo_root, args};
-    return Ref::steal(PyObject_Vectorcall(f.get(), call_args, 2, nullptr));
+    return f ? call_one(f.get(), repo_root, args) : Ref();
 }
 
 }  // namespace
@@ -448,6 +473,28 @@ Ref call_run_git_command(PyObject* module, PyObject* repo_root, PyObject* args) 
 
 Ref call_git_output(PyObject* module, PyObject* repo_root, PyObject* args) {
     return call_named(module, Name::_git_output, repo_root, args);
+}
+
+bool git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args, GitOutput& out) {
+    const ModuleState* st = state_of(module);
+    Ref strict = lookup(module, Name::_git_output);
+    if (!strict) return false;
+    if (is_original(st, Name::_git_output, strict.get())) {
+        Ref lenient = lookup(module, Name::run_git_command);
+        if (!lenient) return false;
+        Ref timeout = is_original(st, Name::run_git_command, lenient.get()) ? default_timeout(lenient.get())
+                                                                            : Ref::borrow(Py_None);
+        if (!timeout) return false;
+        if (timeout.get() != Py_None) {
+            Ref result = Ref::steal(run_git(module, repo_root, args, timeout.get(), &out.bytes));
+            if (!result) return false;
+            out.is_bytes = result.get() == Py_None;
+            if (!out.is_bytes) out.text = Ref::steal(output_or_error(module, result.get()));
+            return out.is_bytes || out.text;
+        }
+    }
+    out.text = call_one(strict.get(), repo_root, args);
+    return static_cast<bool>(out.text);
 }
 
 const FunctionDef kRunGitCommand = {

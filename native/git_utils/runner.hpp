@@ -5,6 +5,7 @@
 
 #include <Python.h>
 
+#include "core/byte_buffer.hpp"
 #include "git_utils/function.hpp"
 
 namespace gu {
@@ -19,6 +20,18 @@ extern const char* const kGitErrorDoc;
 // _git_output now, with two arguments (the default time-out).
 Ref call_run_git_command(PyObject* module, PyObject* repo_root, PyObject* args);
 Ref call_git_output(PyObject* module, PyObject* repo_root, PyObject* args);
+
+// What _git_output(repo_root, args) gives, for a query that hands it to a
+// parser: while _git_output, run_git_command and the spawn are all as bound
+// at load and git exits with 0, stdout stays bytes (line ends normalised,
+// not decoded: is_bytes); otherwise `text` is what _git_output returned.
+// False with an exception set (GitError among them).
+struct GitOutput {
+    bool is_bytes = false;
+    core::ByteBuffer bytes;
+    Ref text;
+};
+bool git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args, GitOutput& out);
 
 // stdout, stderr, returncode = value, with the interpreter's unpacking
 // errors; false with an exception set.
