@@ -1,0 +1,119 @@
+"""A small real repository and a snapshot of what the process holds (memory,
+descriptors, children), shared by the load, fault and bad-input tests."""
+import datetime as dt
+import os
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from morvane_tessary.utils import git_utils as gu
+
+PAGE = os.sysconf("SC_PAGE_SIZE")
+MB = 1 << 20
+DAY = 86400
+
+
+def git_env(home: Path) -> dict[str, str]:
+    env = {k: v for k, v in os.environ.items() if not k.startswith("GIT_")}
+    env.update(HOME=str(home), GIT_CONFIG_NOSYSTEM="1", GIT_COMMITTER_NAME="C", GIT_COMMITTER_EMAIL="c@x")
+    return env
+
+
+def make_repo(root: Path) -> Path:
+    """main: two commits; feature (checked out): a modification, a rename, an addition, a deletion and a
+    file with a space and non-ASCII name, by two authors, dated one day apart, 9 to 6 days ago."""
+    repo = root / "repo"
+    repo.mkdir(parents=True)
+    env = git_env(root)
+    now = int(time.time())
+
+    def git(*args, author=("Ann", "ann@x"), at=0):
+        stamp = f"@{now - (10 - at) * DAY} +0000"
+        extra = {"GIT_AUTHOR_NAME": author[0], "GIT_AUTHOR_EMAIL": author[1], "GIT_AUTHOR_DATE": stamp,
+                 "GIT_COMMITTER_DATE": stamp}
+        subprocess.run(["git", *args], cwd=repo, env={**env, **extra}, check=True, capture_output=True)
+
+    def write(name, lines):
+        path = repo / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text("".join(f"{line}\n" for line in lines))
+
+    git("init", "-q", "-b", "main")
+    for i in range(8):
+        write(f"src/m{i}.py", [f"line {j}" for j in range(40)])
+    write("dir/c d.txt", ["keep"] * 30)
+    write("ünï.txt", ["u"])
+    git("add", "-A")
+    git("commit", "-q", "-m", "one", at=1)
+    write("src/m0.py", [f"line {j}" if j % 7 else f"changed {j}" for j in range(40)])
+    git("commit", "-q", "-am", "two", author=("Bob", "bob@x"), at=2)
+    git("checkout", "-q", "-b", "feature")
+    for i in range(1, 6):
+        write(f"src/m{i}.py", [f"line {j}" if j % (i + 2) else f"feature {i} {j}" for j in range(44)])
+    git("mv", "dir/c d.txt", "dir/e f.txt")
+    write("dir/e f.txt", ["keep"] * 29 + ["moved"])
+    write("new.txt", ["n"] * 5)
+    git("rm", "-q", "ünï.txt")
+    git("add", "-A")
+    git("commit", "-q", "-m", "three", at=3)
+    write("src/m6.py", [f"line {j}" for j in range(10, 50)])
+    git("commit", "-q", "-am", "four", author=("Bob", "bob@x"), at=4)
+    return repo
+
+
+def query_table(repo: Path):
+    """Every query of the module against `repo`, as (name, call) pairs."""
+    past = dt.datetime.now() - dt.timedelta(days=30)
+    mid = dt.datetime.now() - dt.timedelta(days=7.5)  # between "two" and "three"
+    return [
+        ("resolve_display_branch", lambda: gu.resolve_display_branch(repo)),
+        ("get_head_commit", lambda: gu.get_head_commit(repo)),
+        ("get_head_commit-long", lambda: gu.get_head_commit(repo, False)),
+        ("get_default_branch", lambda: gu.get_default_branch(repo)),
+        ("branch_exists", lambda: (gu.branch_exists(repo, "main"), gu.branch_exists(repo, "nope"))),
+        ("get_authors_for_period", lambda: gu.get_authors_for_period(repo)),
+        ("resolve_commit", lambda: gu.resolve_commit(repo, "main")),
+        ("count_commits", lambda: gu.count_commits(repo, "main", "feature")),
+        ("commit_before", lambda: gu.commit_before(repo, "feature", mid)),
+        ("diff_file_changes", lambda: gu.diff_file_changes(repo, "main", "feature")),
+        ("log_commit_changes", lambda: gu.log_commit_changes(repo, since=past, ref=None, max_commits=10)),
+        ("diff_line_spans", lambda: gu.diff_line_spans(repo, "main", "feature", merge_base=True, diff_filter="MRAD")),
+        ("diff_line_spans-paths", lambda: gu.diff_line_spans(repo, "main", "HEAD", merge_base=False,
+                                                             paths=["src/m1.py", "dir/e f.txt"])),
+        ("run_git_command", lambda: gu.run_git_command(repo, ["status", "--porcelain"])),
+        ("_git_output", lambda: gu._git_output(repo, ["rev-list", "--count", "HEAD"])),
+    ]
+
+
+def children() -> list[int]:
+    """Pids of this process's children, zombies included."""
+    me, found = os.getpid(), []
+    for entry in os.listdir("/proc"):
+        if entry.isdigit():
+            try:
+                with open(f"/proc/{entry}/stat", "rb") as f:
+                    stat = f.read()
+            except OSError:
+                continue
+            if int(stat[stat.rindex(b")") + 2:].split()[1]) == me:
+                found.append(int(entry))
+    return found
+
+
+def snapshot() -> dict[str, int]:
+    with open("/proc/self/statm") as f:
+        rss = int(f.read().split()[1]) * PAGE
+    return {"rss": rss, "fds": len(os.listdir("/proc/self/fd")), "children": len(children())}
+
+
+def assert_nothing_left(before: dict[str, int], rss_slack: int = 64 * MB) -> dict[str, int]:
+    """No descriptor or child more than in `before`, no zombie to reap, resident memory within the slack."""
+    after = snapshot()
+    assert after["fds"] <= before["fds"], (before, after, os.listdir("/proc/self/fd"))
+    assert after["children"] == 0, children()
+    with pytest.raises(ChildProcessError):
+        os.waitpid(-1, os.WNOHANG)
+    assert after["rss"] - before["rss"] < rss_slack, (before, after)
+    return after
