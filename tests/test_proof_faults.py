@@ -175,15 +175,11 @@ def test_directory_removed_at_random_moments(runner_path, tmp_path):
     ],
     ids=["lenient", "strict", "streaming"],
 )
-def test_ctrl_c_during_a_long_run(request, runner_path, fake_git, tmp_path, script, call):
+def test_ctrl_c_during_a_long_run(runner_path, fake_git, tmp_path, script, call):
     """Ctrl-C stops the run at once. While git streams output, the signal may come when the wait is not
     blocked in a system call (most of the time, for a fast stream); the streaming case makes that certain
     by keeping SIGINT off the waiting thread, so that another thread takes it, as in any threaded host."""
     streaming = "head" in script
-    if runner_path == "native" and streaming:
-        request.applymarker(pytest.mark.xfail(reason="the native wait looks for signals only when poll is "
-                                              "interrupted, so a Ctrl-C that comes while output is being read "
-                                              "waits for the time-out", strict=True))
     pids = tmp_path / "pids"
     fake_git(f"echo $$ > {pids}; {script}")
     before = snapshot()

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cmath>
 #include <ctime>
+#include <optional>
 
 #ifdef __APPLE__
 #include <crt_externs.h>
@@ -258,23 +259,41 @@ Child start(const SpawnSpec& spec) {
     return child;
 }
 
+// How often a wait asks about pending signals when none interrupted it: a
+// signal may arrive while output is being read, or be taken by another
+// thread, and a Ctrl-C must still stop the wait soon.
+constexpr auto kSignalCheck = std::chrono::milliseconds(50);
+
 struct Waiter {
     Child& child;
     Interrupt interrupt;
     bool has_deadline;
     Clock::time_point deadline;
     int last_status = 0;
+    Clock::time_point next_check = Clock::now() + kSignalCheck;
 
-    // Milliseconds left for poll: -1 for no limit, 0 when the time is up.
+    // Milliseconds poll may sleep: up to the deadline, and no later than the
+    // next look at pending signals; 0 when the time is up.
     int poll_ms() const {
-        if (!has_deadline) return -1;
-        const auto left = deadline - Clock::now();
+        const Clock::time_point until = has_deadline && deadline < next_check ? deadline : next_check;
+        const auto left = until - Clock::now();
         if (left <= Clock::duration::zero()) return 0;
-        const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-        return ms > 1000000 ? 1000000 : static_cast<int>(ms);
+        return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
     }
     bool expired() const { return has_deadline && Clock::now() >= deadline; }
     bool interrupted() const { return interrupt.check && interrupt.check(interrupt.context); }
+
+    // The time-out, checked on every pass as the interpreter's own wait does,
+    // and the signals, once their check is due.
+    std::optional<Outcome> due() {
+        const Clock::time_point now = Clock::now();
+        if (has_deadline && now >= deadline) return Outcome::timed_out;
+        if (now >= next_check) {
+            next_check = now + kSignalCheck;
+            if (interrupted()) return Outcome::interrupted;
+        }
+        return std::nullopt;
+    }
 
     Finished stop(Outcome outcome) {
         Finished f;
@@ -302,6 +321,7 @@ struct Waiter {
     Finished run() {
         Finished result;
         while (child.out_fd_ >= 0 || child.err_fd_ >= 0) {
+            if (const std::optional<Outcome> stop_now = due()) return stop(*stop_now);
             pollfd fds[2];
             ByteBuffer* sinks[2] = {};
             int* owners[2] = {};
@@ -324,10 +344,7 @@ struct Waiter {
                 }
                 return stop(Outcome::interrupted);
             }
-            if (ready == 0) {
-                if (expired()) return stop(Outcome::timed_out);
-                continue;
-            }
+            if (ready == 0) continue;
             for (nfds_t i = 0; i < n; ++i)
                 if (fds[i].revents != 0) drain_one(*owners[i], *sinks[i]);
         }
@@ -362,11 +379,12 @@ struct Waiter {
     // Waits, up to the deadline, until the child has exited (or is reaped).
     Outcome wait_for_exit() {
         while (child.pid_fd_ >= 0) {
+            if (const std::optional<Outcome> stop_now = due()) return *stop_now;
             pollfd fd{child.pid_fd_, POLLIN, 0};
             const int ready = ::poll(&fd, 1, poll_ms());
             if (ready > 0) return Outcome::exited;
             if (ready == 0) {
-                if (expired()) return Outcome::timed_out;
+                continue;
             } else if (errno != EINTR) {
                 break;
             } else if (interrupted()) {
@@ -377,7 +395,7 @@ struct Waiter {
         // pauses, starting short since the exit is usually a moment away.
         long pause_ns = 20000;
         while (!try_reap()) {
-            if (expired()) return Outcome::timed_out;
+            if (const std::optional<Outcome> stop_now = due()) return *stop_now;
             timespec pause{0, pause_ns};
             if (::nanosleep(&pause, nullptr) != 0 && errno == EINTR && interrupted()) return Outcome::interrupted;
             if (pause_ns < 50000000) pause_ns *= 2;
