@@ -213,7 +213,8 @@ bool native_datetime(PyObject* module, PyObject* datetime) {
     return native_class(module, Name::datetime, datetime, &PyDateTime_CAPI::DateTimeType);
 }
 
-bool native_timedelta(PyObject* module, PyObject* timedelta) {
+// Used by the POSIX local-time paths only.
+[[maybe_unused]] bool native_timedelta(PyObject* module, PyObject* timedelta) {
     return native_class(module, Name::timedelta, timedelta, &PyDateTime_CAPI::DeltaType);
 }
 
