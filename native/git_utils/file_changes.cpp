@@ -117,15 +117,15 @@ bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const 
     if (!zero) return false;
     for (std::size_t i = 0; i < records.size(); ++i) {
         const core::FileRecord& r = records[i];
-        PyObject* path = strs.get(r.path);
-        PyObject* old_path = r.old_path ? strs.get(*r.old_path) : Py_None;
-        if (path == nullptr || old_path == nullptr) return false;
+        Ref path = strs.get(r.path);
+        Ref old_path = r.old_path ? strs.get(*r.old_path) : Ref::borrow(Py_None);
+        if (!path || !old_path) return false;
         Ref added = r.has_counts ? line_count_of(r.added, origin) : Ref::borrow(zero.get());
         Ref deleted = r.has_counts ? line_count_of(r.deleted, origin) : Ref::borrow(zero.get());
         PyObject* cls = file_change.get();
         if (!added || !deleted || cls == nullptr) return false;
-        PyObject* values[] = {path, native.words.word[static_cast<int>(r.status)], added.get(), deleted.get(),
-                              old_path};
+        PyObject* values[] = {path.get(), native.words.word[static_cast<int>(r.status)], added.get(), deleted.get(),
+                              old_path.get()};
         Ref record = make_record(st, Record::file_change, cls, values);
         if (!record) return false;
         if (is_tuple)
@@ -141,7 +141,7 @@ PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& nativ
     const std::vector<core::FileRecord> records = core::collect_file_changes(stream);
     Ref list = Ref::steal(PyList_New(0));
     if (!list) return nullptr;
-    StrCache strs(origin);
+    StrCache strs(origin, false);
     Collaborator file_change(module, Name::FileChange);
     GcPause pause(file_change.is_original());
     if (!fill_file_changes(module, native, records, origin, strs, file_change, list.get())) return nullptr;
@@ -340,7 +340,7 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, st
                            Origin origin) {
     Ref commits = Ref::steal(PyList_New(0));
     if (!commits) return nullptr;
-    StrCache strs(origin);
+    StrCache strs(origin, true);
     Collaborator file_change(module, Name::FileChange);
     Collaborator commit_changes(module, Name::CommitChanges);
     GcPause pause(file_change.is_original() && commit_changes.is_original());

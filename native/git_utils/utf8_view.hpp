@@ -5,7 +5,8 @@
 #include <Python.h>
 
 #include <string_view>
-#include <unordered_map>
+#include <functional>
+#include <vector>
 
 #include "git_utils/ref.hpp"
 
@@ -61,26 +62,57 @@ inline Ref str_of(std::string_view bytes, Origin origin) {
                                            origin == Origin::str ? "surrogatepass" : "replace"));
 }
 
-// One str per distinct text: a path that a diff names in its raw and its
-// numstat record, or that every commit of a log touches, is made once.
+// The strs of a parse. Shared: one str per distinct text, for a log, where
+// every commit that touches a file names its path again (an open-addressing
+// table, one allocation per growth). Not shared: a new str each time, for a
+// diff, where each path is made once anyway.
 class StrCache {
 public:
-    explicit StrCache(Origin origin) : origin_(origin) {}
+    StrCache(Origin origin, bool shared) : origin_(origin), shared_(shared) {}
 
-    // A borrowed reference owned by the cache, or null with an exception set.
-    PyObject* get(std::string_view bytes) {
-        auto it = map_.find(bytes);
-        if (it != map_.end()) return it->second.get();
-        Ref s = str_of(bytes, origin_);
-        if (!s) return nullptr;
-        PyObject* raw = s.get();
-        map_.emplace(bytes, std::move(s));
-        return raw;
+    // A new reference, or null with an exception set.
+    Ref get(std::string_view bytes) {
+        if (!shared_) return str_of(bytes, origin_);
+        if ((count_ + 1) * 2 > slots_.size()) grow();
+        const std::size_t hash = std::hash<std::string_view>{}(bytes);
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+            Slot& slot = slots_[i];
+            if (!slot.str) {
+                slot.str = str_of(bytes, origin_);
+                if (!slot.str) return Ref();
+                slot.hash = hash;
+                slot.bytes = bytes;
+                ++count_;
+                return Ref::borrow(slot.str.get());
+            }
+            if (slot.hash == hash && slot.bytes == bytes) return Ref::borrow(slot.str.get());
+        }
     }
 
 private:
+    struct Slot {
+        std::size_t hash = 0;
+        std::string_view bytes;
+        Ref str;
+    };
+
+    void grow() {
+        std::vector<Slot> old = std::move(slots_);
+        slots_ = std::vector<Slot>(old.empty() ? 64 : old.size() * 2);
+        const std::size_t mask = slots_.size() - 1;
+        for (Slot& slot : old) {
+            if (!slot.str) continue;
+            std::size_t i = slot.hash & mask;
+            while (slots_[i].str) i = (i + 1) & mask;
+            slots_[i] = std::move(slot);
+        }
+    }
+
     Origin origin_;
-    std::unordered_map<std::string_view, Ref> map_;
+    bool shared_;
+    std::vector<Slot> slots_;
+    std::size_t count_ = 0;
 };
 
 }  // namespace gu
