@@ -66,7 +66,7 @@ public:
     // A path's raw and numstat records take some 100 bytes or more, so room
     // for one path per 64 bytes of input (at half load) spares the rehashes
     // on large outputs, for a table below half the input's size.
-    explicit Collector(std::size_t input_size) {
+    Collector(std::size_t input_size, PathKey key) : key_(key) {
         std::size_t buckets = 64;
         while (buckets < input_size / 32) buckets *= 2;
         table_.assign(buckets, Bucket{});
@@ -97,7 +97,7 @@ public:
 
     void numstat(std::string_view added, std::string_view deleted, std::string_view path) {
         std::size_t at = next_;
-        if (at >= records.size() || records[at].path != path) {
+        if (at >= records.size() || key_(records[at].path) != key_(path)) {
             Bucket& b = find(path);
             if (b.ref == 0) {
                 pending_.push_back({path, added, deleted});
@@ -121,6 +121,7 @@ public:
     }
 
 private:
+    PathKey key_;
     std::vector<Pending> pending_;
     std::vector<Bucket> table_;
     std::size_t live_ = 0;  // paths in the table
@@ -131,7 +132,7 @@ private:
         return static_cast<std::uint32_t>(index_plus_one) | bit;
     }
 
-    static std::size_t hash_of(std::string_view path) noexcept { return std::hash<std::string_view>{}(path); }
+    std::size_t hash_of(std::string_view path) const noexcept { return std::hash<std::string_view>{}(key_(path)); }
     static std::uint32_t tag_of(std::size_t hash) noexcept {
         return static_cast<std::uint32_t>(static_cast<std::uint64_t>(hash) >> 32);
     }
@@ -146,6 +147,7 @@ private:
         if ((live_ + 1) * 2 > table_.size()) grow();
         const std::size_t h = hash_of(path);
         const std::uint32_t tag = tag_of(h);
+        const std::string_view key = key_(path);
         const std::size_t mask = table_.size() - 1;
         for (std::size_t i = h & mask;; i = (i + 1) & mask) {
             Bucket& b = table_[i];
@@ -153,7 +155,7 @@ private:
                 b.tag = tag;
                 return b;
             }
-            if (b.tag == tag && path_of(b.ref) == path) return b;
+            if (b.tag == tag && key_(path_of(b.ref)) == key) return b;
         }
     }
 
@@ -177,8 +179,8 @@ private:
 
 }  // namespace
 
-std::vector<FileRecord> collect_file_changes(TokenStream& stream) {
-    Collector c(stream.remaining());
+std::vector<FileRecord> collect_file_changes(TokenStream& stream, PathKey key) {
+    Collector c(stream.remaining(), key);
     scan_file_records(stream, c);
     return std::move(c.records);
 }

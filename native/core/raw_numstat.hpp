@@ -89,10 +89,20 @@ void scan_file_records(TokenStream& stream, Handler& h) {
     }
 }
 
+// What tells two paths apart: their bytes, unless the scanned text stands
+// for other text (a projection of wider characters, where different
+// characters may scan alike); `of` then gives the bytes a path stands for.
+struct PathKey {
+    std::string_view (*of)(std::string_view path, const void* context) = nullptr;
+    const void* context = nullptr;
+
+    std::string_view operator()(std::string_view path) const { return of ? of(path, context) : path; }
+};
+
 // One record per path named by a raw record, in the order of each path's
 // first raw record, with the status and older path of its last one and the
 // counts of its last numstat record. Views point into the scanned text.
-std::vector<FileRecord> collect_file_changes(TokenStream& stream);
+std::vector<FileRecord> collect_file_changes(TokenStream& stream, PathKey key = {});
 std::vector<FileRecord> collect_file_changes(std::string_view output);
 
 // Splits `git log --format=%x1e%ct --raw --numstat -z` output into commits.

@@ -8,7 +8,7 @@
 #include "git_utils/changes.hpp"
 #include "git_utils/collaborators.hpp"
 #include "git_utils/runner.hpp"
-#include "git_utils/utf8_view.hpp"
+#include "git_utils/scan_text.hpp"
 
 namespace gu {
 namespace {
@@ -56,7 +56,9 @@ PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, N
     if (!parse) return nullptr;
     if (output.is_bytes) {
         if (is_original(state_of(module), parser, parse.get())) return from_git(module, output.bytes.view());
-        output.text = str_of(output.bytes.view(), Origin::git);
+        ScanText bytes;
+        bytes.open_git(output.bytes.view());
+        output.text = bytes.str(bytes.view());
         if (!output.text) return nullptr;
     }
     return PyObject_CallOneArg(parse.get(), output.text.get());

@@ -13,7 +13,7 @@
 #include "git_utils/collaborators.hpp"
 #include "git_utils/gc_pause.hpp"
 #include "git_utils/records.hpp"
-#include "git_utils/utf8_view.hpp"
+#include "git_utils/scan_text.hpp"
 
 namespace gu {
 namespace {
@@ -47,16 +47,16 @@ Ref line_count_of_str(PyObject* field) {
     return Ref::steal(yes ? PyLong_FromUnicodeObject(field, 10) : PyLong_FromLong(0));
 }
 
-// _line_count of a field given as UTF-8 bytes.
-Ref line_count_of(std::string_view field, Origin origin) {
+// _line_count of a field, a piece of `text`.
+Ref line_count_of(std::string_view field, const ScanText& text) {
     std::uint64_t value = 0;
     if (core::ascii_count(field, value)) return Ref::steal(PyLong_FromUnsignedLongLong(value));
     if (is_ascii(field)) {
         if (!all_ascii_digits(field)) return Ref::steal(PyLong_FromLong(0));
-        Ref s = str_of(field, origin);  // more digits than 64 bits hold
+        Ref s = text.str(field);  // more digits than 64 bits hold
         return s ? Ref::steal(PyLong_FromUnicodeObject(s.get(), 10)) : Ref();
     }
-    Ref s = str_of(field, origin);  // other scripts' digits count too
+    Ref s = text.str(field);  // other scripts' digits count too
     return s ? line_count_of_str(s.get()) : Ref();
 }
 
@@ -110,7 +110,7 @@ struct NativeFileChanges {
 // FileChange records of the core's records, in order, into `out` (a list
 // or, for a commit, a tuple of the right size).
 bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const std::vector<core::FileRecord>& records,
-                       Origin origin, StrCache& strs, Collaborator& file_change, PyObject* out) {
+                       const ScanText& text, StrCache& strs, Collaborator& file_change, PyObject* out) {
     const ModuleState* st = state_of(module);
     const bool is_tuple = PyTuple_Check(out);
     Ref zero = Ref::steal(PyLong_FromLong(0));
@@ -120,8 +120,8 @@ bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const 
         Ref path = strs.get(r.path);
         Ref old_path = r.old_path ? strs.get(*r.old_path) : Ref::borrow(Py_None);
         if (!path || !old_path) return false;
-        Ref added = r.has_counts ? line_count_of(r.added, origin) : Ref::borrow(zero.get());
-        Ref deleted = r.has_counts ? line_count_of(r.deleted, origin) : Ref::borrow(zero.get());
+        Ref added = r.has_counts ? line_count_of(r.added, text) : Ref::borrow(zero.get());
+        Ref deleted = r.has_counts ? line_count_of(r.deleted, text) : Ref::borrow(zero.get());
         PyObject* cls = file_change.get();
         if (!added || !deleted || cls == nullptr) return false;
         PyObject* values[] = {path.get(), native.words.word[static_cast<int>(r.status)], added.get(), deleted.get(),
@@ -136,15 +136,15 @@ bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const 
     return true;
 }
 
-PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& native, core::TokenStream& stream,
-                                Origin origin) {
-    const std::vector<core::FileRecord> records = core::collect_file_changes(stream);
+PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& native, const ScanText& text,
+                                core::TokenStream& stream) {
+    const std::vector<core::FileRecord> records = core::collect_file_changes(stream, text.path_key());
     Ref list = Ref::steal(PyList_New(0));
     if (!list) return nullptr;
-    StrCache strs(origin, false);
+    StrCache strs(text, false);
     Collaborator file_change(module, Name::FileChange);
     GcPause pause(file_change.is_original());
-    if (!fill_file_changes(module, native, records, origin, strs, file_change, list.get())) return nullptr;
+    if (!fill_file_changes(module, native, records, text, strs, file_change, list.get())) return nullptr;
     return list.release();
 }
 
@@ -273,11 +273,10 @@ PyObject* file_changes(PyObject* module, PyObject* const* a) {
     Ref nul = Ref::steal(PyUnicode_FromStringAndSize("\0", 1));
     if (!nul) return nullptr;
     Ref joined = Ref::steal(PyUnicode_Join(nul.get(), tokens));
-    Utf8View bytes;
-    if (!joined || !bytes.open(joined.get())) return nullptr;
-    core::TokenStream stream(
-        core::TokenRun{bytes.view(), static_cast<std::size_t>(PySequence_Fast_GET_SIZE(tokens))});
-    return file_changes_natively(module, native, stream, Origin::str);
+    ScanText text;
+    if (!joined || !text.open(joined.get())) return nullptr;
+    core::TokenStream stream(core::TokenRun{text.view(), static_cast<std::size_t>(PySequence_Fast_GET_SIZE(tokens))});
+    return file_changes_natively(module, native, text, stream);
 }
 
 // output.split("\x00"), with the errors of that call for a non-str.
@@ -290,10 +289,10 @@ PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
     PyObject* output = a[0];
     NativeFileChanges native(module);
     if (PyUnicode_Check(output) && native.ready && unchanged(module, Name::_file_changes)) {
-        Utf8View bytes;
-        if (!bytes.open(output)) return nullptr;
-        core::TokenStream stream(bytes.view());
-        return file_changes_natively(module, native, stream, Origin::str);
+        ScanText text;
+        if (!text.open(output)) return nullptr;
+        core::TokenStream stream(text.view());
+        return file_changes_natively(module, native, text, stream);
     }
     Ref tokens = nul_tokens(output);
     if (!tokens) return nullptr;
@@ -305,9 +304,9 @@ PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
 int line_count(PyObject* const* a, Ref& out) {
     PyObject* field = a[0];
     if (PyUnicode_Check(field)) {
-        Utf8View bytes;
-        if (!bytes.open(field)) return -1;
-        out = line_count_of(bytes.view(), Origin::str);
+        ScanText text;
+        if (!text.open(field)) return -1;
+        out = line_count_of(text.view(), text);
     } else {
         out = line_count_of_str(field);  // through the object's own methods
     }
@@ -321,39 +320,38 @@ PyObject* line_count_function(PyObject*, PyObject* const* a) {
 
 // ---- commits ---------------------------------------------------------------
 
-// int(text.strip()) for the time of a commit header, given as UTF-8 bytes.
-Ref commit_time(std::string_view text, Origin origin) {
-    std::size_t begin = 0, end = text.size();
+// int(time.strip()) for the time of a commit header, a piece of `text`.
+Ref commit_time(std::string_view time_text, const ScanText& text) {
+    std::size_t begin = 0, end = time_text.size();
     const auto blank = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r') || (c >= '\x1c' && c <= '\x1f'); };
-    while (begin < end && blank(text[begin])) ++begin;
-    while (end > begin && blank(text[end - 1])) --end;
+    while (begin < end && blank(time_text[begin])) ++begin;
+    while (end > begin && blank(time_text[end - 1])) --end;
     std::uint64_t value = 0;
-    if (core::ascii_count(text.substr(begin, end - begin), value))
+    if (core::ascii_count(time_text.substr(begin, end - begin), value))
         return Ref::steal(PyLong_FromUnsignedLongLong(value));
-    Ref s = str_of(text, origin);  // signs, underscores, other scripts' blanks and digits, or no number
+    Ref s = text.str(time_text);  // signs, underscores, other scripts' blanks and digits, or no number
     if (!s) return Ref();
     Ref stripped = Ref::steal(PyObject_CallMethod(s.get(), "strip", nullptr));
     return stripped ? Ref::steal(PyLong_FromUnicodeObject(stripped.get(), 10)) : Ref();
 }
 
-PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, std::string_view output,
-                           Origin origin) {
+PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, const ScanText& text) {
     Ref commits = Ref::steal(PyList_New(0));
     if (!commits) return nullptr;
-    StrCache strs(origin, true);
+    StrCache strs(text, true);
     Collaborator file_change(module, Name::FileChange);
     Collaborator commit_changes(module, Name::CommitChanges);
     GcPause pause(file_change.is_original() && commit_changes.is_original());
     bool failed = false;
-    core::split_commits(output, [&](std::string_view time_text, core::TokenRun body) {
+    core::split_commits(text.view(), [&](std::string_view time_text, core::TokenRun body) {
         if (failed) return;
         failed = true;
-        Ref time = commit_time(time_text, origin);
+        Ref time = commit_time(time_text, text);
         if (!time) return;
         core::TokenStream stream(body);
-        const std::vector<core::FileRecord> records = core::collect_file_changes(stream);
+        const std::vector<core::FileRecord> records = core::collect_file_changes(stream, text.path_key());
         Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
-        if (!files || !fill_file_changes(module, native, records, origin, strs, file_change, files.get())) return;
+        if (!files || !fill_file_changes(module, native, records, text, strs, file_change, files.get())) return;
         PyObject* cls = commit_changes.get();
         if (cls == nullptr) return;
         PyObject* values[] = {time.get(), files.get()};
@@ -415,23 +413,29 @@ PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
     NativeFileChanges native(module);
     if (PyUnicode_Check(output) && native.ready && unchanged(module, Name::_file_changes) &&
         unchanged(module, Name::_COMMIT_START)) {
-        Utf8View bytes;
-        if (!bytes.open(output)) return nullptr;
-        return commits_natively(module, native, bytes.view(), Origin::str);
+        ScanText text;
+        if (!text.open(output)) return nullptr;
+        return commits_natively(module, native, text);
     }
     return commits_through_objects(module, output);
 }
 
 // What git printed, decoded as the runner decodes it.
-Ref decoded(std::string_view output) { return str_of(output, Origin::git); }
+Ref decoded(std::string_view output) {
+    ScanText text;
+    text.open_git(output);
+    return text.str(output);
+}
 
 }  // namespace
 
 PyObject* parse_file_changes_from_git(PyObject* module, std::string_view output) {
     NativeFileChanges native(module);
     if (native.ready && unchanged(module, Name::_file_changes)) {
+        ScanText text;
+        text.open_git(output);
         core::TokenStream stream(output);
-        return file_changes_natively(module, native, stream, Origin::git);
+        return file_changes_natively(module, native, text, stream);
     }
     Ref text = decoded(output);
     if (!text) return nullptr;
@@ -441,8 +445,11 @@ PyObject* parse_file_changes_from_git(PyObject* module, std::string_view output)
 
 PyObject* parse_commit_changes_from_git(PyObject* module, std::string_view output) {
     NativeFileChanges native(module);
-    if (native.ready && unchanged(module, Name::_file_changes) && unchanged(module, Name::_COMMIT_START))
-        return commits_natively(module, native, output, Origin::git);
+    if (native.ready && unchanged(module, Name::_file_changes) && unchanged(module, Name::_COMMIT_START)) {
+        ScanText text;
+        text.open_git(output);
+        return commits_natively(module, native, text);
+    }
     Ref text = decoded(output);
     return text ? commits_through_objects(module, text.get()) : nullptr;
 }

@@ -17,7 +17,7 @@
 #include "git_utils/collaborators.hpp"
 #include "git_utils/gc_pause.hpp"
 #include "git_utils/records.hpp"
-#include "git_utils/utf8_view.hpp"
+#include "git_utils/scan_text.hpp"
 
 namespace gu {
 namespace {
@@ -260,9 +260,9 @@ PyObject* span(PyObject* module, PyObject* const* a) {
 // each "+++ " line and asks about every other line outside a hunk.
 class SpanCollector {
 public:
-    SpanCollector(PyObject* module, Origin origin)
+    SpanCollector(PyObject* module, const ScanText& text)
         : module_(module),
-          origin_(origin),
+          text_(text),
           header_pattern_(module, Name::_HUNK_HEADER),
           span_function_(module, Name::_span),
           path_function_(module, Name::_patch_path),
@@ -286,7 +286,7 @@ public:
     }
 
     void path_line(std::string_view rest) {
-        path_ = native_path_ ? path_natively(rest) : call_helper(path_function_, str_of(rest, origin_));
+        path_ = native_path_ ? path_natively(rest) : call_helper(path_function_, text_.str(rest));
         if (!path_) throw PythonError{};
         list_ = nullptr;
     }
@@ -302,7 +302,7 @@ public:
 
 private:
     PyObject* module_;
-    Origin origin_;
+    const ScanText& text_;
     Collaborator header_pattern_, span_function_, path_function_, line_span_;
     bool native_header_ = false, native_span_ = false, native_path_ = false, native_unquote_ = false;
     Ref spans_;
@@ -320,17 +320,17 @@ private:
             case core::PatchPath::null:
                 return Ref::borrow(Py_None);
             case core::PatchPath::plain:
-                return str_of(p.text, origin_);
+                return text_.str(p.text);
             case core::PatchPath::quoted:
                 break;
         }
-        if (native_unquote_ && origin_ == Origin::str && !has_surrogate(p.text)) return unquote_natively(p.text);
-        // From git, the name's bytes are read as the decoded text would give
-        // them: invalid sequences are U+FFFD before the escapes are undone.
-        Ref name = str_of(p.text, origin_);
-        if (name && native_unquote_ && origin_ == Origin::git) {
+        // The escapes are undone on the name's UTF-8 bytes, as the decoded
+        // text gives them; a surrogate goes to _unquote, which refuses it.
+        Ref name = text_.str(p.text);
+        if (name && native_unquote_) {
             Utf8View bytes;
-            return bytes.open(name.get()) ? unquote_natively(bytes.view()) : Ref();
+            if (!bytes.open(name.get())) return Ref();
+            if (!has_surrogate(bytes.view())) return unquote_natively(bytes.view());
         }
         Collaborator unquote_found(module_, Name::_unquote);
         return call_helper(unquote_found, std::move(name));
@@ -391,7 +391,7 @@ private:
     }
 
     std::optional<std::pair<std::int64_t, std::int64_t>> header_through_pattern(std::string_view line) {
-        Ref text = str_of(line, origin_);
+        Ref text = text_.str(line);
         if (!text || header_pattern_.get() == nullptr) throw PythonError{};
         Ref match = Ref::steal(PyObject_CallMethod(header_pattern_.get(), "match", "O", text.get()));
         if (!match) throw PythonError{};
@@ -409,12 +409,12 @@ private:
     }
 };
 
-PyObject* spans_of(PyObject* module, std::string_view patch, Origin origin) {
-    SpanCollector collector(module, origin);
+PyObject* spans_of(PyObject* module, const ScanText& text) {
+    SpanCollector collector(module, text);
     if (!collector.start()) return nullptr;
     GcPause pause(collector.all_native());
     try {
-        core::walk_patch(patch, collector);
+        core::walk_patch(text.view(), collector);
     } catch (const PythonError&) {
         return nullptr;
     } catch (const std::bad_alloc&) {
@@ -434,15 +434,17 @@ PyObject* parse_line_spans(PyObject* module, PyObject* const* a) {
                          Py_TYPE(patch)->tp_name);
         return nullptr;
     }
-    Utf8View bytes;
-    if (!bytes.open(patch)) return nullptr;
-    return spans_of(module, bytes.view(), Origin::str);
+    ScanText text;
+    if (!text.open(patch)) return nullptr;
+    return spans_of(module, text);
 }
 
 }  // namespace
 
 PyObject* parse_line_spans_from_git(PyObject* module, std::string_view patch) {
-    return spans_of(module, patch, Origin::git);
+    ScanText text;
+    text.open_git(patch);
+    return spans_of(module, text);
 }
 
 const FunctionDef kParseLineSpans = {
