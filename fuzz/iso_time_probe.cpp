@@ -3,7 +3,7 @@
 //   ok Y M D h m s us none                  no zone
 //   ok Y M D h m s us SIGN h m s us         zone, SIGN is + or -
 //   error KIND                              KIND as IsoError names it
-// tests/core/iso_time_oracle.py builds this and compares with Python 3.10.
+// fuzz/iso_time_oracle.py builds this and compares with Python 3.10.
 #include <cstdio>
 #include <iostream>
 #include <string>

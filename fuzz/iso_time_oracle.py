@@ -2,7 +2,7 @@
 
 Run from anywhere, with Python 3.10 (its C datetime is the reference):
 
-    python3.10 tests/core/iso_time_oracle.py [--count N] [--seed S] [--probe PATH]
+    python3.10 fuzz/iso_time_oracle.py [--count N] [--seed S] [--probe PATH]
 
 It builds fuzz/iso_time_probe.cpp with the core parser ($CXX, default g++,
 with ASan and UBSan) unless --probe names a built one, feeds it the hand-picked
@@ -23,7 +23,7 @@ import tempfile
 import _datetime
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parents[2]
+ROOT = Path(__file__).resolve().parents[1]
 
 # 3.10's ValueError messages, by the IsoError the parser should give.
 ERROR_KINDS = [
