@@ -98,30 +98,6 @@ def test_path_batches(paths, sizes):
     assert [len(b) for b in batches] == sizes and [p for b in batches for p in b] == list(paths)
 
 
-def log_commit_changes(repo_root, *, since, ref, max_commits): ...
-
-
-def diff_line_spans(repo_root, base, head, *, merge_base, paths=(), diff_filter="MR"): ...
-
-
-@pytest.mark.parametrize(
-    "name, args, kwargs",
-    [
-        ("log_commit_changes", ("r", SINCE, None, 5), {}), ("log_commit_changes", ("r",), {"since": SINCE, "ref": None}),
-        ("log_commit_changes", ("r",), {}), ("log_commit_changes", ("r", SINCE), {"ref": None, "max_commits": 1}),
-        ("diff_line_spans", ("r", "a", "b", True), {}), ("diff_line_spans", ("r", "a", "b"), {"paths": ["x"]}),
-        ("diff_line_spans", ("r", "a", "b", True, ["x"], "MR"), {}),
-    ],
-)
-def test_keyword_only_arguments(git_output, name, args, kwargs):
-    git_output()
-    with pytest.raises(TypeError) as theirs:
-        globals()[name](*args, **kwargs)
-    with pytest.raises(TypeError) as ours:
-        getattr(gu, name)(*args, **kwargs)
-    assert str(ours.value) == str(theirs.value)
-
-
 @pytest.mark.parametrize(
     "name, replacement, run, replies, expected, args",
     [

@@ -1,7 +1,5 @@
-"""The module's namespace against its interface table: every name in the
-order loading binds it and nothing else, and every function with the
-signature, defaults and annotations of the Python function it stands for."""
-
+"""The module's namespace: every name in load order and nothing else, each function with the signature,
+defaults and annotations of the Python function it stands for, the constants, and late binding."""
 import ast
 import collections.abc
 import dataclasses
@@ -10,9 +8,11 @@ import importlib.util
 import inspect
 import logging
 import pathlib
+import pickle
 import pydoc
 import re
 import subprocess
+import sys
 import typing
 
 import pytest
@@ -21,9 +21,7 @@ from morvane_tessary.utils import git_utils, process
 
 METADATA = {"__name__", "__doc__", "__file__", "__package__", "__spec__", "__loader__"}
 
-# (name, what it is): the imported object itself, a function's parameter list
-# and result as Python source, or None for a constant or class (their values
-# are test_module_frame's and test_records' business).
+# (name, what it is): the imported object, a function's parameters and result as Python source, or None.
 TABLE = [
     ("logging", logging),
     ("re", re),
@@ -76,9 +74,8 @@ FUNCTIONS = [(name, source) for name, source in TABLE if isinstance(source, str)
 
 
 @pytest.fixture(scope="module")
-def gu():
-    """A module object of its own, as loading makes it. (Other tests replace
-    attributes of the shared one; one deleted and restored comes back last.)"""
+def fresh():
+    """A module object of its own: an attribute deleted and restored on the shared one comes back last."""
     spec = importlib.util.find_spec("morvane_tessary.utils.git_utils")
     module = importlib.util.module_from_spec(spec)
     spec.loader.exec_module(module)
@@ -86,7 +83,6 @@ def gu():
 
 
 def python_function(gu, name, source):
-    """The Python function with that signature, annotated with the module's own classes."""
     scope = {"Path": pathlib.Path, "datetime": datetime.datetime, "Sequence": collections.abc.Sequence,
              "Any": typing.Any, "FileChange": gu.FileChange, "CommitChanges": gu.CommitChanges,
              "LineSpan": gu.LineSpan}
@@ -94,7 +90,8 @@ def python_function(gu, name, source):
     return scope[name]
 
 
-def test_names_in_order_and_nothing_else(gu):
+def test_names_in_order_and_nothing_else(fresh):
+    gu = fresh
     assert len(TABLE) == 55 and len(FUNCTIONS) == 29
     names = list(vars(gu))
     assert set(names) - {name for name, _ in TABLE} == METADATA
@@ -106,13 +103,13 @@ def test_names_in_order_and_nothing_else(gu):
 
 def test_module_documentation(gu):
     doc = " ".join(gu.__doc__.split())
-    for phrase in ("git log", "diff", "time-out", "7d", "24h", "30m", "2w", "main or master", "author",
-                   "STARTUPINFO", "SW_HIDE", "30 seconds"):
-        assert phrase in doc, phrase
+    assert all(phrase in doc for phrase in ("git log", "diff", "time-out", "7d", "24h", "30m", "2w", "main or master",
+                                            "author", "STARTUPINFO", "SW_HIDE", "30 seconds"))
 
 
 @pytest.mark.parametrize("name, source", FUNCTIONS, ids=[name for name, _ in FUNCTIONS])
-def test_function_interface(gu, name, source):
+def test_function_interface(fresh, name, source):
+    gu = fresh
     f, expected = getattr(gu, name), python_function(gu, name, source)
     assert (f.__name__, f.__qualname__, f.__module__) == (name, name, gu.__name__)
     assert f.__defaults__ == expected.__defaults__
@@ -122,9 +119,11 @@ def test_function_interface(gu, name, source):
     assert not any(isinstance(a, str) for a in f.__annotations__.values())
     assert inspect.signature(f) == inspect.signature(expected)
     assert isinstance(f.__doc__, str) and len(f.__doc__.strip()) > 40
+    assert inspect.isroutine(f) and f.__globals__ is vars(gu)
 
 
-def test_documentation_texts_differ_and_help_renders(gu):
+def test_documentation_texts_differ_and_help_renders(fresh):
+    gu = fresh
     docs = [getattr(gu, name).__doc__ for name, _ in FUNCTIONS]
     assert len(set(docs)) == len(docs)
     def page(thing):
@@ -137,11 +136,9 @@ def test_documentation_texts_differ_and_help_renders(gu):
         assert expected in (page(getattr(git_utils, name)) if name.startswith("_") else module_page), name
 
 
-def test_stub_follows_the_table(gu):
-    """stubtest compares names, kinds and defaults but not annotations: these are compared here."""
+def test_stub_follows_the_table(gu):  # stubtest leaves annotations out
     stub = ast.parse((pathlib.Path(gu.__file__).parent / "git_utils.pyi").read_text())
-    defs = {}
-    names = []
+    defs, names = {}, []
     for node in stub.body:
         if isinstance(node, (ast.Import, ast.ImportFrom)):
             names += [alias.asname or alias.name for alias in node.names]
@@ -155,3 +152,88 @@ def test_stub_follows_the_table(gu):
         expected = ast.parse(f"def {name}{source}: pass").body[0]
         assert ast.dump(defs[name].args) == ast.dump(expected.args), name
         assert ast.dump(defs[name].returns) == ast.dump(expected.returns), name
+
+
+@pytest.mark.parametrize(
+    "name, args, kwargs",
+    [
+        ("run_git_command", (), {}), ("run_git_command", ("r",), {}), ("run_git_command", ("r", [], 1, 2), {}),
+        ("run_git_command", ("r", [], 1, 2, 3), {"x": 1}), ("run_git_command", ("r",), {"repo_root": "r"}),
+        ("run_git_command", ("r", []), {"nope": 1}), ("run_git_command", (), {"args": []}),
+        ("run_git_command", ("r", [], 5), {"timeout": 1}),
+        ("log_commit_changes", ("r", 1, None, 5), {}), ("log_commit_changes", ("r",), {"since": 1, "ref": None}),
+        ("log_commit_changes", ("r",), {}), ("log_commit_changes", ("r", 1), {"ref": None, "max_commits": 1}),
+        ("diff_line_spans", ("r", "a", "b", True), {}), ("diff_line_spans", ("r", "a", "b"), {"paths": ["x"]}),
+        ("diff_line_spans", ("r", "a", "b", True, ["x"], "MR"), {}),
+    ],
+)
+def test_argument_errors_match_python_functions(gu, name, args, kwargs):
+    theirs = pytest.raises(TypeError, python_function(gu, name, dict(FUNCTIONS)[name]), *args, **kwargs).value
+    assert str(pytest.raises(TypeError, getattr(gu, name), *args, **kwargs).value) == str(theirs)
+
+
+def test_constants(gu):
+    assert gu.logger.name == "morvane_tessary.utils.git_utils" == gu.__name__
+    assert gu._RELATIVE_SPEC.pattern == r"(\d+)([mhdw])" and gu._RELATIVE_SPEC.flags == re.UNICODE
+    assert gu._HUNK_HEADER.flags == re.UNICODE
+    assert gu._C_ESCAPE.pattern == "\\\\([0-7]{3}|.)" and gu._C_ESCAPE.flags & re.DOTALL
+    assert gu._C_ESCAPE.fullmatch("\\\n") and gu._C_ESCAPE.fullmatch("\\101")
+    assert list(gu._SPEC_UNITS.items()) == [("m", "minutes"), ("h", "hours"), ("d", "days"), ("w", "weeks")]
+    assert list(gu._STATUS_BY_LETTER) == list("ACDMRT") and gu._STATUS_BY_LETTER["T"] == "modified"
+    assert gu._TWO_PATH_LETTERS == frozenset("RC") and type(gu._TWO_PATH_LETTERS) is frozenset
+    assert gu._COMMIT_START == "\x1e" and gu._MAX_PATHSPEC_CHARS == 16000
+    assert gu._PATCH_OPTIONS == ("--no-color", "--no-ext-diff", "--no-textconv", "--no-prefix", "-M", "-U0")
+    assert gu._C_ESCAPES == dict(zip("abfnrtv", "\a\b\f\n\r\t\v"))
+    assert gu.TIME_SPEC_FORMS.startswith("a positive whole number followed by m (minutes)")
+    assert issubclass(gu.GitError, RuntimeError) and gu.GitError.__module__ == gu.__name__
+    assert gu.GitError.__doc__ == "A git command failed; the message carries what git said."
+
+
+def test_functions_pickle_bind_as_methods_and_take_attributes(gu):
+    class Holder:
+        method = gu._git_output
+
+    assert pickle.loads(pickle.dumps(gu.run_git_command)) is gu.run_git_command
+    bound = Holder().method
+    assert bound.__self__.__class__ is Holder and bound.__func__ is gu._git_output
+    gu.run_git_command.custom = 1
+    try:
+        assert vars(gu.run_git_command) == {"custom": 1}
+    finally:
+        del gu.run_git_command.custom
+
+
+def test_import_fails_without_the_host_process_module():
+    code = ("import sys; sys.modules['morvane_tessary.utils.process'] = None\n"
+            "try:\n    import morvane_tessary.utils.git_utils\nexcept ImportError as e: print('ImportError')\n")
+    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, check=True).stdout
+    assert out.strip() == "ImportError"
+
+
+def test_late_binding(gu, monkeypatch, tmp_path):
+    calls = []
+    monkeypatch.setattr(gu, "run_git_command", lambda root, args: calls.append((root, args)) or ("out", "", 0))
+    assert gu._git_output(tmp_path, ["x"]) == "out" and calls == [(tmp_path, ["x"])]
+    monkeypatch.setattr(gu, "run_git_command", lambda root, args: ["o", "e", 7])
+    monkeypatch.setattr(gu, "GitError", KeyError)
+    pytest.raises(KeyError, gu._git_output, tmp_path, ["x"])
+    monkeypatch.setattr(gu, "run_git_command", lambda root, args: ("o", "e"))
+    with pytest.raises(ValueError, match=r"not enough values to unpack \(expected 3, got 2\)"):
+        gu._git_output(tmp_path, ["x"])
+    monkeypatch.delattr(gu, "run_git_command")
+    with pytest.raises(NameError, match="name 'run_git_command' is not defined"):
+        gu._git_output(tmp_path, ["x"])
+
+
+def test_runner_uses_a_replaced_subprocess(gu, monkeypatch, tmp_path):
+    seen = {}
+
+    class Result:
+        stdout, stderr, returncode = "a\r\n", "", 0
+
+    monkeypatch.setattr(gu, "subprocess", type(sys)("fake_subprocess"))
+    gu.subprocess.run = lambda argv, **kwargs: seen.update(kwargs, argv=argv) or Result()
+    gu.subprocess.TimeoutExpired = subprocess.TimeoutExpired
+    assert gu.run_git_command(tmp_path, ["log"]) == ("a\r\n", "", 0)
+    assert seen == {"argv": ["git", "log"], "cwd": str(tmp_path), "capture_output": True, "encoding": "utf-8",
+                    "errors": "replace", "timeout": 30}
