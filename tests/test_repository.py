@@ -1,5 +1,4 @@
 import errno
-import inspect
 import os
 import subprocess
 from pathlib import Path, PurePosixPath
@@ -11,8 +10,7 @@ from hypothesis import strategies as st
 from morvane_tessary.utils import git_utils
 
 
-# Plain Python versions of the pure functions and of discovery: what the
-# native ones must equal on every input.
+# Plain Python versions of the branch-name functions: what the native ones must equal on every input.
 def normalize_reference(name):
     if not name:
         return None
@@ -33,14 +31,6 @@ def sanitize_reference(branch):
     return safe[:100] or "default"
 
 
-def find_git_root_reference(start=None):
-    current = (start if start is not None else Path.cwd()).absolute()
-    for candidate in (current, *current.parents):
-        if (candidate / ".git").exists():
-            return candidate
-    return None
-
-
 def outcome(f, *args):
     try:
         result = f(*args)
@@ -49,8 +39,8 @@ def outcome(f, *args):
     return type(result), result
 
 
-class SubPath(type(Path())):
-    """A path class of the host's own: reached through its methods, not the native shortcuts."""
+class SubPath(type(Path())):  # a host's own path class: reached through its methods, not native shortcuts
+    pass
 
 
 # ---------------------------------------------------------------------------
@@ -142,8 +132,6 @@ def test_wiki_directory_calls_the_namespace(gu, monkeypatch):
 
 @pytest.fixture
 def tree(tmp_path):
-    """repo/.git (a directory), repo/inner/.git (a file), repo/file.txt, repo/loop -> repo/loop,
-    link -> repo, and plain/dangling/.git -> a missing entry."""
     repo = tmp_path / "repo"
     (repo / ".git").mkdir(parents=True)
     (repo / "a" / "b").mkdir(parents=True)
@@ -169,7 +157,7 @@ def tree(tmp_path):
 def test_find_git_root(gu, tree, path_type, start, expected):
     start = path_type(tree / start)
     found = gu.find_git_root(start)
-    assert found == find_git_root_reference(start) == (tree / expected if expected else None)
+    assert found == (tree / expected if expected else None)
     assert found is None or type(found) is type(start)
 
 
@@ -190,7 +178,7 @@ def test_relative_start_and_working_directory(gu, tree, monkeypatch):
 
 def test_errors_other_than_a_missing_entry_propagate(gu, tree):
     start = tree / ("n" * 300) / "x"
-    theirs = pytest.raises(OSError, find_git_root_reference, start).value
+    theirs = pytest.raises(OSError, (start / ".git").exists).value
     ours = pytest.raises(OSError, gu.find_git_root, start).value
     assert (type(ours), ours.errno, ours.filename, str(ours)) == (type(theirs), errno.ENAMETOOLONG, theirs.filename,
                                                                   str(theirs))
@@ -292,11 +280,11 @@ def test_unpacking_errors_are_pythons(gu, recorder, tmp_path, reply):
 
 @pytest.fixture
 def git(monkeypatch, tmp_path):
-    for key, value in {"GIT_AUTHOR_NAME": "A", "GIT_AUTHOR_EMAIL": "a@x", "GIT_COMMITTER_NAME": "A",
-                       "GIT_COMMITTER_EMAIL": "a@x", "GIT_AUTHOR_DATE": "2024-01-02T03:04:05+00:00",
-                       "GIT_COMMITTER_DATE": "2024-01-02T03:04:05+00:00", "GIT_CONFIG_NOSYSTEM": "1",
-                       "HOME": str(tmp_path)}.items():
-        monkeypatch.setenv(key, value)
+    for who in ("AUTHOR", "COMMITTER"):
+        for key, value in {"NAME": "A", "EMAIL": "a@x", "DATE": "2024-01-02T03:04:05+00:00"}.items():
+            monkeypatch.setenv(f"GIT_{who}_{key}", value)
+    monkeypatch.setenv("GIT_CONFIG_NOSYSTEM", "1")
+    monkeypatch.setenv("HOME", str(tmp_path))
 
     def run(cwd, *args):
         return subprocess.run(["git", *args], cwd=cwd, check=True, capture_output=True, text=True).stdout.strip()
@@ -346,8 +334,7 @@ def test_default_branch_fallbacks(gu, git, tmp_path, branch, commit, expected):
     if commit:
         git(repo, "commit", "-q", "--allow-empty", "-m", "one")
     assert gu.get_default_branch(repo) == expected
-    assert (gu.get_head_commit(repo) is None) == (not commit) and (gu.get_head_commit(repo, False) is None) == (
-        not commit)
+    assert [gu.get_head_commit(repo) is None, gu.get_head_commit(repo, False) is None] == [not commit] * 2
 
 
 def test_outside_every_repository(gu, git, tmp_path):
@@ -356,10 +343,3 @@ def test_outside_every_repository(gu, git, tmp_path):
     assert [gu.resolve_display_branch(nowhere), gu.get_head_commit(nowhere), gu.resolve_commit(nowhere, "HEAD"),
             gu.get_default_branch(nowhere), gu.branch_exists(nowhere, "main")] == [None, None, None, "main", False]
 
-
-def test_signatures(gu):
-    def expected(start: Path | None = None) -> Path | None: ...
-
-    assert inspect.signature(gu.find_git_root) == inspect.signature(expected)
-    assert gu.get_head_commit.__defaults__ == (True,) and gu.find_repo_root.__annotations__ == {"return": Path}
-    assert gu.resolve_commit.__annotations__ == {"repo_root": Path, "name": str, "return": str | None}
