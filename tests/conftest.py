@@ -15,9 +15,7 @@ def gu():
 
 @pytest.fixture(params=["native", "subprocess"])
 def runner_path(request, monkeypatch):
-    """Runs a test against both runner paths: the native spawner, and
-    subprocess.run, which the runner takes whenever the host options are not
-    empty (close_fds=True is what subprocess.run does anyway)."""
+    """Both runner paths: the native spawner, and subprocess.run, taken whenever the host options are not empty."""
     if request.param == "subprocess":
         monkeypatch.setattr(git_utils, "get_subprocess_hidden_kwargs", lambda: {"close_fds": True})
     return request.param

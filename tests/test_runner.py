@@ -1,10 +1,7 @@
 import logging
 import os
-import signal
 import subprocess
 import sys
-import threading
-import time
 
 import pytest
 
@@ -14,19 +11,25 @@ def run(gu, root, args, timeout=30):
 
 
 @pytest.mark.parametrize(
-    "script, expected",
+    "script, timeout, expected",
     [
-        ("printf 'out\\n'; printf 'warn\\n' >&2", ("out\n", "warn\n", 0)),
-        ("printf 'a\\r\\nb\\rc\\r\\r\\n'", ("a\nb\nc\n\n", "", 0)),
-        ("printf 'caf\\303\\251 \\377\\376 x\\342\\202'", ("café \ufffd\ufffd x\ufffd", "", 0)),
-        ("printf 'bad\\r\\n' >&2; exit 3", ("", "bad\n", 3)),
-        ("kill -9 $$", ("", "", -9)),
+        ("printf 'out\\n'; printf 'warn\\n' >&2", 30, ("out\n", "warn\n", 0)),
+        ("printf 'a\\r\\nb\\rc\\r\\r\\n'", 30, ("a\nb\nc\n\n", "", 0)),
+        ("printf 'caf\\303\\251 \\377\\376 x\\342\\202'", 30, ("café \ufffd\ufffd x\ufffd", "", 0)),
+        ("printf 'bad\\r\\n' >&2; exit 3", 30, ("", "bad\n", 3)),
+        ("kill -9 $$", 30, ("", "", -9)),
+        ("echo partial; exec sleep 30", 0.3, ("", "Command timed out", 1)),
+        ("sleep 5 & exit 0", 0.3, ("", "Command timed out", 1)),  # a grandchild holds the pipes
+        ("exec >&- 2>&-; sleep 0.1; exit 7", 5, ("", "", 7)),  # git outlives its pipes
+        ("exec >&- 2>&-; exec sleep 30", 0.3, ("", "Command timed out", 1)),
     ],
-    ids=["stderr-on-success", "line-ends", "invalid-utf8", "non-zero", "killed"],
 )
-def test_triples(gu, runner_path, fake_git, tmp_path, script, expected):
+def test_triples(gu, runner_path, fake_git, tmp_path, caplog, script, timeout, expected):
     fake_git(script)
-    assert run(gu, tmp_path, ["x"]) == expected
+    with caplog.at_level(logging.WARNING, logger=gu.__name__):
+        assert run(gu, tmp_path, ["x"], timeout) == expected
+    timed_out = expected[1] == "Command timed out"
+    assert [r.getMessage() for r in caplog.records] == [f"git command timed out after {timeout}s: args=['x']"] * timed_out
 
 
 def test_logs_failure_at_debug_only(gu, runner_path, fake_git, tmp_path, caplog):
@@ -42,62 +45,35 @@ def test_logs_failure_at_debug_only(gu, runner_path, fake_git, tmp_path, caplog)
 
 
 @pytest.mark.parametrize(
-    "script, message",
+    "script, output, error",
     [
-        ("echo '  fatal: bad revision  ' >&2; exit 128", "fatal: bad revision"),
-        ("echo '   ' >&2; exit 5", "git exited with code 5"),
-        ("kill -15 $$", "git exited with code -15"),
+        ("printf ' spaced \\n\\n'", " spaced \n\n", None),  # stdout whole, unstripped
+        ("echo '  fatal: bad revision  ' >&2; exit 128", None, "fatal: bad revision"),
+        ("echo '   ' >&2; exit 5", None, "git exited with code 5"),
+        ("kill -15 $$", None, "git exited with code -15"),
     ],
 )
-def test_strict_runner_raises(gu, runner_path, fake_git, tmp_path, script, message):
+def test_strict_runner(gu, runner_path, fake_git, tmp_path, script, output, error):
     fake_git(script)
-    with pytest.raises(gu.GitError) as info:
-        gu._git_output(tmp_path, ["x"])
-    assert str(info.value) == message and type(info.value) is gu.GitError
+    if error is None:
+        assert gu._git_output(tmp_path, ["x"]) == output
+    else:
+        with pytest.raises(gu.GitError) as info:
+            gu._git_output(tmp_path, ["x"])
+        assert str(info.value) == error and type(info.value) is gu.GitError
 
 
-def test_strict_runner_keeps_stdout_whole(gu, runner_path, fake_git, tmp_path):
-    fake_git("printf ' spaced \\n\\n'")
-    assert gu._git_output(tmp_path, ["x"]) == " spaced \n\n"
-
-
-def test_missing_git(gu, runner_path, tmp_path, monkeypatch, caplog):
-    monkeypatch.setenv("PATH", str(tmp_path / "nowhere"))
+@pytest.mark.parametrize("cwd", ["", "missing"])  # a missing working directory counts as a missing git
+def test_missing_git(gu, runner_path, fake_git, tmp_path, monkeypatch, caplog, cwd):
+    if cwd:
+        fake_git("exit 0")
+    else:
+        monkeypatch.setenv("PATH", str(tmp_path / "nowhere"))
     with caplog.at_level(logging.WARNING, logger=gu.__name__):
-        assert run(gu, tmp_path, ["status"]) == ("", "git not found", 1)
+        assert run(gu, tmp_path / cwd, ["status"]) == ("", "git not found", 1)
     assert [r.getMessage() for r in caplog.records] == ["git executable not found while running args=['status']"]
     with pytest.raises(gu.GitError, match="^git not found$"):
-        gu._git_output(tmp_path, ["status"])
-
-
-def test_missing_working_directory_counts_as_not_found(gu, runner_path, fake_git, tmp_path):
-    fake_git("exit 0")
-    assert run(gu, tmp_path / "missing", ["x"]) == ("", "git not found", 1)
-
-
-def test_time_out_kills_and_reports(gu, runner_path, fake_git, tmp_path, caplog):
-    fake_git("echo partial; exec sleep 30")
-    with caplog.at_level(logging.WARNING, logger=gu.__name__):
-        assert run(gu, tmp_path, ["log"], timeout=0.3) == ("", "Command timed out", 1)
-    assert [r.getMessage() for r in caplog.records] == ["git command timed out after 0.3s: args=['log']"]
-
-
-def test_time_out_covers_a_grandchild_holding_the_pipes(gu, runner_path, fake_git, tmp_path):
-    fake_git("sleep 5 & exit 0")
-    assert run(gu, tmp_path, ["x"], timeout=0.3) == ("", "Command timed out", 1)
-
-
-@pytest.mark.parametrize(
-    "script, timeout, expected",
-    [
-        ("exec >&- 2>&-; sleep 0.1; exit 7", 5, ("", "", 7)),
-        ("exec >&- 2>&-; exec sleep 30", 0.3, ("", "Command timed out", 1)),
-    ],
-    ids=["exits-later", "runs-on"],
-)
-def test_git_that_outlives_its_pipes(gu, runner_path, fake_git, tmp_path, script, timeout, expected):
-    fake_git(script)
-    assert run(gu, tmp_path, ["x"], timeout=timeout) == expected
+        gu._git_output(tmp_path / cwd, ["status"])
 
 
 def _echo_git(directory, word):
@@ -153,26 +129,22 @@ def test_bad_arguments_raise_the_interpreters_errors(gu, runner_path, fake_git, 
     assert str(info.value) == (text if text is not None else str(reference.value))
 
 
-def test_working_directory_that_is_a_file(gu, runner_path, fake_git, tmp_path):
-    fake_git("exit 0")
+@pytest.mark.parametrize("case, error, filename", [("cwd-is-a-file", NotADirectoryError, "{file}"),
+                                                    ("not-executable", PermissionError, "git")])
+def test_os_errors_raised(gu, runner_path, fake_git, tmp_path, monkeypatch, case, error, filename):
+    script = fake_git("exit 0")
     a_file = tmp_path / "file"
     a_file.write_text("")
-    with pytest.raises(NotADirectoryError) as info:
-        run(gu, a_file, ["x"])
-    assert info.value.filename == str(a_file)
-
-
-def test_git_that_cannot_be_executed(gu, runner_path, fake_git, tmp_path, monkeypatch):
-    script = fake_git("exit 0")
-    script.chmod(0o644)
-    monkeypatch.setenv("PATH", str(script.parent))
-    with pytest.raises(PermissionError) as info:
-        run(gu, tmp_path, ["x"])
-    assert info.value.filename == "git"
+    if case == "not-executable":
+        script.chmod(0o644)
+        monkeypatch.setenv("PATH", str(script.parent))
+    with pytest.raises(error) as info:
+        run(gu, a_file if case == "cwd-is-a-file" else tmp_path, ["x"])
+    assert info.value.filename == filename.format(file=a_file)
 
 
 def test_child_environment_matches_the_interpreters_spawner(gu, runner_path, fake_git, tmp_path):
-    """Standard input inherited, no extra descriptors, SIGPIPE/SIGXFSZ at default."""
+    # standard input inherited, no extra descriptors, SIGPIPE/SIGXFSZ at default
     fake_git(
         """
         readlink /proc/self/fd/0
@@ -226,35 +198,3 @@ def test_large_output_on_both_streams(gu, runner_path, fake_git, tmp_path):
     fake_git("head -c 3000000 /dev/zero | tr '\\0' e >&2; head -c 5000000 /dev/zero | tr '\\0' o")
     out, err, code = run(gu, tmp_path, ["x"])
     assert (len(out), len(err), code) == (5_000_000, 3_000_000, 0)
-
-
-def test_interpreter_lock_is_free_while_git_runs(gu, fake_git, tmp_path):
-    fake_git("sleep 0.5")
-    ticks = 0
-    done = threading.Event()
-
-    def spin():
-        nonlocal ticks
-        while not done.is_set():
-            ticks += 1
-            time.sleep(0.001)
-
-    spinner = threading.Thread(target=spin)
-    spinner.start()
-    try:
-        run(gu, tmp_path, ["x"])
-    finally:
-        done.set()
-        spinner.join()
-    assert ticks > 50
-
-
-def test_ctrl_c_kills_and_reaps_git(gu, fake_git, tmp_path):
-    fake_git("exec sleep 30")
-    timer = threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGINT))
-    timer.start()
-    with pytest.raises(KeyboardInterrupt):
-        run(gu, tmp_path, ["x"])
-    timer.join()
-    with pytest.raises(ChildProcessError):
-        os.waitpid(-1, os.WNOHANG)
