@@ -164,16 +164,14 @@ def test_patch_path(name, expected):
         ("\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v"), ('\\"q\\\\', '"q\\'), ("\\12x", "12x"), ("end\\", "end\\"),
         ("\\\n", "\n"), ("\\z\\é", "zé"), ("\\303", "\ufffd"), ("\\377\\000", "\ufffd\x00"), ("é\\303\\251", "éé"),
         ("\\\\303", "\\303"), ("\\3031", "\ufffd1"), ("\\360\\237\\230\\200!", "\U0001f600!"),
+        ("\\400", ValueError), ("ok\\777", ValueError), ("\\303\\251\\401", ValueError),  # above a byte
     ],
 )
 def test_unquote(text, expected):
-    assert gu._unquote(text) == expected
-
-
-@pytest.mark.parametrize("text", ["\\400", "ok\\777", "\\303\\251\\401"])
-def test_octal_escape_above_a_byte(text):
-    with pytest.raises(ValueError):
-        gu._unquote(text)
+    if expected is ValueError:
+        pytest.raises(ValueError, gu._unquote, text)
+    else:
+        assert gu._unquote(text) == expected
 
 
 @pytest.mark.parametrize(
@@ -218,54 +216,10 @@ def test_native_records_equal_called_ones(build, called):
 
 SPANS_PATCH = (patch('"a\\tb"', "@@ -10,0 +11,2 @@", "+a", "+++ b", "@@ -3 +2,0 @@", "-x")
                + patch("/dev/null", "@@ -1 +0,0 @@", "-y") + patch("c", "@@ -1 +1 @@", "-p", "+q"))
-BODIES = [["\n:100644 100644 aaaaaaa bbbbbbb M", "a.txt", "1\t1\ta.txt"], [],
-          ["\n:000000 100644 0000000 ddddddd A", "b.txt", "5\t0\tb.txt", ""]]
 
 
 def c(*args, **kwargs):
     return args, kwargs
-
-
-def recording(original, calls):
-    if isinstance(original, re.Pattern):
-        return types.SimpleNamespace(match=recording(original.match, calls))
-
-    def wrapper(*args, **kwargs):
-        calls.append((args, kwargs))
-        return original(*args, **kwargs)
-
-    return wrapper
-
-
-@pytest.mark.parametrize(
-    "name, run, expected_calls",
-    [
-        ("_file_changes", lambda: gu.parse_file_changes(z(*DIFF_TOKENS)), [DIFF_TOKENS]),
-        ("_file_changes", lambda: gu.parse_commit_changes(LOG), BODIES),
-        ("_line_count", lambda: gu.parse_file_changes(z(*DIFF_TOKENS)),
-         ["3", "1", "10", "0", "2", "2", "0", "7", "-", "-"]),
-        ("FileChange", lambda: gu.parse_commit_changes(LOG),
-         [c("a.txt", "modified", 1, 1, old_path=None), c("b.txt", "added", 5, 0, old_path=None)]),
-        ("FileChange", lambda: gu.parse_file_changes(z(H + "C9", "o", "c")), [c("c", "copied", 0, 0, old_path="o")]),
-        ("CommitChanges", lambda: gu.parse_commit_changes(LOG), [c(r.timestamp, r.files) for r in LOG_RECORDS]),
-        ("_span", lambda: gu.parse_line_spans(SPANS_PATCH), [c(11, 2, 0), c(2, 0, 1), c(1, 1, 1)]),
-        ("LineSpan", lambda: gu.parse_line_spans(SPANS_PATCH), [c(11, 12, True), c(2, 2, False), c(1, 1, False)]),
-        ("_patch_path", lambda: gu.parse_line_spans(SPANS_PATCH), [c('"a\\tb"'), c("/dev/null"), c("c")]),
-        ("_unquote", lambda: gu.parse_line_spans(SPANS_PATCH), [c("a\\tb")]),
-        ("_HUNK_HEADER", lambda: gu.parse_line_spans("+++ f\n@@ -1 +1 @@\n-@@ -2 +2 @@\n+x\n@@ -5 +5 @@ g\n-y\n+z\n"),
-         [c("@@ -1 +1 @@"), c("@@ -5 +5 @@ g"), c("")]),
-    ],
-)
-def test_helpers_are_called_through_the_namespace(monkeypatch, name, run, expected_calls):
-    expected = run()
-    calls = []
-    monkeypatch.setattr(gu, name, recording(getattr(gu, name), calls))
-    assert run() == expected
-    if name == "_file_changes":  # any sequence of the tokens will do
-        calls = [list(args[0]) for args, _ in calls]
-    elif name == "_line_count":
-        calls = [args[0] for args, _ in calls]
-    assert calls == expected_calls
 
 
 @pytest.mark.parametrize(
@@ -282,18 +236,28 @@ def test_helpers_are_called_through_the_namespace(monkeypatch, name, run, expect
          lambda: gu.parse_line_spans("+++ f\n@@ -1 +1 @@\n## -2 +3,2 ##\n+a\n+b\n"), {"f": [LS(3, 4, False)]}),
         ("_C_ESCAPES", {"t": "T", "q": "Q"}, lambda: gu._unquote("\\t\\q\\n"), "TQn"),
         ("_C_ESCAPE", re.compile(r"%([0-7]{3}|.)", re.DOTALL), lambda: gu._unquote("%303%251\\t%%"), "é\\t%"),
-        ("FileChange", c, lambda: gu.parse_file_changes(z(H + "R1", "o", "n")), [c("n", "renamed", 0, 0, old_path="o")]),
-        ("CommitChanges", c, lambda: gu.parse_commit_changes(z("\x1e5", H + "A", "f")), [c(5, (FC("f", "added", 0, 0),))]),
-        ("LineSpan", c, lambda: gu.parse_line_spans(patch("f", "@@ -3,2 +4,0 @@", "-a", "-b")), {"f": [c(4, 4, False)]}),
-        ("_span", lambda *a: a, lambda: gu.parse_line_spans(patch("f", "@@ -2,3 +4 @@")), {"f": [(4, 1, 3)]}),
+        # Replacements that hand back their arguments show each call the original would get.
+        ("FileChange", c, lambda: gu.parse_file_changes(z(*DIFF_TOKENS)),
+         [c(r.path, r.status, r.additions, r.deletions, old_path=r.old_path) for r in DIFF_RECORDS]),
+        ("FileChange", c, lambda: gu.parse_commit_changes(LOG),
+         [CC(r.timestamp, tuple(c(f.path, f.status, f.additions, f.deletions, old_path=None) for f in r.files))
+          for r in LOG_RECORDS]),
+        ("CommitChanges", c, lambda: gu.parse_commit_changes(LOG), [c(r.timestamp, r.files) for r in LOG_RECORDS]),
+        ("LineSpan", c, lambda: gu.parse_line_spans(SPANS_PATCH),
+         {"a\tb": [c(11, 12, True), c(2, 2, False)], "c": [c(1, 1, False)]}),
+        ("_span", lambda *a: a, lambda: gu.parse_line_spans(SPANS_PATCH), {"a\tb": [(11, 2, 0), (2, 0, 1)], "c": [(1, 1, 1)]}),
         ("_patch_path", lambda t: None if t == "skip" else t.upper(),
          lambda: gu.parse_line_spans(patch("a\t", "@@ -1 +1 @@", "-x", "+y") + patch("skip", "@@ -1 +1 @@", "-x", "+y")),
          {"A\t": [LS(1, 1, False)]}),
         ("_unquote", lambda t: f"<{t}>", lambda: gu._patch_path('"a\\tb"'), "<a\\tb>"),
-        ("_line_count", lambda f: -len(f), lambda: gu.parse_file_changes(z(H + "M", "x", "12\t3\tx")),
-         [FC("x", "modified", -2, -1)]),
+        ("_line_count", lambda f: f, lambda: gu.parse_file_changes(z(*DIFF_TOKENS)),
+         [FC(r.path, r.status, *counts, old_path=r.old_path) for r, counts in
+          zip(DIFF_RECORDS, [("3", "1"), ("10", "0"), ("2", "2"), ("0", "7"), ("-", "-")])]),
         ("_file_changes", list, lambda: gu.parse_file_changes("a\0b"), ["a", "b"]),
-        ("_file_changes", lambda t: [len(t)], lambda: gu.parse_commit_changes(z("\x1e5", "a", "b")), [CC(5, (2,))]),
+        ("_file_changes", list, lambda: gu.parse_commit_changes(LOG),
+         [CC(LOG_RECORDS[0].timestamp, ("\n:100644 100644 aaaaaaa bbbbbbb M", "a.txt", "1\t1\ta.txt")),
+          CC(LOG_RECORDS[1].timestamp, ()),
+          CC(LOG_RECORDS[2].timestamp, ("\n:000000 100644 0000000 ddddddd A", "b.txt", "5\t0\tb.txt", ""))]),
         *[(name, None, run, NameError(f"name '{name}' is not defined")) for name, run in [
             ("_file_changes", lambda: gu.parse_file_changes("")), ("_line_count", lambda: gu._file_changes(["1\t2\tx"])),
             ("CommitChanges", lambda: gu.parse_commit_changes("\x1e1")), ("LineSpan", lambda: gu._span(1, 1, 1)),
@@ -301,7 +265,6 @@ def test_helpers_are_called_through_the_namespace(monkeypatch, name, run, expect
     ],
 )
 def test_replaced_helpers_change_the_result(monkeypatch, name, replacement, run, expected):
-    """A replacement is called where the original would be; a missing helper is Python's NameError."""
     if replacement is None:
         monkeypatch.delattr(gu, name)
         with pytest.raises(NameError, match=f"^{re.escape(str(expected))}$"):
@@ -309,6 +272,14 @@ def test_replaced_helpers_change_the_result(monkeypatch, name, replacement, run,
     else:
         monkeypatch.setattr(gu, name, replacement)
         assert run() == expected
+
+
+def test_hunk_header_sees_only_lines_outside_hunk_bodies(monkeypatch):
+    calls, header = [], gu._HUNK_HEADER
+    monkeypatch.setattr(gu, "_HUNK_HEADER", types.SimpleNamespace(match=lambda line: calls.append(line) or header.match(line)))
+    assert gu.parse_line_spans("+++ f\n@@ -1 +1 @@\n-@@ -2 +2 @@\n+x\n@@ -5 +5 @@ g\n-y\n+z\n") == {
+        "f": [LS(1, 1, False), LS(5, 5, False)]}
+    assert calls == ["@@ -1 +1 @@", "@@ -5 +5 @@ g", ""]
 
 
 # ---- properties: streams and patches rendered from a model --------------------
@@ -321,7 +292,6 @@ numbers = st.one_of(st.integers(0, 99), st.integers(0, 2**70))
 
 @st.composite
 def file_changes(draw):
-    """(records, tokens): the changes of one diff and git's -z tokens for them."""
     files = draw(st.lists(st.tuples(names, st.sampled_from("ACDMRTUX"), names, st.booleans(),
                                     st.one_of(st.none(), st.just(("-", "-")), st.tuples(numbers, numbers))),
                           unique_by=lambda f: f[0], max_size=6))
@@ -350,8 +320,7 @@ def test_streams_rendered_from_a_model(diff, log):
 
 
 def quoted(name, octal):
-    """The name as git writes it on a "+++ " line: C-quoted when it holds a quote, a backslash or a control
-    character; with `octal` (core.quotepath on) bytes outside ASCII are escaped too."""
+    # as git writes it on a "+++ " line; `octal` is core.quotepath on
     letters = dict(zip("\a\b\f\n\r\t\v\"\\", "abfnrtv\"\\"))
 
     def escape(c):
@@ -375,7 +344,6 @@ NO_HUNKS = {"B": ["Binary files a/x and b/x differ"], "R": ["similarity index 10
 
 @st.composite
 def patches(draw):
-    """(spans, patch): a zero-context patch rendered from a model of files and hunks."""
     files = draw(st.lists(st.tuples(names.filter(lambda n: n != "/dev/null"), st.sampled_from(["M", "D", "B", "R"]),
                                     st.lists(hunks, max_size=3), st.booleans(), st.booleans()),
                           unique_by=lambda f: f[0], max_size=5))
