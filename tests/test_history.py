@@ -49,17 +49,6 @@ def test_accepted_specs(gu, frozen, zone, spec, expected):
 
 
 @pytest.mark.parametrize(
-    "spec, utc, berlin",
-    [
-        ("2026-09-01T12:30+02:00", dt.datetime(2026, 9, 1, 10, 30), dt.datetime(2026, 9, 1, 12, 30)),
-        ("2026-01-15T00:00-05:30", dt.datetime(2026, 1, 15, 5, 30), dt.datetime(2026, 1, 15, 6, 30)),
-    ],
-)
-def test_offsets_become_local_wall_clock(gu, zone, spec, utc, berlin):
-    assert gu.parse_time_spec(spec) == (utc if zone == "UTC" else berlin)
-
-
-@pytest.mark.parametrize(
     "spec",
     ["0d", "00w", "7D", "7 d", "+7d", "7days", "1.5h", "-3d", "", "   ", "yesterday", "2026-09-01T12:30Z",
      "2026/09/01", "2026-9-1", "20260901", "2026-W35-1", "2026-02-30", "2026-13-01", "2026-09-01T24:00",
@@ -95,21 +84,19 @@ def test_outside_the_calendar(gu, zone, spec, python):
     assert isinstance(info.value.__cause__, OverflowError) and str(info.value.__cause__) == overflow_of(python)
 
 
-class PlainDateTime(dt.datetime):
-    """Takes parse_time_spec off its native moments, onto the calls of the class."""
+class PlainDateTime(dt.datetime):  # takes parse_time_spec off its native moments, onto the class's calls
+    pass
 
 
 ZONES = ["UTC", "Europe/Berlin", "America/New_York", "Australia/Lord_Howe", "America/St_Johns", "Pacific/Kiritimati"]
 
-# Instants around daylight-saving changes of the zones above (and the other
-# zones' ordinary days), before the epoch, under local mean time, at the
-# calendar's ends.
+# Around daylight-saving changes of these zones, before the epoch, under local mean time, at the calendar's ends.
 OFFSET_SPECS = [
     "2026-03-29T00:59:59.999999+00:00", "2026-03-29T01:00:00+00:00", "2026-10-25T00:30+00:00",
     "2026-10-25T01:30+00:00", "2026-03-08T06:59:59-00:00", "2026-03-08 02:30-05:00", "2026-11-01T01:30-04:00",
     "2026-11-01T01:30-05:00", "2026-04-05T01:45+11:00", "2026-10-04T02:15+10:30", "1969-12-31T23:59:59.500+00:00",
     "1890-06-01T12:00:00.250+00:00", "2026-09-01T12:30:00+02:00", "2026-09-01T12:30:00+05:30:15.000001",
-    "0001-01-01T23:00+14:00", "9999-12-31T10:00-13:59", "9999-12-31T23:59+00:00",
+    "2026-01-15T00:00-05:30", "0001-01-01T23:00+14:00", "9999-12-31T10:00-13:59", "9999-12-31T23:59+00:00",
 ]
 
 
