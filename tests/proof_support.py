@@ -1,5 +1,4 @@
-"""A small real repository and a snapshot of what the process holds (memory,
-descriptors, children), shared by the load, fault and bad-input tests."""
+"""A small real repository, and snapshots of the process's memory, descriptors and children."""
 import datetime as dt
 import os
 import subprocess
@@ -22,8 +21,7 @@ def git_env(home: Path) -> dict[str, str]:
 
 
 def make_repo(root: Path) -> Path:
-    """main: two commits; feature (checked out): a modification, a rename, an addition, a deletion and a
-    file with a space and non-ASCII name, by two authors, dated one day apart, 9 to 6 days ago."""
+    """main: two commits; feature (checked out): modified, renamed, added, deleted and odd names, two authors."""
     repo = root / "repo"
     repo.mkdir(parents=True)
     env = git_env(root)
@@ -64,7 +62,6 @@ def make_repo(root: Path) -> Path:
 
 
 def query_table(repo: Path):
-    """Every query of the module against `repo`, as (name, call) pairs."""
     past = dt.datetime.now() - dt.timedelta(days=30)
     mid = dt.datetime.now() - dt.timedelta(days=7.5)  # between "two" and "three"
     return [
@@ -87,8 +84,7 @@ def query_table(repo: Path):
     ]
 
 
-def children() -> list[int]:
-    """Pids of this process's children, zombies included."""
+def children() -> list[int]:  # zombies included
     me, found = os.getpid(), []
     for entry in os.listdir("/proc"):
         if entry.isdigit():
@@ -109,7 +105,6 @@ def snapshot() -> dict[str, int]:
 
 
 def assert_nothing_left(before: dict[str, int], rss_slack: int = 64 * MB) -> dict[str, int]:
-    """No descriptor or child more than in `before`, no zombie to reap, resident memory within the slack."""
     after = snapshot()
     assert after["fds"] <= before["fds"], (before, after, os.listdir("/proc/self/fd"))
     assert after["children"] == 0, children()

@@ -1,7 +1,6 @@
-"""Every function of the namespace called with wrong types and odd values: each call returns or raises an
-ordinary exception with a message, never SystemError, never a crash. Each group of functions runs in a
-child interpreter (in development mode, so the allocator checks its blocks), so that a crash shows as a
-failed test naming the last call made."""
+"""Every function called with wrong types and odd values returns or raises an ordinary exception with a message,
+never SystemError or a crash. Each group runs in a child interpreter in development mode (allocator checks), so a
+crash fails a test naming the last call."""
 import datetime as dt
 import gc
 import inspect
@@ -29,8 +28,7 @@ GROUPS = {
 SPAWNING = {"runner", "branch-queries", "history", "change-queries"}
 
 
-class Hostile:
-    """Fails every conversion, comparison and protocol that code might try on an argument."""
+class Hostile:  # fails every conversion, comparison and protocol
 
     def _refuse(self, *args):
         raise LookupError("hostile argument")
@@ -39,8 +37,7 @@ class Hostile:
         __getitem__ = __add__ = __radd__ = __format__ = __getattr__ = _refuse
 
 
-def odd_values(repo: Path) -> dict[str, list]:
-    """Odd values by the kind of parameter they are given to."""
+def odd_values(repo: Path) -> dict[str, list]:  # by the kind of parameter
     anything = [None, b"main", 10**100, -1, 3.5, "a\0b", "\ud800", "", [], (), {}, object(), Hostile()]
     listed = [[None], [b"x"], ["\ud800"], ["a\0b"], [10**100], [Path("x")], ["\udcff", "é\n\t"], "abc",
               ("rev-parse", "HEAD"), iter(["x"]), ["x" * 20_000] * 3]
@@ -66,8 +63,7 @@ def kind_of(annotation) -> str:
     return "text"
 
 
-def valid_arguments(gu, repo: Path) -> dict:
-    """Arguments that each function accepts, by parameter name (and by function where names clash)."""
+def valid_arguments(gu, repo: Path) -> dict:  # by parameter name, or (function, name) where names clash
     run = gu._git_output
     raw = run(repo, ["diff", "--raw", "--numstat", "-M", "-z", "main", "feature"])
     return {
@@ -83,8 +79,7 @@ def valid_arguments(gu, repo: Path) -> dict:
     }
 
 
-def cases(gu, names, repo):
-    """(label, function, args, kwargs, must_raise) for each odd value in each parameter of each function."""
+def cases(gu, names, repo):  # (label, function, args, kwargs, must_raise)
     valid, odd = valid_arguments(gu, repo), odd_values(repo)
     for name in names:
         f = getattr(gu, name)
@@ -105,8 +100,7 @@ def cases(gu, names, repo):
                 yield f"{name}({p.name}=<{kind_of(p.annotation)} #{i}: {shown}>)", f, args, kwargs, False
 
 
-def drive(group: str, repo: str, spawner: str) -> None:
-    """In the child interpreter: runs the group's cases and prints one JSON line per case."""
+def drive(group: str, repo: str, spawner: str) -> None:  # in the child: one JSON line per case
     import faulthandler
 
     from proof_support import children

@@ -22,8 +22,7 @@ FLOOD = 200_000_000
 GONE = "fatal: Unable to read current working directory: No such file or directory\n"
 
 
-def state(pid_file):
-    """The state letter of the process whose pid the fake git wrote, or "" once it is gone (reaped)."""
+def state(pid_file):  # the state letter of the fake git's process, "" once reaped
     try:
         with open(f"/proc/{int(pid_file.read_text())}/stat", "rb") as f:
             stat = f.read()
@@ -36,9 +35,7 @@ def gone(pid_file):
     return state(pid_file) == ""
 
 
-def release_free_heap():
-    """The interpreter's own reads (subprocess.run's 32 KiB chunks) leave freed memory in the C heap's free
-    lists, where it still counts as resident; give it back so that only memory still in use is measured."""
+def release_free_heap():  # freed chunks of subprocess.run's reads still count as resident until trimmed
     trim = getattr(ctypes.CDLL(None), "malloc_trim", None)
     if trim is not None:
         trim(0)
@@ -79,28 +76,20 @@ def test_git_that_floods_standard_error(runner_path, fake_git, tmp_path):
     assert_nothing_left(before, rss_slack=16 * MB)
 
 
-def test_path_without_git(runner_path, tmp_path, monkeypatch):
-    monkeypatch.setenv("PATH", str(tmp_path / "nowhere"))
+@pytest.mark.parametrize("case", ["no-git", "too-long"])
+def test_git_that_cannot_start(runner_path, tmp_path, monkeypatch, case):
     before = snapshot()
-    assert gu.run_git_command(tmp_path, ["status"]) == ("", "git not found", 1)
-    with pytest.raises(gu.GitError, match="^git not found$"):
-        gu._git_output(tmp_path, ["status"])
-    assert_nothing_left(before)
-
-
-def test_git_that_cannot_start(runner_path, tmp_path):
-    """Too long an argument list: the operating system's error, raised, with nothing started or opened."""
-    before = snapshot()
-    with pytest.raises(OSError) as info:
-        gu.run_git_command(tmp_path, ["x" * 1000] * 3000)
-    assert info.value.errno == 7  # E2BIG
+    if case == "no-git":
+        monkeypatch.setenv("PATH", str(tmp_path / "nowhere"))
+        assert gu.run_git_command(tmp_path, ["status"]) == ("", "git not found", 1)
+        pytest.raises(gu.GitError, gu._git_output, tmp_path, ["status"])
+    else:  # the operating system's error, with nothing started or opened
+        assert pytest.raises(OSError, gu.run_git_command, tmp_path, ["x" * 1000] * 3000).value.errno == 7  # E2BIG
     assert_nothing_left(before)
 
 
 @pytest.mark.parametrize("free", range(4))
-def test_descriptor_limit(tmp_path, free):
-    """With too few descriptors left for two pipes, the native spawner raises EMFILE and closes what it
-    opened. (subprocess.run keeps some of its pipes open when this happens, so only the native path.)"""
+def test_descriptor_limit(tmp_path, free):  # native only: subprocess.run keeps some pipes open on EMFILE
     before = snapshot()
     lowest_free = os.open(os.devnull, os.O_RDONLY)  # the lowest descriptor not in use
     os.close(lowest_free)
@@ -122,8 +111,7 @@ def make_repo_dir(path):
 
 
 def test_directory_removed_while_git_runs(runner_path, fake_git, tmp_path):
-    """git is already in the directory when it goes: git's own error. A run started after it went counts
-    as a missing git."""
+    # git already in it: git's own error; a run started after it went: a missing git
     real_git = shutil.which("git")
     fake_git(f'sleep 0.3; exec "{real_git}" "$@"')
     repo = make_repo_dir(tmp_path / "repo")
@@ -137,8 +125,7 @@ def test_directory_removed_while_git_runs(runner_path, fake_git, tmp_path):
     assert_nothing_left(before)
 
 
-def test_directory_removed_at_random_moments(runner_path, tmp_path):
-    """An empty directory of a repository goes in one step, before, while or after git starts there."""
+def test_directory_removed_at_random_moments(runner_path, tmp_path):  # before, while or after git starts there
     repo = make_repo_dir(tmp_path / "repo")
     rng = random.Random(7)
     before = snapshot()
@@ -176,9 +163,7 @@ def test_directory_removed_at_random_moments(runner_path, tmp_path):
     ids=["lenient", "strict", "streaming"],
 )
 def test_ctrl_c_during_a_long_run(runner_path, fake_git, tmp_path, script, call):
-    """Ctrl-C stops the run at once. While git streams output, the signal may come when the wait is not
-    blocked in a system call (most of the time, for a fast stream); the streaming case makes that certain
-    by keeping SIGINT off the waiting thread, so that another thread takes it, as in any threaded host."""
+    # Streaming: SIGINT kept off the waiting thread, so that it lands outside a blocking system call.
     streaming = "head" in script
     pids = tmp_path / "pids"
     fake_git(f"echo $$ > {pids}; {script}")
@@ -196,8 +181,7 @@ def test_ctrl_c_during_a_long_run(runner_path, fake_git, tmp_path, script, call)
         timer.join()
     assert time.monotonic() - started < 1.5
     if runner_path == "subprocess":
-        # subprocess.run gives a child that got the SIGINT too a quarter second to exit, then kills it and
-        # may leave the zombie to the interpreter's next process start.
+        # subprocess.run kills the child after a quarter second and may leave the zombie to the next start
         deadline = time.monotonic() + 1
         while state(pids) not in ("Z", "") and time.monotonic() < deadline:
             time.sleep(0.01)
@@ -210,8 +194,7 @@ def test_ctrl_c_during_a_long_run(runner_path, fake_git, tmp_path, script, call)
     assert gone(pids)
 
 
-def test_signal_handled_during_the_wait(runner_path, fake_git, tmp_path):
-    """A handler that returns runs while git runs, and the wait goes on to git's own result."""
+def test_signal_handled_during_the_wait(runner_path, fake_git, tmp_path):  # and the wait goes on
     fake_git("sleep 0.6; echo done")
     handled = []
     previous = signal.signal(signal.SIGUSR1, lambda *_: handled.append(time.monotonic()))

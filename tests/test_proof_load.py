@@ -1,5 +1,4 @@
-"""Soak and thread tests: many calls leave memory, descriptors and children where they were; threads get
-the single-threaded answers and run git side by side."""
+"""Soak and thread tests: no growth of memory, descriptors or children; threads get single-threaded answers."""
 import gc
 import itertools
 import os
@@ -24,8 +23,7 @@ def repo(tmp_path_factory):
 
 
 @pytest.fixture
-def quiet_stdin():
-    """shortlog without a revision reads standard input when it is no terminal: give it an empty one."""
+def quiet_stdin():  # shortlog reads a standard input that is no terminal
     saved = os.dup(0)
     null = os.open(os.devnull, os.O_RDONLY)
     os.dup2(null, 0)
@@ -36,7 +34,6 @@ def quiet_stdin():
 
 
 def soak_calls(repo):
-    """(call, expected) pairs: every query, the two runners, and the three parsers on captured output."""
     outputs = {
         gu.parse_file_changes: gu._git_output(repo, ["diff", "--raw", "--numstat", "-M", "-z", "main", "feature"]),
         gu.parse_commit_changes: gu._git_output(repo, ["log", "--format=%x1e%ct", "--raw", "--numstat", "-M", "-z"]),
@@ -69,7 +66,6 @@ def test_soak_leaves_memory_descriptors_and_children_unchanged(repo, quiet_stdin
 
 
 def run_threads(count, seconds, work):
-    """Runs work(index, stop_at) in `count` threads at once; every thread must end in time."""
     errors = []
 
     def guarded(i):
@@ -105,8 +101,7 @@ def test_threads_get_the_single_threaded_answers(repo, runner_path, quiet_stdin)
     assert_nothing_left(before)
 
 
-def test_interpreter_lock_is_free_while_git_runs(runner_path, fake_git, tmp_path):
-    """Eight gits that sleep half a second run side by side, and a pure-Python loop never stalls."""
+def test_interpreter_lock_is_free_while_git_runs(runner_path, fake_git, tmp_path):  # 8 gits side by side
     fake_git("exec sleep 0.5")
     stop, longest_gap = threading.Event(), 0.0
 
