@@ -22,6 +22,28 @@ def runner_path(request, monkeypatch):
 
 
 @pytest.fixture
+def stand_in(monkeypatch, tmp_path):
+    """Replaces the module's `name` with a function of (tmp_path, args) that records the argument lists and
+    gives the replies in turn, raising those that are exceptions."""
+
+    def install(name, *replies):
+        calls, answers = [], iter(replies)
+
+        def fake(root, args):
+            assert root is tmp_path and type(args) is list
+            calls.append(args)
+            reply = next(answers)
+            if isinstance(reply, Exception):
+                raise reply
+            return reply
+
+        monkeypatch.setattr(git_utils, name, fake)
+        return calls
+
+    return install
+
+
+@pytest.fixture
 def fake_git(tmp_path, monkeypatch):
     """Puts a `git` made of the given shell script first on PATH."""
     bindir = tmp_path / "fakebin"

@@ -15,29 +15,6 @@ PATCH = ["-c", "core.quotepath=off", "--literal-pathspecs", "diff", "--no-color"
 ONE_FILE = "\0".join([":1 2 a b A", "f", "1\t0\tf", ""])
 
 
-@pytest.fixture
-def git_output(monkeypatch):
-    """Stands in for _git_output: records every argument list and answers with the replies in turn (an
-    exception among them is raised)."""
-    calls = []
-
-    def install(*replies):
-        answers = iter(replies)
-
-        def stand_in(root, args):
-            assert type(args) is list
-            calls.append(args)
-            reply = next(answers)
-            if isinstance(reply, Exception):
-                raise reply
-            return reply
-
-        monkeypatch.setattr(gu, "_git_output", stand_in)
-        return calls
-
-    return install
-
-
 @pytest.mark.parametrize(
     "run, reply, expected, args",
     [
@@ -61,15 +38,15 @@ def git_output(monkeypatch):
         (lambda r: gu.diff_line_spans(r, 1, 2, merge_base=False), "", {}, [*PATCH, "--diff-filter=MR", 1, 2]),
     ],
 )
-def test_git_arguments(git_output, tmp_path, run, reply, expected, args):
-    calls = git_output(reply)
+def test_git_arguments(stand_in, tmp_path, run, reply, expected, args):
+    calls = stand_in("_git_output", reply)
     assert run(tmp_path) == expected
     assert calls == [args] and [type(a) for a in calls[0]] == [type(a) for a in args]
 
 
-def test_batches_merge_and_later_ones_replace_spans(git_output, tmp_path):
+def test_batches_merge_and_later_ones_replace_spans(stand_in, tmp_path):
     paths = ["dup"] + [f"p{i:08d}" for i in range(1600)] + ["dup"]  # 4 + 1599 * 10 fill the first batch
-    calls = git_output("+++ dup\n@@ -1 +1 @@\n-a\n+b\n+++ one\n@@ -0,0 +1 @@\n+x\n",
+    calls = stand_in("_git_output", "+++ dup\n@@ -1 +1 @@\n-a\n+b\n+++ one\n@@ -0,0 +1 @@\n+x\n",
                        "+++ two\n@@ -0,0 +1 @@\n+x\n+++ dup\n@@ -0,0 +7,2 @@\n+a\n+b\n")
     result = gu.diff_line_spans(tmp_path, "a", "b", merge_base=True, paths=paths)
     assert list(result.items()) == [("dup", [LS(7, 8, True)]), ("one", [LS(1, 1, True)]), ("two", [LS(1, 1, True)])]
@@ -77,8 +54,8 @@ def test_batches_merge_and_later_ones_replace_spans(git_output, tmp_path):
     assert calls == [head + paths[:1600], head + paths[1600:]]
 
 
-def test_failing_batch_stops_the_call(git_output, tmp_path):
-    calls = git_output("+++ f\n@@ -1 +1 @@\n", gu.GitError("fatal: boom"), "")
+def test_failing_batch_stops_the_call(stand_in, tmp_path):
+    calls = stand_in("_git_output", "+++ f\n@@ -1 +1 @@\n", gu.GitError("fatal: boom"), "")
     with pytest.raises(gu.GitError, match="^fatal: boom$"):
         gu.diff_line_spans(tmp_path, "a", "b", merge_base=False, paths=["a" * 9000, "b" * 9000, "c" * 9000])
     assert [c[-1][0] for c in calls] == ["a", "b"]
@@ -115,9 +92,9 @@ def test_path_batches(paths, sizes):
         ("_MAX_PATHSPEC_CHARS", 4, lambda r: gu._path_batches(["ab", "cd", "e"]), [], [["ab"], ["cd"], ["e"]], None),
     ],
 )
-def test_collaborators_are_looked_up_at_each_call(monkeypatch, git_output, tmp_path, name, replacement, run, replies,
+def test_collaborators_are_looked_up_at_each_call(monkeypatch, stand_in, tmp_path, name, replacement, run, replies,
                                                   expected, args):
-    calls = git_output(*replies)
+    calls = stand_in("_git_output", *replies)
     monkeypatch.setattr(gu, name, replacement)
     assert run(tmp_path) == expected
     assert args is None or calls == args

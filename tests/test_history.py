@@ -180,27 +180,12 @@ def test_iso_specs_match_python_310(gu, text):
 # ---- queries ----------------------------------------------------------------
 
 
-@pytest.fixture
-def recorder(gu, monkeypatch):
-    calls = []
-
-    def install(name, answer):
-        def stand_in(root, args):
-            calls.append(args)
-            return answer
-
-        monkeypatch.setattr(gu, name, stand_in)
-        return calls
-
-    return install
-
-
-def test_count_and_lookup_arguments(gu, recorder, tmp_path):
-    calls = recorder("_git_output", " 3\n")
+def test_count_and_lookup_arguments(gu, stand_in, tmp_path):
+    calls = stand_in("_git_output", " 3\n", " 3\n")
     assert gu.count_commits(tmp_path, "main", "feature") == 3
     assert gu.commit_before(tmp_path, "main", dt.datetime(2026, 1, 5, 9, 3, 7, 999)) == "3"
     assert calls == [["rev-list", "--count", "main..feature"], ["rev-list", "-1", "--before=2026-01-05 09:03:07", "main"]]
-    recorder("_git_output", "\n")
+    stand_in("_git_output", "\n", "\n")
     assert gu.count_commits(tmp_path, "a", "b") == 0 and gu.commit_before(tmp_path, "a", NOW) is None
 
 
@@ -216,15 +201,15 @@ def test_count_and_lookup_arguments(gu, recorder, tmp_path):
         ("", []),
     ],
 )
-def test_authors_parsing(gu, frozen, recorder, tmp_path, output, expected):
-    calls = recorder("run_git_command", (output, "", 0))
+def test_authors_parsing(gu, frozen, stand_in, tmp_path, output, expected):
+    calls = stand_in("run_git_command", (output, "", 0))
     result = gu.get_authors_for_period(tmp_path, "7d")
     assert result == expected and all(list(e) == ["name", "email", "commits"] for e in result)
     assert calls == [["shortlog", "--since=2026-03-22 10:00:00", "-sne"]]
 
 
-def test_authors_failure_is_an_empty_list(gu, frozen, recorder, tmp_path, caplog):
-    recorder("run_git_command", ("", "  fatal: no  \n", 128))
+def test_authors_failure_is_an_empty_list(gu, frozen, stand_in, tmp_path, caplog):
+    stand_in("run_git_command", ("", "  fatal: no  \n", 128))
     with caplog.at_level("DEBUG", logger=gu.__name__):
         assert gu.get_authors_for_period(tmp_path) == []
     assert caplog.records[-1].getMessage() == "get_authors_for_period: git shortlog failed rc=128 stderr=fatal: no"

@@ -209,18 +209,6 @@ def test_discovery_reaches_path_through_the_namespace(gu, tree, monkeypatch):
 # ---------------------------------------------------------------------------
 # Queries against a recording stand-in for run_git_command
 
-@pytest.fixture
-def recorder(gu, monkeypatch):
-    calls, replies = [], []
-
-    def run(repo_root, args):
-        calls.append((repo_root, args))
-        return replies.pop(0)
-
-    monkeypatch.setattr(gu, "run_git_command", run)
-    return calls, replies
-
-
 OK, FAIL = 0, 128
 HEAD_SHORT, HEAD_FULL = ["rev-parse", "--short", "HEAD"], ["rev-parse", "HEAD"]
 SYMREF, MAIN, MASTER = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse", "--verify", "main"], [
@@ -255,20 +243,19 @@ SYMREF, MAIN, MASTER = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse
         ("resolve_commit", ("stable ",), [("", "", 1)], None, [["rev-parse", "--verify", "--quiet", "stable ^{commit}"]]),
     ],
 )
-def test_queries_run_and_read(gu, recorder, tmp_path, name, args, replies, expected, runs):
-    calls, queued = recorder
-    queued.extend(replies)
+def test_queries_run_and_read(gu, stand_in, tmp_path, name, args, replies, expected, runs):
+    calls = stand_in("run_git_command", *replies)
     result = getattr(gu, name)(tmp_path, *args)
     assert result == expected and type(result) is type(expected)
-    assert [a for _, a in calls] == runs and all(root is tmp_path for root, _ in calls) and not queued
+    assert calls == runs and len(runs) == len(replies)
 
 
 @pytest.mark.parametrize("reply", [("a", "b"), ("a", "b", 0, 1), None, 7])
-def test_unpacking_errors_are_pythons(gu, recorder, tmp_path, reply):
+def test_unpacking_errors_are_pythons(gu, stand_in, tmp_path, reply):
     def python_code():
         stdout, _, returncode = reply
 
-    recorder[1].extend([reply] * 2)
+    stand_in("run_git_command", reply, reply)
     expected = pytest.raises((TypeError, ValueError), python_code).value
     for query in (gu.get_head_commit, gu.resolve_display_branch):
         error = pytest.raises(type(expected), query, tmp_path).value
