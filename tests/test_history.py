@@ -1,6 +1,5 @@
 import datetime as dt
 import os
-import subprocess
 import sys
 import time
 
@@ -217,25 +216,16 @@ def test_authors_failure_is_an_empty_list(gu, frozen, stand_in, tmp_path, caplog
         gu.get_authors_for_period(tmp_path, "soon")
 
 
-def commit(repo, name, email, date, path):
-    env = {**os.environ, "GIT_AUTHOR_NAME": name, "GIT_AUTHOR_EMAIL": email, "GIT_COMMITTER_NAME": name,
-           "GIT_COMMITTER_EMAIL": email, "GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date}
-    (repo / path).write_text(date)
-    subprocess.run(["git", "add", path], cwd=repo, check=True, env=env)
-    subprocess.run(["git", "commit", "-qm", path], cwd=repo, check=True, env=env)
-
-
-def test_real_history(gu, tmp_path, monkeypatch):
-    subprocess.run(["git", "init", "-q", "-b", "main", str(tmp_path)], check=True)
-    commit(tmp_path, "Ünal", "u@x", "2026-01-01T10:00:00", "a")
-    commit(tmp_path, "Bo", "b@x", "2026-01-02T10:00:00", "b")
-    commit(tmp_path, "Ünal", "u@x", "2026-01-03T10:00:00", "c")
-    head = gu._git_output(tmp_path, ["rev-parse", "HEAD"]).strip()
-    assert gu.count_commits(tmp_path, "HEAD~2", "HEAD") == 2 and gu.count_commits(tmp_path, "main", "main") == 0
-    assert gu.commit_before(tmp_path, "main", dt.datetime(2025, 12, 31)) is None
-    assert gu.commit_before(tmp_path, "main", dt.datetime(2026, 1, 3, 10, 0, 0)) == head
+def test_real_history(gu, git):
+    repo = git.init("repo")
+    for day, who in enumerate([("Ünal", "u@x"), ("Bo", "b@x"), ("Ünal", "u@x")], 1):
+        git.commit(repo, who, day, {f"f{day}": "x"})
+    head = gu._git_output(repo, ["rev-parse", "HEAD"]).strip()
+    assert gu.count_commits(repo, "HEAD~2", "HEAD") == 2 and gu.count_commits(repo, "main", "main") == 0
+    assert gu.commit_before(repo, "main", dt.datetime(2023, 12, 31)) is None
+    assert gu.commit_before(repo, "main", dt.datetime(2024, 1, 3, 12, 0, 0)) == head
     with pytest.raises(gu.GitError, match="unknown revision|bad revision|ambiguous argument"):
-        gu.count_commits(tmp_path, "main", "nope")
+        gu.count_commits(repo, "main", "nope")
 
     # shortlog reads HEAD's history only when standard input is a terminal.
     import pty
@@ -244,7 +234,7 @@ def test_real_history(gu, tmp_path, monkeypatch):
     saved = os.dup(0)
     os.dup2(follower, 0)
     try:
-        authors = gu.get_authors_for_period(tmp_path, "2025-12-01")
+        authors = gu.get_authors_for_period(repo, "2023-12-01")
     finally:
         os.dup2(saved, 0)
         for fd in (saved, leader, follower):

@@ -14,33 +14,6 @@ TEN_LINES = "".join(f"line {i}\n" for i in range(1, 11))
 
 
 @pytest.fixture
-def git(monkeypatch, tmp_path):
-    for key, value in {"GIT_CONFIG_NOSYSTEM": "1", "HOME": str(tmp_path), "TZ": "UTC"}.items():
-        monkeypatch.setenv(key, value)
-
-    def run(repo, *args):
-        return subprocess.run(["git", *args], cwd=repo, check=True, capture_output=True, text=True).stdout.strip()
-
-    def init(name, branch="main"):
-        repo = tmp_path / name
-        repo.mkdir()
-        run(repo, "init", "-q", "-b", branch)
-        return repo
-
-    def commit(repo, who, day, files):
-        for path, text in files.items():
-            (repo / path).unlink() if text is None else (repo / path).write_text(text)
-        date = f"2024-01-{day:02d}T12:00:00+00:00"
-        env = {**os.environ, "GIT_AUTHOR_NAME": who[0], "GIT_AUTHOR_EMAIL": who[1], "GIT_COMMITTER_NAME": who[0],
-               "GIT_COMMITTER_EMAIL": who[1], "GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date}
-        subprocess.run(["git", "add", "-A"], cwd=repo, check=True, env=env)
-        subprocess.run(["git", "commit", "-qm", f"day {day}"], cwd=repo, check=True, env=env)
-
-    run.init, run.commit = init, commit
-    return run
-
-
-@pytest.fixture
 def feature(git):
     """main, and feature/login checked out: two commits since main, which moved on by one."""
     repo = git.init("repo")

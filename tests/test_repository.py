@@ -1,6 +1,5 @@
 import errno
 import os
-import subprocess
 from pathlib import Path, PurePosixPath
 
 import pytest
@@ -245,28 +244,8 @@ def test_unpacking_errors_are_pythons(gu, stand_in, tmp_path, reply):
 # ---------------------------------------------------------------------------
 # Queries against real repositories
 
-@pytest.fixture
-def git(monkeypatch, tmp_path):
-    for who in ("AUTHOR", "COMMITTER"):
-        for key, value in {"NAME": "A", "EMAIL": "a@x", "DATE": "2024-01-02T03:04:05+00:00"}.items():
-            monkeypatch.setenv(f"GIT_{who}_{key}", value)
-    monkeypatch.setenv("GIT_CONFIG_NOSYSTEM", "1")
-    monkeypatch.setenv("HOME", str(tmp_path))
-
-    def run(cwd, *args):
-        return subprocess.run(["git", *args], cwd=cwd, check=True, capture_output=True, text=True).stdout.strip()
-
-    def init(path, branch):
-        path.mkdir(parents=True)
-        run(path, "init", "-q", "-b", branch)
-        return path
-
-    run.init = init
-    return run
-
-
 def test_repository_with_branches_tags_and_remote(gu, git, tmp_path):
-    repo = git.init(tmp_path / "repo", "main")
+    repo = git.init("repo")
     git(repo, "commit", "-q", "--allow-empty", "-m", "one")
     git(repo, "tag", "-a", "v1", "-m", "tag")
     git(repo, "commit", "-q", "--allow-empty", "-m", "two")
@@ -297,7 +276,7 @@ def test_repository_with_branches_tags_and_remote(gu, git, tmp_path):
 @pytest.mark.parametrize("branch, commit, expected", [("master", True, "master"), ("trunk", True, "main"),
                                                       ("master", False, "main")])
 def test_default_branch_fallbacks(gu, git, tmp_path, branch, commit, expected):
-    repo = git.init(tmp_path / "r", branch)
+    repo = git.init("r", branch)
     if commit:
         git(repo, "commit", "-q", "--allow-empty", "-m", "one")
     assert gu.get_default_branch(repo) == expected
