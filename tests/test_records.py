@@ -1,5 +1,4 @@
 import dataclasses
-import pickle
 
 import pytest
 
@@ -24,10 +23,6 @@ def test_record_values(gu):
     assert a != gu.FileChange("p", "renamed", 1, 2) and gu.FileChange("p", "added", 1, 2).old_path is None
     assert a != ("p", "renamed", 1, 2, "o")
     assert repr(a) == "FileChange(path='p', status='renamed', additions=1, deletions=2, old_path='o')"
-    c = gu.CommitChanges(5, (a,))
-    assert c != gu.CommitChanges(5, (a, a)) and gu.CommitChanges(5, ()) == gu.CommitChanges(5, ())
-    assert pickle.loads(pickle.dumps(c)) == c
-    with pytest.raises(dataclasses.FrozenInstanceError):
-        a.path = "x"
+    assert gu.CommitChanges(5, (a,)) != gu.CommitChanges(5, (a, a)) and gu.CommitChanges(5, ()) == gu.CommitChanges(5, ())
     with pytest.raises(TypeError):
         gu.LineSpan(1, 2, True) < gu.LineSpan(1, 3, True)
