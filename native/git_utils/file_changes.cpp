@@ -236,8 +236,6 @@ PyObject* file_changes_through_objects(PyObject* module, PyObject* tokens) {
     Py_ssize_t pos = 0;
     PyObject *path, *status_pair;
     while (PyDict_Next(statuses.get(), &pos, &path, &status_pair)) {
-        Ref path_ref = Ref::borrow(path);  // a replaced class may change the dicts
-        Ref status_ref = Ref::borrow(status_pair);
         PyObject* count_pair = PyDict_GetItemWithError(counts.get(), path);
         if (count_pair == nullptr && PyErr_Occurred()) return nullptr;
         Ref counted = Ref::borrow(count_pair ? count_pair : no_counts.get());
@@ -301,21 +299,12 @@ PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
     return PyObject_CallOneArg(parse.get(), tokens.get());
 }
 
-int line_count(PyObject* const* a, Ref& out) {
+PyObject* line_count(PyObject*, PyObject* const* a) {
     PyObject* field = a[0];
-    if (PyUnicode_Check(field)) {
-        ScanText text;
-        if (!text.open(field)) return -1;
-        out = line_count_of(text.view(), text);
-    } else {
-        out = line_count_of_str(field);  // through the object's own methods
-    }
-    return out ? 0 : -1;
-}
-
-PyObject* line_count_function(PyObject*, PyObject* const* a) {
-    Ref out;
-    return line_count(a, out) < 0 ? nullptr : out.release();
+    if (!PyUnicode_Check(field)) return line_count_of_str(field).release();  // through its own methods
+    ScanText text;
+    if (!text.open(field)) return nullptr;
+    return line_count_of(text.view(), text).release();
 }
 
 // ---- commits ---------------------------------------------------------------
@@ -494,7 +483,7 @@ const FunctionDef kLineCount = {
     "(field: str) -> int",
     "Read one count of a numstat record: its value when the field is made of\n"
     "digits, else 0 (git writes \"-\" for a binary file).",
-    line_count_function,
+    line_count,
 };
 
 }  // namespace gu

@@ -3,11 +3,11 @@
 
 #include <Python.h>
 
-#include <string_view>
 #include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/raw_numstat.hpp"
@@ -15,18 +15,22 @@
 
 namespace gu {
 
-// The bytes of a str as UTF-8. An ASCII str is read in place; any other is
-// encoded into a temporary that lives as long as the view (lone surrogates
-// pass through as their three-byte forms, which hold no byte the parsers
-// look for, so cutting the bytes cuts the text at the same places).
+// False with a TypeError unless `text` is a str.
+inline bool require_str(PyObject* text) {
+    if (PyUnicode_Check(text)) return true;
+    PyErr_Format(PyExc_TypeError, "expected str, not %.200s", Py_TYPE(text)->tp_name);
+    return false;
+}
+
+// The bytes of a str as UTF-8, for undoing C-style escapes, which work on
+// bytes. An ASCII str is read in place; any other is encoded into a
+// temporary that lives as long as the view (lone surrogates pass through as
+// their three-byte forms, for has_surrogate to find).
 class Utf8View {
 public:
     // False with an exception set when `text` is not a str or can't be encoded.
     bool open(PyObject* text) {
-        if (!PyUnicode_Check(text)) {
-            PyErr_Format(PyExc_TypeError, "expected str, not %.200s", Py_TYPE(text)->tp_name);
-            return false;
-        }
+        if (!require_str(text)) return false;
         if (PyUnicode_IS_ASCII(text)) {
             view_ = {static_cast<const char*>(PyUnicode_DATA(text)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
             return true;
@@ -66,10 +70,7 @@ public:
     // False with a TypeError when `text` is not a str. The str must outlive
     // the scan.
     bool open(PyObject* text) {
-        if (!PyUnicode_Check(text)) {
-            PyErr_Format(PyExc_TypeError, "expected str, not %.200s", Py_TYPE(text)->tp_name);
-            return false;
-        }
+        if (!require_str(text)) return false;
         source_ = text;
         kind_ = PyUnicode_KIND(text);
         const std::size_t n = static_cast<std::size_t>(PyUnicode_GET_LENGTH(text));
