@@ -7,6 +7,7 @@
 
 #include "git_utils/changes.hpp"
 #include "git_utils/collaborators.hpp"
+#include "git_utils/revisions.hpp"
 #include "git_utils/runner.hpp"
 #include "git_utils/scan_text.hpp"
 
@@ -65,12 +66,14 @@ PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, N
 }
 
 PyObject* diff_file_changes(PyObject* module, PyObject* const* a) {
+    if (!refuse_option_like(module, {a[1], a[2]})) return nullptr;
     Ref args = text_list({"diff", "--raw", "--numstat", "-M", "-z", "--no-textconv"});
     if (!args || !append(args, three_dots(a[1], a[2]))) return nullptr;
     return run_and_parse(module, a[0], args.get(), Name::parse_file_changes, parse_file_changes_from_git);
 }
 
 PyObject* log_commit_changes(PyObject* module, PyObject* const* a) {
+    if (!refuse_option_like(module, {a[2]})) return nullptr;
     PyObject* since = a[1];
     PyObject* ref = a[2];
     PyObject* max_commits = a[3];
@@ -122,6 +125,7 @@ Ref batch_arguments(PyObject* command, PyObject* batch) {
 }
 
 PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
+    if (!refuse_option_like(module, {a[1], a[2]})) return nullptr;
     PyObject* repo_root = a[0];
     PyObject* paths = a[4];
     Ref command = patch_command(module, a[1], a[2], a[3], a[5]);
@@ -206,7 +210,8 @@ const FunctionDef kDiffFileChanges = {
     "(repo_root: Path, base: str, head: str) -> list[FileChange]",
     "List the files that head changed since it left base (git diff base...head,\n"
     "against their merge base), as FileChange records in git's order, with\n"
-    "renames detected. Raises GitError when git fails.",
+    "renames detected. Raises GitError when git fails, and before git runs for\n"
+    "a base or head that begins with \"--\".",
     diff_file_changes,
 };
 
@@ -216,7 +221,8 @@ const FunctionDef kLogCommitChanges = {
     "List the commits of ref's history (HEAD's when ref is None) made since\n"
     "the local moment since, at most max_commits of them, newest first, as\n"
     "CommitChanges records with the files each changed (none for a merge).\n"
-    "All three are keyword-only and required. Raises GitError when git fails.",
+    "All three are keyword-only and required. Raises GitError when git fails,\n"
+    "and before git runs for a ref that begins with \"--\".",
     log_commit_changes,
 };
 
@@ -231,7 +237,8 @@ const FunctionDef kDiffLineSpans = {
     "batch of paths that fits on a command line, a later batch's answer for a\n"
     "path replacing an earlier one. diff_filter names the kinds of change to\n"
     "read (git's --diff-filter letters; modified and renamed by default).\n"
-    "Raises GitError when any git run fails.",
+    "Raises GitError when any git run fails, and before git runs for a base or\n"
+    "head that begins with \"--\".",
     diff_line_spans,
 };
 

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "git_utils/revisions.hpp"
 #include "git_utils/runner.hpp"
 #include "git_utils/state.hpp"
 
@@ -141,6 +142,7 @@ Ref stripped_output(PyObject* module, PyObject* repo_root, PyObject* args, int& 
 }
 
 PyObject* count_commits(PyObject* module, PyObject* const* a) {
+    if (!refuse_option_like(module, {a[1], a[2]})) return nullptr;
     Ref base = formatted(a[1]);
     Ref head = formatted(a[2]);
     Ref dots = text("..");
@@ -159,6 +161,7 @@ PyObject* count_commits(PyObject* module, PyObject* const* a) {
 }
 
 PyObject* commit_before(PyObject* module, PyObject* const* a) {
+    if (!refuse_option_like(module, {a[1]})) return nullptr;
     Ref when = git_moment(a[2]);
     Ref prefix = text("--before=");
     if (!when || !prefix) return nullptr;
@@ -190,7 +193,8 @@ const FunctionDef kCountCommits = {
     Name::count_commits,
     "(repo_root: Path, base: str, head: str) -> int",
     "Count the commits reachable from head and not from base (git rev-list\n"
-    "--count base..head). Raises GitError when git fails.",
+    "--count base..head). Raises GitError when git fails, and before git runs\n"
+    "for a base or head that begins with \"--\".",
     count_commits,
 };
 
@@ -199,7 +203,8 @@ const FunctionDef kCommitBefore = {
     "(repo_root: Path, ref: str, moment: datetime) -> str | None",
     "Return the full id of the newest commit of ref's history committed at or\n"
     "before moment (written to git as local time, to the second), or None when\n"
-    "there is none. Raises GitError when git fails.",
+    "there is none. Raises GitError when git fails, and before git runs for a\n"
+    "ref that begins with \"--\".",
     commit_before,
 };
 
