@@ -103,6 +103,22 @@ int returncode_of(int status) noexcept {
     return status;
 }
 
+// git starts in a session of its own, so that everything it starts shares
+// its process group and a give-up can kill them all (git's pid names the
+// group). A session rather than a mere process group: a background group on
+// the host's terminal would be stopped by SIGTTIN or SIGTTOU the moment git
+// or a child touched that terminal (a credential prompt, stty). Without a
+// controlling terminal nothing is ever stopped by job control, while a
+// terminal on standard input still reads as one (isatty), so shortlog still
+// summarises HEAD. The terminal's Ctrl-C now reaches only the host, whose
+// wait sees it and kills the group. Where spawn can't start a session, a
+// process group of its own is the fallback.
+#ifdef POSIX_SPAWN_SETSID
+constexpr short kOwnGroup = POSIX_SPAWN_SETSID;
+#else
+constexpr short kOwnGroup = POSIX_SPAWN_SETPGROUP;
+#endif
+
 class SpawnSetup {
 public:
     SpawnSetup(int out_w, int err_w, int cwd_fd) {
@@ -130,7 +146,10 @@ public:
         if (!error_) error_ = ::posix_spawn_file_actions_addclosefrom_np(&actions_, 3);
 #endif
         if (!error_) error_ = ::posix_spawnattr_setsigdefault(&attr_, &defaults);
-        short flags = POSIX_SPAWN_SETSIGDEF;
+        short flags = POSIX_SPAWN_SETSIGDEF | kOwnGroup;
+#ifndef POSIX_SPAWN_SETSID
+        if (!error_) error_ = ::posix_spawnattr_setpgroup(&attr_, 0);
+#endif
 #ifdef __APPLE__
         flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;
 #endif
@@ -175,6 +194,9 @@ Child::~Child() { close_all(); }
 
 void Child::close_all() noexcept {
     if (pid_ > 0) {
+        // Git's pid can't be reused while git is unreaped, so the group it
+        // names is still git's: kill whatever git started, then git.
+        ::kill(-pid_, SIGKILL);
         ::kill(pid_, SIGKILL);
         int status = 0;
         reap(pid_, status);

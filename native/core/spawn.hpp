@@ -5,7 +5,9 @@
 // The child gets: standard output and standard error on two pipes of their
 // own, standard input and the environment inherited, the working directory
 // changed, every other descriptor closed, SIGPIPE and SIGXFSZ back at their
-// default action, the signal mask inherited.
+// default action, the signal mask inherited, and a session (so a process
+// group) of its own, led by the child: what it starts joins that group
+// unless it leaves it, and a child given up on is killed with its group.
 #pragma once
 
 #include <sys/types.h>
@@ -31,7 +33,7 @@ enum class StartFailure {
 };
 
 // A started child and the read ends of its two pipes. Destroying a child
-// that was never waited for kills and reaps it.
+// that was never waited for kills its group and reaps it.
 class Child {
 public:
     Child() = default;
@@ -64,8 +66,8 @@ private:
 // or the last one when every candidate was missing.
 Child start(const SpawnSpec& spec);
 
-// Asked when a signal interrupts the wait; true stops the wait (the child is
-// then killed and reaped).
+// Asked when a signal interrupts the wait; true stops the wait (the child's
+// group is then killed and the child reaped).
 struct Interrupt {
     bool (*check)(void* context) = nullptr;
     void* context = nullptr;
@@ -82,7 +84,8 @@ struct Finished {
 
 // Drains both pipes until both close, then reaps the child. With a positive
 // `timeout_seconds`, a child still running (or its pipes still open) when
-// the time is up is killed with SIGKILL, reaped, and its output dropped.
+// the time is up is killed with SIGKILL, its whole group with it, reaped,
+// and its output dropped.
 Finished finish(Child& child, double timeout_seconds, Interrupt interrupt);
 
 }  // namespace gu::core
