@@ -461,6 +461,18 @@ bool unpack_git_result(PyObject* value, Ref out[3]) {
     }
     Ref extra = Ref::steal(PyIter_Next(iter.get()));
     if (extra) {
+#if PY_VERSION_HEX >= 0x030E0000
+        // From 3.14 the interpreter also says how many there were when the
+        // value is an exact list, tuple or dict and knows its length.
+        Py_ssize_t got = 0;
+        if (PyDict_CheckExact(value)) got = PyDict_Size(value);
+        else if (PyList_CheckExact(value)) got = PyList_GET_SIZE(value);
+        else if (PyTuple_CheckExact(value)) got = PyTuple_GET_SIZE(value);
+        if (got > 3) {
+            PyErr_Format(PyExc_ValueError, "too many values to unpack (expected 3, got %zd)", got);
+            return false;
+        }
+#endif
         PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
         return false;
     }
