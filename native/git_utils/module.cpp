@@ -217,8 +217,16 @@ int module_clear(PyObject* module) {
 
 void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 
+// Each interpreter that imports the module gets its own copy: the function
+// type, the classes and every object a call uses live in that copy's state,
+// and no C++ static holds a Python object, so an interpreter with its own GIL
+// may load it too. Free-threading is not declared (no Py_mod_gil): the
+// interpreter then turns its GIL on when it loads the module.
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
+#if PY_VERSION_HEX >= 0x030C0000
+    {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
+#endif
     {0, nullptr},
 };
 
