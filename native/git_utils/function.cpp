@@ -31,22 +31,44 @@ struct NativeFunction {
 
 NativeFunction* as_function(PyObject* o) { return reinterpret_cast<NativeFunction*>(o); }
 
-// The attributes a call reads, taken together under the function's critical
-// section: the body (or, without the global lock, another thread) may replace
-// them while the call runs, and the call goes on with what it read.
-struct CallSlots {
-    Ref qualname;
-    Ref defaults;    // a tuple, or null
-    Ref kwdefaults;  // a dict, or null
+// Every replaceable attribute is read and replaced under the function's
+// critical section, so a reader always takes its reference to a live value
+// (with the global lock the section is a plain block). The value a write
+// replaces is released after the section ends: that may run any code.
+using Slot = PyObject* NativeFunction::*;
 
-    explicit CallSlots(NativeFunction* f) {
+Ref read_slot(PyObject* self, Slot slot) {
+    Ref value;
+    Py_BEGIN_CRITICAL_SECTION(self);
+    value = Ref::borrow(as_function(self)->*slot);
+    Py_END_CRITICAL_SECTION();
+    return value;
+}
+
+void write_slot(PyObject* self, Slot slot, PyObject* value) {
+    Ref old;
+    Py_BEGIN_CRITICAL_SECTION(self);
+    old = Ref::steal(std::exchange(as_function(self)->*slot, Py_XNewRef(value)));
+    Py_END_CRITICAL_SECTION();
+}
+
+// The name error messages give, as __qualname__ holds it now.
+Ref qualname_of(NativeFunction* f) { return read_slot(reinterpret_cast<PyObject*>(f), &NativeFunction::qualname); }
+
+// The defaults a call binds from, taken together under the function's
+// critical section: the body (or, without the global lock, another thread)
+// may replace them while the call runs, and the call goes on with what it read.
+struct CallDefaults {
+    Ref positional;  // __defaults__: a tuple, or null
+    Ref keyword;     // __kwdefaults__: a dict, or null
+
+    explicit CallDefaults(NativeFunction* f) {
         Py_BEGIN_CRITICAL_SECTION(reinterpret_cast<PyObject*>(f));
-        qualname = Ref::borrow(f->qualname);
-        defaults = Ref::borrow(f->defaults);
-        kwdefaults = Ref::borrow(f->kwdefaults);
+        positional = Ref::borrow(f->defaults);
+        keyword = Ref::borrow(f->kwdefaults);
         Py_END_CRITICAL_SECTION();
     }
-    Py_ssize_t defcount() const { return defaults ? PyTuple_GET_SIZE(defaults.get()) : 0; }
+    Py_ssize_t count() const { return positional ? PyTuple_GET_SIZE(positional.get()) : 0; }
 };
 
 // ---- argument binding, with the interpreter's messages -------------------
@@ -74,8 +96,8 @@ PyObject* format_missing(PyObject* qualname, const char* kind, PyObject* names) 
     return nullptr;
 }
 
-PyObject* missing_arguments(NativeFunction* f, const CallSlots& slots, PyObject* const* bound, Py_ssize_t start,
-                            Py_ssize_t end, const char* kind) {
+PyObject* missing_arguments(NativeFunction* f, PyObject* const* bound, Py_ssize_t start, Py_ssize_t end,
+                            const char* kind) {
     Ref names = Ref::steal(PyList_New(0));
     if (!names) return nullptr;
     for (Py_ssize_t i = start; i < end; ++i) {
@@ -83,13 +105,13 @@ PyObject* missing_arguments(NativeFunction* f, const CallSlots& slots, PyObject*
         Ref r = Ref::steal(PyObject_Repr(PyTuple_GET_ITEM(f->params, i)));
         if (!r || PyList_Append(names.get(), r.get()) < 0) return nullptr;
     }
-    return format_missing(slots.qualname.get(), kind, names.get());
+    return format_missing(qualname_of(f).get(), kind, names.get());
 }
 
-PyObject* too_many_positional(NativeFunction* f, const CallSlots& slots, PyObject* const* bound, Py_ssize_t given) {
+PyObject* too_many_positional(NativeFunction* f, const CallDefaults& defaults, PyObject* const* bound, Py_ssize_t given) {
     Py_ssize_t kwonly_given = 0;
     for (Py_ssize_t i = f->argcount; i < f->argcount + f->kwonlycount; ++i) kwonly_given += bound[i] != nullptr;
-    const Py_ssize_t defcount = slots.defcount();
+    const Py_ssize_t defcount = defaults.count();
     Ref sig;
     bool plural;
     if (defcount) {
@@ -105,7 +127,7 @@ PyObject* too_many_positional(NativeFunction* f, const CallSlots& slots, PyObjec
                                                                     kwonly_given != 1 ? "s" : ""))
                                   : Ref::steal(PyUnicode_FromString(""));
     if (!kwonly_sig) return nullptr;
-    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", slots.qualname.get(), sig.get(),
+    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", qualname_of(f).get(), sig.get(),
                  plural ? "s" : "", given, kwonly_sig.get(), given == 1 && !kwonly_given ? "was" : "were");
     return nullptr;
 }
@@ -122,15 +144,41 @@ Py_ssize_t find_param(NativeFunction* f, PyObject* key) {
     return -1;
 }
 
+PyObject* run_body(NativeFunction* f, PyObject* const* bound) {
+    Ref module = Ref::borrow(f->module);
+    return f->def->impl(module.get(), bound);
+}
+
+// Fills the keyword-only parameters the call left out from __kwdefaults__,
+// then runs the body. The values are held for the call: the dict may change
+// while the body runs.
+PyObject* run_with_keyword_defaults(NativeFunction* f, const CallDefaults& defaults, PyObject** bound) {
+    Ref held[kMaxParams];
+    const Py_ssize_t total = f->argcount + f->kwonlycount;
+    bool missing = false;
+    for (Py_ssize_t i = f->argcount; i < total; ++i) {
+        if (bound[i] != nullptr) continue;
+        if (defaults.keyword) {
+            const int found = dict_get(defaults.keyword.get(), PyTuple_GET_ITEM(f->params, i), held[i]);
+            if (found < 0) return nullptr;
+            if (found) {
+                bound[i] = held[i].get();
+                continue;
+            }
+        }
+        missing = true;
+    }
+    if (missing) return missing_arguments(f, bound, f->argcount, total, "keyword-only");
+    return run_body(f, bound);
+}
+
 // Binds the call's arguments to parameters in the order and with the errors
 // of the interpreter's own function calls, then runs the body.
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
     NativeFunction* f = as_function(self);
-    const CallSlots slots(f);
+    const CallDefaults defaults(f);
     const Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
-    const Py_ssize_t total = f->argcount + f->kwonlycount;
     PyObject* bound[kMaxParams] = {};
-    Ref kw_held[kMaxParams];  // keyword defaults in use, held against changes to the dict
 
     const Py_ssize_t npos = nargs < f->argcount ? nargs : f->argcount;
     for (Py_ssize_t i = 0; i < npos; ++i) bound[i] = args[i];
@@ -141,65 +189,29 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
         const Py_ssize_t j = find_param(f, key);
         if (j == -2) return nullptr;
         if (j < 0) {
-            PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", slots.qualname.get(), key);
+            PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname_of(f).get(), key);
             return nullptr;
         }
         if (bound[j] != nullptr) {
-            PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", slots.qualname.get(), key);
+            PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", qualname_of(f).get(), key);
             return nullptr;
         }
         bound[j] = args[nargs + k];
     }
 
-    if (nargs > f->argcount) return too_many_positional(f, slots, bound, nargs);
+    if (nargs > f->argcount) return too_many_positional(f, defaults, bound, nargs);
 
-    const Py_ssize_t required = f->argcount - slots.defcount();
+    const Py_ssize_t required = f->argcount - defaults.count();
     for (Py_ssize_t i = nargs; i < required; ++i)
-        if (bound[i] == nullptr) return missing_arguments(f, slots, bound, 0, required, "positional");
+        if (bound[i] == nullptr) return missing_arguments(f, bound, 0, required, "positional");
     for (Py_ssize_t i = required > 0 ? required : 0; i < f->argcount; ++i)
-        if (bound[i] == nullptr) bound[i] = PyTuple_GET_ITEM(slots.defaults.get(), i - required);
+        if (bound[i] == nullptr) bound[i] = PyTuple_GET_ITEM(defaults.positional.get(), i - required);
 
-    bool kw_missing = false;
-    for (Py_ssize_t i = f->argcount; i < total; ++i) {
-        if (bound[i] != nullptr) continue;
-        if (slots.kwdefaults) {
-            const int found = dict_get(slots.kwdefaults.get(), PyTuple_GET_ITEM(f->params, i), kw_held[i]);
-            if (found < 0) return nullptr;
-            if (found) {
-                bound[i] = kw_held[i].get();
-                continue;
-            }
-        }
-        kw_missing = true;
-    }
-    if (kw_missing) return missing_arguments(f, slots, bound, f->argcount, total, "keyword-only");
-
-    Ref module = Ref::borrow(f->module);
-    return f->def->impl(module.get(), bound);
+    if (f->kwonlycount > 0) return run_with_keyword_defaults(f, defaults, bound);
+    return run_body(f, bound);
 }
 
 // ---- attributes ----------------------------------------------------------
-
-// Every replaceable attribute is read and replaced under the function's
-// critical section, so a reader always takes its reference to a live value
-// (with the global lock the section is a plain block). The value a write
-// replaces is released after the section ends: that may run any code.
-using Slot = PyObject* NativeFunction::*;
-
-Ref read_slot(PyObject* self, Slot slot) {
-    Ref value;
-    Py_BEGIN_CRITICAL_SECTION(self);
-    value = Ref::borrow(as_function(self)->*slot);
-    Py_END_CRITICAL_SECTION();
-    return value;
-}
-
-void write_slot(PyObject* self, Slot slot, PyObject* value) {
-    Ref old;
-    Py_BEGIN_CRITICAL_SECTION(self);
-    old = Ref::steal(std::exchange(as_function(self)->*slot, Py_XNewRef(value)));
-    Py_END_CRITICAL_SECTION();
-}
 
 PyObject* get_optional(PyObject* self, Slot slot) {
     Ref value = read_slot(self, slot);
