@@ -122,6 +122,25 @@ def test_function_interface(fresh, name, source):
     assert inspect.isroutine(f) and f.__globals__ is vars(gu)
 
 
+@pytest.mark.parametrize("attribute, value", [("__module__", "m"), ("__doc__", "d"), ("__name__", "n"),
+                                              ("__qualname__", "q"), ("__defaults__", ("x",)),
+                                              ("__kwdefaults__", {"paths": ()}), ("__annotations__", {"a": int})])
+def test_attributes_set_and_deleted_as_on_python_functions(fresh, attribute, value):
+    def outcomes(f):
+        seen = []
+        for change in (lambda: setattr(f, attribute, value), lambda: delattr(f, attribute),
+                       lambda: delattr(f, attribute), lambda: setattr(f, attribute, 1)):
+            try:
+                change()
+                seen.append(getattr(f, attribute))
+            except Exception as e:
+                seen.append((type(e), str(e)))
+        return seen
+
+    name = "diff_line_spans"
+    assert outcomes(getattr(fresh, name)) == outcomes(python_function(fresh, name, dict(FUNCTIONS)[name]))
+
+
 def test_documentation_texts_differ_and_help_renders(fresh):
     gu = fresh
     docs = [getattr(gu, name).__doc__ for name, _ in FUNCTIONS]

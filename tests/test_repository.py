@@ -1,5 +1,7 @@
+import collections
 import errno
 import os
+import sys
 from pathlib import Path, PurePosixPath
 
 import pytest
@@ -229,16 +231,37 @@ def test_queries_run_and_read(gu, stand_in, tmp_path, name, args, replies, expec
     assert calls == runs and len(runs) == len(replies)
 
 
-@pytest.mark.parametrize("reply", [("a", "b"), ("a", "b", 0, 1), None, 7])
-def test_unpacking_errors_are_pythons(gu, stand_in, tmp_path, reply):
+class Quad(tuple):
+    pass
+
+
+# A reply of the wrong shape, and what unpacking it says up to 3.13 and from 3.14 (Doc/whatsnew/3.14.rst, gh-122239;
+# Python/ceval.c: the count is given for an exact list, tuple or dict only). Each row is also checked against the
+# running interpreter's own unpacking.
+TOO_MANY = "too many values to unpack (expected 3)"
+UNPACK_ERRORS = [
+    (("a", "b"), "not enough values to unpack (expected 3, got 2)", "not enough values to unpack (expected 3, got 2)"),
+    (("a", "b", 0, 1), TOO_MANY, "too many values to unpack (expected 3, got 4)"),
+    (["a", "b", 0, 1, 2], TOO_MANY, "too many values to unpack (expected 3, got 5)"),
+    (dict.fromkeys("abcd"), TOO_MANY, "too many values to unpack (expected 3, got 4)"),
+    (Quad(("a", "b", 0, 1)), TOO_MANY, TOO_MANY),
+    (collections.deque(("a", "b", 0, 1)), TOO_MANY, TOO_MANY),
+    (None, "cannot unpack non-iterable NoneType object", "cannot unpack non-iterable NoneType object"),
+    (7, "cannot unpack non-iterable int object", "cannot unpack non-iterable int object"),
+]
+
+
+@pytest.mark.parametrize("reply, before_314, from_314", UNPACK_ERRORS)
+def test_unpacking_errors_are_pythons(gu, stand_in, tmp_path, reply, before_314, from_314):
     def python_code():
         stdout, _, returncode = reply
 
+    expected = from_314 if sys.version_info >= (3, 14) else before_314
+    theirs = pytest.raises((TypeError, ValueError), python_code).value
+    assert str(theirs) == expected
     stand_in("run_git_command", reply, reply)
-    expected = pytest.raises((TypeError, ValueError), python_code).value
     for query in (gu.get_head_commit, gu.resolve_display_branch):
-        error = pytest.raises(type(expected), query, tmp_path).value
-        assert str(error) == str(expected)
+        assert str(pytest.raises(type(theirs), query, tmp_path).value) == expected
 
 
 # ---------------------------------------------------------------------------

@@ -11,17 +11,17 @@
 
 namespace gu {
 
-// What the namespace holds under `name` now, borrowed, or null (without an
-// exception) when it holds nothing there.
-inline PyObject* peek(PyObject* module, Name name) {
-    PyObject* found = PyDict_GetItemWithError(PyModule_GetDict(module), state_of(module)->names[index(name)]);
-    if (found == nullptr) PyErr_Clear();
+// What the namespace holds under `name` now, or null (without an exception)
+// when it holds nothing there.
+inline Ref peek(PyObject* module, Name name) {
+    Ref found;
+    if (dict_get(PyModule_GetDict(module), state_of(module)->names[index(name)], found) < 0) PyErr_Clear();
     return found;
 }
 
 // Whether the namespace still holds what loading bound under `name`.
 inline bool unchanged(PyObject* module, Name name) {
-    return is_original(state_of(module), name, peek(module, name));
+    return is_original(state_of(module), name, peek(module, name).get());
 }
 
 // A collaborator read at its first use in a call and kept for the rest of it.
@@ -37,8 +37,9 @@ public:
     // Whether it is (or, not read yet, would be) what loading bound; a
     // missing name is not, and raises nothing until the call uses it.
     bool is_original() {
-        PyObject* v = value_ ? value_.get() : peek(module_, name_);
-        return v != nullptr && gu::is_original(state_of(module_), name_, v);
+        if (value_) return gu::is_original(state_of(module_), name_, value_.get());
+        Ref v = peek(module_, name_);
+        return v && gu::is_original(state_of(module_), name_, v.get());
     }
 
 private:

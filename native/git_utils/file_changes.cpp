@@ -69,7 +69,8 @@ struct StatusWords {
     PyObject* word[5] = {};  // borrowed from the mapping, by core::Status
 
     bool read(PyObject* module) {
-        PyObject* mapping = peek(module, Name::_STATUS_BY_LETTER);
+        Ref held = peek(module, Name::_STATUS_BY_LETTER);
+        PyObject* mapping = held.get();
         if (!is_original(state_of(module), Name::_STATUS_BY_LETTER, mapping) || !PyDict_CheckExact(mapping) ||
             PyDict_GET_SIZE(mapping) != 6)
             return false;

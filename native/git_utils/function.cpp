@@ -1,8 +1,9 @@
 #include "git_utils/function.hpp"
 
-#include <structmember.h>
-
 #include <string>
+#include <utility>
+
+#include "git_utils/compat.hpp"
 
 #include "git_utils/state.hpp"
 
@@ -29,6 +30,46 @@ struct NativeFunction {
 };
 
 NativeFunction* as_function(PyObject* o) { return reinterpret_cast<NativeFunction*>(o); }
+
+// Every replaceable attribute is read and replaced under the function's
+// critical section, so a reader always takes its reference to a live value
+// (with the global lock the section is a plain block). The value a write
+// replaces is released after the section ends: that may run any code.
+using Slot = PyObject* NativeFunction::*;
+
+Ref read_slot(PyObject* self, Slot slot) {
+    Ref value;
+    Py_BEGIN_CRITICAL_SECTION(self);
+    value = Ref::borrow(as_function(self)->*slot);
+    Py_END_CRITICAL_SECTION();
+    return value;
+}
+
+void write_slot(PyObject* self, Slot slot, PyObject* value) {
+    Ref old;
+    Py_BEGIN_CRITICAL_SECTION(self);
+    old = Ref::steal(std::exchange(as_function(self)->*slot, Py_XNewRef(value)));
+    Py_END_CRITICAL_SECTION();
+}
+
+// The name error messages give, as __qualname__ holds it now.
+Ref qualname_of(NativeFunction* f) { return read_slot(reinterpret_cast<PyObject*>(f), &NativeFunction::qualname); }
+
+// The defaults a call binds from, taken together under the function's
+// critical section: the body (or, without the global lock, another thread)
+// may replace them while the call runs, and the call goes on with what it read.
+struct CallDefaults {
+    Ref positional;  // __defaults__: a tuple, or null
+    Ref keyword;     // __kwdefaults__: a dict, or null
+
+    explicit CallDefaults(NativeFunction* f) {
+        Py_BEGIN_CRITICAL_SECTION(reinterpret_cast<PyObject*>(f));
+        positional = Ref::borrow(f->defaults);
+        keyword = Ref::borrow(f->kwdefaults);
+        Py_END_CRITICAL_SECTION();
+    }
+    Py_ssize_t count() const { return positional ? PyTuple_GET_SIZE(positional.get()) : 0; }
+};
 
 // ---- argument binding, with the interpreter's messages -------------------
 
@@ -64,13 +105,13 @@ PyObject* missing_arguments(NativeFunction* f, PyObject* const* bound, Py_ssize_
         Ref r = Ref::steal(PyObject_Repr(PyTuple_GET_ITEM(f->params, i)));
         if (!r || PyList_Append(names.get(), r.get()) < 0) return nullptr;
     }
-    return format_missing(f->qualname, kind, names.get());
+    return format_missing(qualname_of(f).get(), kind, names.get());
 }
 
-PyObject* too_many_positional(NativeFunction* f, PyObject* const* bound, Py_ssize_t given) {
+PyObject* too_many_positional(NativeFunction* f, const CallDefaults& defaults, PyObject* const* bound, Py_ssize_t given) {
     Py_ssize_t kwonly_given = 0;
     for (Py_ssize_t i = f->argcount; i < f->argcount + f->kwonlycount; ++i) kwonly_given += bound[i] != nullptr;
-    const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
+    const Py_ssize_t defcount = defaults.count();
     Ref sig;
     bool plural;
     if (defcount) {
@@ -86,7 +127,7 @@ PyObject* too_many_positional(NativeFunction* f, PyObject* const* bound, Py_ssiz
                                                                     kwonly_given != 1 ? "s" : ""))
                                   : Ref::steal(PyUnicode_FromString(""));
     if (!kwonly_sig) return nullptr;
-    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", f->qualname, sig.get(),
+    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", qualname_of(f).get(), sig.get(),
                  plural ? "s" : "", given, kwonly_sig.get(), given == 1 && !kwonly_given ? "was" : "were");
     return nullptr;
 }
@@ -103,12 +144,40 @@ Py_ssize_t find_param(NativeFunction* f, PyObject* key) {
     return -1;
 }
 
+PyObject* run_body(NativeFunction* f, PyObject* const* bound) {
+    Ref module = Ref::borrow(f->module);
+    return f->def->impl(module.get(), bound);
+}
+
+// Fills the keyword-only parameters the call left out from __kwdefaults__,
+// then runs the body. The values are held for the call: the dict may change
+// while the body runs.
+PyObject* run_with_keyword_defaults(NativeFunction* f, const CallDefaults& defaults, PyObject** bound) {
+    Ref held[kMaxParams];
+    const Py_ssize_t total = f->argcount + f->kwonlycount;
+    bool missing = false;
+    for (Py_ssize_t i = f->argcount; i < total; ++i) {
+        if (bound[i] != nullptr) continue;
+        if (defaults.keyword) {
+            const int found = dict_get(defaults.keyword.get(), PyTuple_GET_ITEM(f->params, i), held[i]);
+            if (found < 0) return nullptr;
+            if (found) {
+                bound[i] = held[i].get();
+                continue;
+            }
+        }
+        missing = true;
+    }
+    if (missing) return missing_arguments(f, bound, f->argcount, total, "keyword-only");
+    return run_body(f, bound);
+}
+
 // Binds the call's arguments to parameters in the order and with the errors
 // of the interpreter's own function calls, then runs the body.
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
     NativeFunction* f = as_function(self);
+    const CallDefaults defaults(f);
     const Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
-    const Py_ssize_t total = f->argcount + f->kwonlycount;
     PyObject* bound[kMaxParams] = {};
 
     const Py_ssize_t npos = nargs < f->argcount ? nargs : f->argcount;
@@ -120,99 +189,100 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
         const Py_ssize_t j = find_param(f, key);
         if (j == -2) return nullptr;
         if (j < 0) {
-            PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", f->qualname, key);
+            PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname_of(f).get(), key);
             return nullptr;
         }
         if (bound[j] != nullptr) {
-            PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->qualname, key);
+            PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", qualname_of(f).get(), key);
             return nullptr;
         }
         bound[j] = args[nargs + k];
     }
 
-    if (nargs > f->argcount) return too_many_positional(f, bound, nargs);
+    if (nargs > f->argcount) return too_many_positional(f, defaults, bound, nargs);
 
-    const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
-    const Py_ssize_t required = f->argcount - defcount;
+    const Py_ssize_t required = f->argcount - defaults.count();
     for (Py_ssize_t i = nargs; i < required; ++i)
         if (bound[i] == nullptr) return missing_arguments(f, bound, 0, required, "positional");
     for (Py_ssize_t i = required > 0 ? required : 0; i < f->argcount; ++i)
-        if (bound[i] == nullptr) bound[i] = PyTuple_GET_ITEM(f->defaults, i - required);
+        if (bound[i] == nullptr) bound[i] = PyTuple_GET_ITEM(defaults.positional.get(), i - required);
 
-    bool kw_missing = false;
-    for (Py_ssize_t i = f->argcount; i < total; ++i) {
-        if (bound[i] != nullptr) continue;
-        if (f->kwdefaults) {
-            PyObject* def = PyDict_GetItemWithError(f->kwdefaults, PyTuple_GET_ITEM(f->params, i));
-            if (def) {
-                bound[i] = def;
-                continue;
-            }
-            if (PyErr_Occurred()) return nullptr;
-        }
-        kw_missing = true;
-    }
-    if (kw_missing) return missing_arguments(f, bound, f->argcount, total, "keyword-only");
-
-    // Defaults are borrowed from tuples the body might replace through
-    // __defaults__; hold them for the call.
-    Ref defaults = Ref::borrow(f->defaults);
-    Ref kwdefaults = Ref::borrow(f->kwdefaults);
-    Ref module = Ref::borrow(f->module);
-    return f->def->impl(module.get(), bound);
+    if (f->kwonlycount > 0) return run_with_keyword_defaults(f, defaults, bound);
+    return run_body(f, bound);
 }
 
 // ---- attributes ----------------------------------------------------------
 
-PyObject* get_name(PyObject* self, void*) { return Py_NewRef(as_function(self)->name); }
-PyObject* get_qualname(PyObject* self, void*) { return Py_NewRef(as_function(self)->qualname); }
+PyObject* get_optional(PyObject* self, Slot slot) {
+    Ref value = read_slot(self, slot);
+    return value ? value.release() : Py_NewRef(Py_None);
+}
 
-int set_text(PyObject*& slot, PyObject* value, const char* what) {
+int set_text(PyObject* self, Slot slot, PyObject* value, const char* what) {
     if (value == nullptr || !PyUnicode_Check(value)) {
         PyErr_Format(PyExc_TypeError, "%s must be set to a string object", what);
         return -1;
     }
-    Py_SETREF(slot, Py_NewRef(value));
+    write_slot(self, slot, value);
     return 0;
 }
 
-int set_name(PyObject* self, PyObject* value, void*) { return set_text(as_function(self)->name, value, "__name__"); }
-int set_qualname(PyObject* self, PyObject* value, void*) {
-    return set_text(as_function(self)->qualname, value, "__qualname__");
-}
-
-PyObject* get_optional(PyObject* slot) { return Py_NewRef(slot ? slot : Py_None); }
-
-int set_optional(PyObject*& slot, PyObject* value, bool (*check)(PyObject*), const char* message) {
+int set_optional(PyObject* self, Slot slot, PyObject* value, bool (*check)(PyObject*), const char* message) {
     if (value == Py_None) value = nullptr;
     if (value != nullptr && !check(value)) {
         PyErr_SetString(PyExc_TypeError, message);
         return -1;
     }
-    Py_XSETREF(slot, Py_XNewRef(value));
+    write_slot(self, slot, value);
     return 0;
 }
 
 bool is_tuple(PyObject* o) { return PyTuple_Check(o); }
 bool is_dict(PyObject* o) { return PyDict_Check(o); }
 
-PyObject* get_defaults(PyObject* self, void*) { return get_optional(as_function(self)->defaults); }
-int set_defaults(PyObject* self, PyObject* value, void*) {
-    return set_optional(as_function(self)->defaults, value, is_tuple, "__defaults__ must be set to a tuple object");
-}
-PyObject* get_kwdefaults(PyObject* self, void*) { return get_optional(as_function(self)->kwdefaults); }
-int set_kwdefaults(PyObject* self, PyObject* value, void*) {
-    return set_optional(as_function(self)->kwdefaults, value, is_dict, "__kwdefaults__ must be set to a dict object");
+PyObject* get_name(PyObject* self, void*) { return read_slot(self, &NativeFunction::name).release(); }
+int set_name(PyObject* self, PyObject* value, void*) { return set_text(self, &NativeFunction::name, value, "__name__"); }
+PyObject* get_qualname(PyObject* self, void*) { return read_slot(self, &NativeFunction::qualname).release(); }
+int set_qualname(PyObject* self, PyObject* value, void*) {
+    return set_text(self, &NativeFunction::qualname, value, "__qualname__");
 }
 
+PyObject* get_defaults(PyObject* self, void*) { return get_optional(self, &NativeFunction::defaults); }
+int set_defaults(PyObject* self, PyObject* value, void*) {
+    return set_optional(self, &NativeFunction::defaults, value, is_tuple, "__defaults__ must be set to a tuple object");
+}
+PyObject* get_kwdefaults(PyObject* self, void*) { return get_optional(self, &NativeFunction::kwdefaults); }
+int set_kwdefaults(PyObject* self, PyObject* value, void*) {
+    return set_optional(self, &NativeFunction::kwdefaults, value, is_dict,
+                        "__kwdefaults__ must be set to a dict object");
+}
+
+// Read after `del f.__annotations__`, a fresh empty dict takes its place.
 PyObject* get_annotations(PyObject* self, void*) {
     NativeFunction* f = as_function(self);
+    PyObject* value;
+    Py_BEGIN_CRITICAL_SECTION(self);
     if (f->annotations == nullptr) f->annotations = PyDict_New();
-    return Py_XNewRef(f->annotations);
+    value = Py_XNewRef(f->annotations);
+    Py_END_CRITICAL_SECTION();
+    return value;
 }
 int set_annotations(PyObject* self, PyObject* value, void*) {
-    return set_optional(as_function(self)->annotations, value, is_dict,
+    return set_optional(self, &NativeFunction::annotations, value, is_dict,
                         "__annotations__ must be set to a dict object");
+}
+
+// As on a Python function, __module__ and __doc__ take any value, and
+// deleting one leaves None in its place.
+PyObject* get_module_name(PyObject* self, void*) { return get_optional(self, &NativeFunction::module_name); }
+int set_module_name(PyObject* self, PyObject* value, void*) {
+    write_slot(self, &NativeFunction::module_name, value);
+    return 0;
+}
+PyObject* get_doc(PyObject* self, void*) { return get_optional(self, &NativeFunction::doc); }
+int set_doc(PyObject* self, PyObject* value, void*) {
+    write_slot(self, &NativeFunction::doc, value);
+    return 0;
 }
 
 PyObject* get_globals(PyObject* self, void*) { return Py_NewRef(PyModule_GetDict(as_function(self)->module)); }
@@ -230,27 +300,28 @@ PyObject* get_signature(PyObject* self, void*) {
     Ref keyword_only = Ref::steal(PyObject_GetAttrString(parameter.get(), "KEYWORD_ONLY"));
     if (!positional || !keyword_only) return nullptr;
 
+    const Ref defaults = read_slot(self, &NativeFunction::defaults);
+    const Ref kwdefaults = read_slot(self, &NativeFunction::kwdefaults);
+    const Ref annotations = read_slot(self, &NativeFunction::annotations);
     const Py_ssize_t total = f->argcount + f->kwonlycount;
-    const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
+    const Py_ssize_t defcount = defaults ? PyTuple_GET_SIZE(defaults.get()) : 0;
     Ref params = Ref::steal(PyList_New(0));
     if (!params) return nullptr;
     for (Py_ssize_t i = 0; i < total; ++i) {
         PyObject* name = PyTuple_GET_ITEM(f->params, i);
         Ref kwargs = Ref::steal(PyDict_New());
         if (!kwargs) return nullptr;
-        PyObject* def = nullptr;
+        Ref def;
         if (i < f->argcount) {
-            if (i >= f->argcount - defcount) def = PyTuple_GET_ITEM(f->defaults, i - (f->argcount - defcount));
-        } else if (f->kwdefaults) {
-            def = PyDict_GetItemWithError(f->kwdefaults, name);
-            if (def == nullptr && PyErr_Occurred()) return nullptr;
+            if (i >= f->argcount - defcount)
+                def = Ref::borrow(PyTuple_GET_ITEM(defaults.get(), i - (f->argcount - defcount)));
+        } else if (kwdefaults && dict_get(kwdefaults.get(), name, def) < 0) {
+            return nullptr;
         }
-        if (def && PyDict_SetItemString(kwargs.get(), "default", def) < 0) return nullptr;
-        if (f->annotations) {
-            PyObject* ann = PyDict_GetItemWithError(f->annotations, name);
-            if (ann == nullptr && PyErr_Occurred()) return nullptr;
-            if (ann && PyDict_SetItemString(kwargs.get(), "annotation", ann) < 0) return nullptr;
-        }
+        if (def && PyDict_SetItemString(kwargs.get(), "default", def.get()) < 0) return nullptr;
+        Ref ann;
+        if (annotations && dict_get(annotations.get(), name, ann) < 0) return nullptr;
+        if (ann && PyDict_SetItemString(kwargs.get(), "annotation", ann.get()) < 0) return nullptr;
         Ref args = Ref::steal(PyTuple_Pack(2, name, i < f->argcount ? positional.get() : keyword_only.get()));
         if (!args) return nullptr;
         Ref p = Ref::steal(PyObject_Call(parameter.get(), args.get(), kwargs.get()));
@@ -258,10 +329,9 @@ PyObject* get_signature(PyObject* self, void*) {
     }
     Ref kwargs = Ref::steal(PyDict_New());
     if (!kwargs) return nullptr;
-    if (f->annotations) {
-        PyObject* ret = PyDict_GetItemString(f->annotations, "return");
-        if (ret && PyDict_SetItemString(kwargs.get(), "return_annotation", ret) < 0) return nullptr;
-    }
+    Ref ret;
+    if (annotations && dict_get(annotations.get(), "return", ret) < 0) return nullptr;
+    if (ret && PyDict_SetItemString(kwargs.get(), "return_annotation", ret.get()) < 0) return nullptr;
     Ref args = Ref::steal(PyTuple_Pack(1, params.get()));
     if (!args) return nullptr;
     return PyObject_Call(signature.get(), args.get(), kwargs.get());
@@ -273,23 +343,24 @@ PyGetSetDef function_getset[] = {
     {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
     {"__kwdefaults__", get_kwdefaults, set_kwdefaults, nullptr, nullptr},
     {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
+    {"__module__", get_module_name, set_module_name, nullptr, nullptr},
+    {"__doc__", get_doc, set_doc, nullptr, nullptr},
     {"__globals__", get_globals, nullptr, nullptr, nullptr},
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
+// The type's layout for interpreters that read it from members (3.10, 3.11).
 PyMemberDef function_members[] = {
-    {"__module__", T_OBJECT, offsetof(NativeFunction, module_name), 0, nullptr},
-    {"__doc__", T_OBJECT, offsetof(NativeFunction, doc), 0, nullptr},
-    {"__dictoffset__", T_PYSSIZET, offsetof(NativeFunction, dict), READONLY, nullptr},
-    {"__weaklistoffset__", T_PYSSIZET, offsetof(NativeFunction, weaklist), READONLY, nullptr},
-    {"__vectorcalloffset__", T_PYSSIZET, offsetof(NativeFunction, vectorcall), READONLY, nullptr},
+    {"__dictoffset__", Py_T_PYSSIZET, offsetof(NativeFunction, dict), Py_READONLY, nullptr},
+    {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(NativeFunction, weaklist), Py_READONLY, nullptr},
+    {"__vectorcalloffset__", Py_T_PYSSIZET, offsetof(NativeFunction, vectorcall), Py_READONLY, nullptr},
     {nullptr, 0, 0, 0, nullptr},
 };
 
 // Pickle finds the function again through its module, by name.
-PyObject* function_reduce(PyObject* self, PyObject*) { return Py_NewRef(as_function(self)->qualname); }
+PyObject* function_reduce(PyObject* self, PyObject*) { return read_slot(self, &NativeFunction::qualname).release(); }
 
 PyMethodDef function_methods[] = {
     {"__reduce__", function_reduce, METH_NOARGS, nullptr},
@@ -297,7 +368,8 @@ PyMethodDef function_methods[] = {
 };
 
 PyObject* function_repr(PyObject* self) {
-    return PyUnicode_FromFormat("<function %U at %p>", as_function(self)->qualname, self);
+    const Ref qualname = read_slot(self, &NativeFunction::qualname);
+    return PyUnicode_FromFormat("<function %U at %p>", qualname.get(), self);
 }
 
 // Accessed through an instance, the function binds like a Python function.
@@ -373,14 +445,16 @@ Ref attr(PyObject* o, const char* name) { return Ref::steal(PyObject_GetAttrStri
 // Evaluates "def NAME<signature>: pass" in a copy of the namespace and takes
 // the parameter table, defaults and annotations from the function it makes.
 Ref prototype(PyObject* module, const FunctionDef& def, const char* name) {
-    Ref scratch = Ref::steal(PyDict_Copy(PyModule_GetDict(module)));
-    if (!scratch || PyDict_SetItemString(scratch.get(), "__builtins__", PyEval_GetBuiltins()) < 0) return Ref();
+    Ref scratch = namespace_copy(module);
+    if (!scratch) return Ref();
     const std::string source = std::string("def ") + name + def.signature + ": pass\n";
     Ref code = Ref::steal(Py_CompileString(source.c_str(), "<git_utils signature>", Py_file_input));
     if (!code) return Ref();
     Ref done = Ref::steal(PyEval_EvalCode(code.get(), scratch.get(), scratch.get()));
     if (!done) return Ref();
-    return Ref::borrow(PyDict_GetItemString(scratch.get(), name));
+    Ref made;
+    if (dict_get(scratch.get(), name, made) == 0) PyErr_Format(PyExc_SystemError, "no function %s", name);
+    return made;
 }
 
 Py_ssize_t as_size(PyObject* o) { return o ? PyLong_AsSsize_t(o) : -1; }

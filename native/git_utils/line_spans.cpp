@@ -56,7 +56,8 @@ std::int64_t saturated(PyObject* value) {
 // core's unquoting gives what they would.
 bool native_unquote(PyObject* module) {
     if (!unchanged(module, Name::_C_ESCAPE)) return false;
-    PyObject* escapes = peek(module, Name::_C_ESCAPES);
+    Ref held = peek(module, Name::_C_ESCAPES);
+    PyObject* escapes = held.get();
     if (!is_original(state_of(module), Name::_C_ESCAPES, escapes) || !PyDict_CheckExact(escapes) ||
         PyDict_GET_SIZE(escapes) != 7)
         return false;

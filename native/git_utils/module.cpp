@@ -138,8 +138,8 @@ Ref import(const Import& what) {
 }
 
 Ref evaluate(PyObject* module, const char* expression) {
-    Ref globals = Ref::steal(PyDict_Copy(PyModule_GetDict(module)));
-    if (!globals || PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) < 0) return Ref();
+    Ref globals = namespace_copy(module);
+    if (!globals) return Ref();
     return Ref::steal(PyRun_String(expression, Py_eval_input, globals.get(), globals.get()));
 }
 
@@ -181,6 +181,10 @@ int init_state(PyObject* module) {
     Ref type = create_function_type(module);
     if (!type) return -1;
     st->function_type = type.release();
+    // The builtins module of the interpreter that loads this copy of the module.
+    Ref builtins = Ref::steal(PyImport_ImportModule("builtins"));
+    if (!builtins) return -1;
+    st->builtins = Py_NewRef(PyModule_GetDict(builtins.get()));
     Ref os = Ref::steal(PyImport_ImportModule("os"));
     if (!os) return -1;
     st->os_get_exec_path = PyObject_GetAttrString(os.get(), "get_exec_path");
@@ -213,8 +217,16 @@ int module_clear(PyObject* module) {
 
 void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 
+// Each interpreter that imports the module gets its own copy: the function
+// type, the classes and every object a call uses live in that copy's state,
+// and no C++ static holds a Python object, so an interpreter with its own GIL
+// may load it too. Free-threading is not declared (no Py_mod_gil): the
+// interpreter then turns its GIL on when it loads the module.
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
+#if PY_VERSION_HEX >= 0x030C0000
+    {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
+#endif
     {0, nullptr},
 };
 

@@ -49,8 +49,8 @@ const RecordSpec kRecords[] = {
 };
 
 Ref eval_in(PyObject* module, const char* expression) {
-    Ref globals = Ref::steal(PyDict_Copy(PyModule_GetDict(module)));
-    if (!globals || PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) < 0) return Ref();
+    Ref globals = namespace_copy(module);
+    if (!globals) return Ref();
     return Ref::steal(PyRun_String(expression, Py_eval_input, globals.get(), globals.get()));
 }
 

@@ -7,6 +7,8 @@
 
 #include <utility>
 
+#include "git_utils/compat.hpp"
+
 namespace gu {
 
 class Ref {
@@ -49,5 +51,22 @@ private:
     explicit Ref(PyObject* p) noexcept : p_(p) {}
     PyObject* p_ = nullptr;
 };
+
+// dict[key] as a strong reference in `out`: 1 found, 0 missing (no
+// exception), -1 error. What a dict holds may be replaced by any call into
+// Python, and without the global lock by another thread at any time.
+inline int dict_get(PyObject* dict, PyObject* key, Ref& out) {
+    PyObject* found;
+    const int status = PyDict_GetItemRef(dict, key, &found);
+    out = Ref::steal(found);
+    return status;
+}
+
+inline int dict_get(PyObject* dict, const char* key, Ref& out) {
+    PyObject* found;
+    const int status = PyDict_GetItemStringRef(dict, key, &found);
+    out = Ref::steal(found);
+    return status;
+}
 
 }  // namespace gu

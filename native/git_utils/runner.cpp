@@ -129,15 +129,13 @@ PyObject* run_through_subprocess(PyObject* module, PyObject* subprocess, PyObjec
     if (!call_args) return nullptr;
     Ref result = Ref::steal(PyObject_Call(run, call_args.get(), kwargs.get()));
     if (!result) {
-        PyObject *type, *value, *traceback;
-        PyErr_Fetch(&type, &value, &traceback);
-        Ref pending[3] = {Ref::steal(type), Ref::steal(value), Ref::steal(traceback)};
+        Ref pending = Ref::steal(PyErr_GetRaisedException());
         // A failing lookup replaces the pending error, as a failing except clause does.
         Ref expired = Ref::steal(PyObject_GetAttrString(subprocess, "TimeoutExpired"));
         if (!expired) return nullptr;
-        if (PyErr_GivenExceptionMatches(pending[0].get(), expired.get())) return timed_out(module, args, timeout);
-        if (PyErr_GivenExceptionMatches(pending[0].get(), PyExc_FileNotFoundError)) return not_found(module, args);
-        PyErr_Restore(pending[0].release(), pending[1].release(), pending[2].release());
+        if (PyErr_GivenExceptionMatches(pending.get(), expired.get())) return timed_out(module, args, timeout);
+        if (PyErr_GivenExceptionMatches(pending.get(), PyExc_FileNotFoundError)) return not_found(module, args);
+        PyErr_SetRaisedException(pending.release());
         return nullptr;
     }
     Ref code = Ref::steal(PyObject_GetAttrString(result.get(), "returncode"));
@@ -195,10 +193,12 @@ bool plain_timeout(PyObject* timeout, double& seconds) {
 bool environ_path(PyObject* get_exec_path, std::string& out) {
     if (!PyFunction_Check(get_exec_path)) return false;
     PyObject* os_dict = PyFunction_GET_GLOBALS(get_exec_path);
-    Ref environ_obj = Ref::borrow(PyDict_GetItemString(os_dict, "environ"));
-    PyObject* environ_type = PyDict_GetItemString(os_dict, "_Environ");
-    if (!environ_obj || !environ_type || reinterpret_cast<PyObject*>(Py_TYPE(environ_obj.get())) != environ_type)
+    Ref environ_obj, environ_type;
+    if (dict_get(os_dict, "environ", environ_obj) <= 0 || dict_get(os_dict, "_Environ", environ_type) <= 0 ||
+        reinterpret_cast<PyObject*>(Py_TYPE(environ_obj.get())) != environ_type.get()) {
+        PyErr_Clear();
         return false;
+    }
     Ref data = Ref::steal(PyObject_GetAttrString(environ_obj.get(), "_data"));
     if (!data || !PyDict_CheckExact(data.get())) {
         PyErr_Clear();
@@ -209,12 +209,12 @@ bool environ_path(PyObject* get_exec_path, std::string& out) {
         PyErr_Clear();
         return false;
     }
-    PyObject* value = PyDict_GetItemWithError(data.get(), key.get());
-    if (!value || !PyBytes_CheckExact(value)) {
+    Ref value;
+    if (dict_get(data.get(), key.get(), value) <= 0 || !PyBytes_CheckExact(value.get())) {
         PyErr_Clear();
         return false;
     }
-    out.assign(PyBytes_AS_STRING(value), static_cast<std::size_t>(PyBytes_GET_SIZE(value)));
+    out.assign(PyBytes_AS_STRING(value.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(value.get())));
     return true;
 }
 
@@ -461,6 +461,18 @@ bool unpack_git_result(PyObject* value, Ref out[3]) {
     }
     Ref extra = Ref::steal(PyIter_Next(iter.get()));
     if (extra) {
+#if PY_VERSION_HEX >= 0x030E0000
+        // From 3.14 the interpreter also says how many there were when the
+        // value is an exact list, tuple or dict and knows its length.
+        Py_ssize_t got = 0;
+        if (PyDict_CheckExact(value)) got = PyDict_Size(value);
+        else if (PyList_CheckExact(value)) got = PyList_GET_SIZE(value);
+        else if (PyTuple_CheckExact(value)) got = PyTuple_GET_SIZE(value);
+        if (got > 3) {
+            PyErr_Format(PyExc_ValueError, "too many values to unpack (expected 3, got %zd)", got);
+            return false;
+        }
+#endif
         PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
         return false;
     }

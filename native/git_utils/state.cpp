@@ -7,12 +7,16 @@ ModuleState* state_of(PyObject* module) { return static_cast<ModuleState*>(PyMod
 Ref lookup(PyObject* module, Name name) {
     ModuleState* st = state_of(module);
     PyObject* key = st->names[index(name)];
-    PyObject* found = PyDict_GetItemWithError(PyModule_GetDict(module), key);
-    if (found == nullptr) {
-        if (!PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", key);
-        return Ref();
-    }
-    return Ref::borrow(found);
+    Ref found;
+    if (dict_get(PyModule_GetDict(module), key, found) == 0)
+        PyErr_Format(PyExc_NameError, "name '%U' is not defined", key);
+    return found;
+}
+
+Ref namespace_copy(PyObject* module) {
+    Ref globals = Ref::steal(PyDict_Copy(PyModule_GetDict(module)));
+    if (!globals || PyDict_SetItemString(globals.get(), "__builtins__", state_of(module)->builtins) < 0) return Ref();
+    return globals;
 }
 
 int traverse_state(ModuleState* st, visitproc visit, void* arg) {
@@ -21,6 +25,7 @@ int traverse_state(ModuleState* st, visitproc visit, void* arg) {
     for (PyObject* o : st->originals) Py_VISIT(o);
     Py_VISIT(st->subprocess_run);
     Py_VISIT(st->os_get_exec_path);
+    Py_VISIT(st->builtins);
     return 0;
 }
 
@@ -31,6 +36,7 @@ void clear_state(ModuleState* st) {
     for (PyObject*& o : st->originals) Py_CLEAR(o);
     Py_CLEAR(st->subprocess_run);
     Py_CLEAR(st->os_get_exec_path);
+    Py_CLEAR(st->builtins);
     Py_CLEAR(st->str_run);
     Py_CLEAR(st->str_strip);
     Py_CLEAR(st->str_debug);

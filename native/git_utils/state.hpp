@@ -18,6 +18,7 @@ struct ModuleState {
     PyObject* originals[kNameCount];  // what loading bound under each name (null: not built)
     PyObject* subprocess_run;         // subprocess.run as bound at load
     PyObject* os_get_exec_path;       // os.get_exec_path, for the PATH search of git
+    PyObject* builtins;               // this interpreter's builtins namespace, for code run at load
     PyObject* str_run;                // interned "run"
     PyObject* str_strip;              // interned "strip"
     PyObject* str_debug;              // interned "debug"
@@ -34,6 +35,10 @@ Ref lookup(PyObject* module, Name name);
 inline bool is_original(const ModuleState* st, Name name, PyObject* found) {
     return found == st->originals[index(name)];
 }
+
+// A copy of the namespace as it stands, with this interpreter's builtins:
+// the globals in which loading runs its bits of Python source.
+Ref namespace_copy(PyObject* module);
 
 int traverse_state(ModuleState* st, visitproc visit, void* arg);
 void clear_state(ModuleState* st);

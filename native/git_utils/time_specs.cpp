@@ -42,13 +42,7 @@ PyObject* guard_failure(PyObject* module, PyObject* since) {
         return refuse(module, since);
     }
     if (!PyErr_ExceptionMatches(PyExc_OverflowError)) return nullptr;
-    PyObject *type, *value, *traceback;
-    PyErr_Fetch(&type, &value, &traceback);
-    PyErr_NormalizeException(&type, &value, &traceback);
-    Ref overflow_type = Ref::steal(type);
-    Ref overflow = Ref::steal(value);
-    Ref overflow_tb = Ref::steal(traceback);
-    if (overflow_tb) PyException_SetTraceback(overflow.get(), overflow_tb.get());
+    Ref overflow = Ref::steal(PyErr_GetRaisedException());
     Ref shown = Ref::steal(PyObject_Repr(since));
     if (!shown) return nullptr;
     Ref message = Ref::steal(PyUnicode_FromFormat("since %U reaches outside the calendar", shown.get()));
