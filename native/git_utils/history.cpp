@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "git_utils/log_line.hpp"
 #include "git_utils/runner.hpp"
 #include "git_utils/state.hpp"
 
@@ -102,13 +103,11 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     const int failed = PyObject_RichCompareBool(code, zero.get(), Py_NE);
     if (failed < 0) return nullptr;
     if (failed) {
-        Ref logger = lookup(module, Name::logger);
         Ref stripped = call_method(err, "strip");
-        if (!logger || !stripped) return nullptr;
-        Ref r = Ref::steal(PyObject_CallMethod(logger.get(), "debug", "sOO",
-                                               "get_authors_for_period: git shortlog failed rc=%s stderr=%s", code,
-                                               stripped.get()));
-        if (!r) return nullptr;
+        if (!stripped ||
+            log_line(module, LogLevel::debug, "get_authors_for_period",
+                     "get_authors_for_period: git shortlog failed rc=%s stderr=%s", {code, stripped.get()}) < 0)
+            return nullptr;
         return PyList_New(0);
     }
     Ref body = call_method(out, "strip");
@@ -155,7 +154,7 @@ PyObject* count_commits(PyObject* module, PyObject* const* a) {
     Ref stripped = stripped_output(module, a[0], args.get(), has_text);
     if (!stripped) return nullptr;
     if (!has_text) return PyLong_FromLong(0);
-    return PyLong_FromUnicodeObject(stripped.get(), 10);
+    return PyNumber_Long(stripped.get());  // int(): str, bytes and bytearray alike
 }
 
 PyObject* commit_before(PyObject* module, PyObject* const* a) {
