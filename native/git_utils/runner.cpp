@@ -362,8 +362,8 @@ PyObject* run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObjec
 #ifndef _WIN32
     double seconds = 0;
     if (is_original(st, Name::subprocess, subprocess.get()) && run.get() == st->subprocess_run &&
-        guard_holds(st->runner_guard) && PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 && PyList_CheckExact(argv.get()) &&
-        plain_timeout(timeout, seconds)) {
+        guard_holds(st->runner_guard) && PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 &&
+        PyList_CheckExact(argv.get()) && plain_timeout(timeout, seconds)) {
         core::SpawnSpec spec;
         const int ready = prepare(st, argv.get(), cwd.get(), spec);
         if (ready < 0) return nullptr;

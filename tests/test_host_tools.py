@@ -1,0 +1,223 @@
+"""The module under a host's own tooling: test doubles, clock and file-system fakes, monitoring wrappers and
+gevent see the same calls, and give the same answers, as with a plain Python module. Each case is checked
+against a few lines of such Python, run under the same tool."""
+
+import datetime as dt
+import inspect
+import logging
+import subprocess
+import sys
+import textwrap
+from pathlib import Path
+from unittest import mock
+
+import pytest
+
+
+def python_find_git_root(start=None):
+    current = (Path.cwd() if start is None else start).absolute()
+    return next((c for c in (current, *current.parents) if (c / ".git").exists()), None)
+
+
+def python_run(root, args):
+    result = subprocess.run(["git", *args], cwd=str(root), capture_output=True, encoding="utf-8", errors="replace",
+                            timeout=30)
+    return result.stdout, result.stderr, result.returncode
+
+
+def test_native_paths_taken_when_nothing_is_replaced(gu, fake_git, tmp_path):
+    """A guard that wrongly rejects the standard library changes no answer, only speed: catch it here."""
+    fake_git("echo out")
+    (tmp_path / ".git").mkdir()
+    called = set()
+    sys.setprofile(lambda frame, event, arg: event == "call" and called.add(frame.f_code.co_name))
+    try:
+        gu.run_git_command(tmp_path, ["x"])
+        gu.find_git_root(tmp_path / "a" / "b")
+    finally:
+        sys.setprofile(None)
+    assert not called & {"run", "communicate", "exists", "stat"}
+
+
+def test_pytest_subprocess_double_answers(gu, fp, tmp_path):
+    fp.register(["git", "rev-parse", "--short", "HEAD"], stdout="abc1234\n", occurrences=2)
+    assert gu.get_head_commit(tmp_path) == "abc1234"
+    assert gu._git_output(tmp_path, ["rev-parse", "--short", "HEAD"]) == "abc1234\n"
+    assert fp.call_count(["git", "rev-parse", "--short", "HEAD"]) == 2
+
+
+def test_mocked_popen_is_called(gu, fake_git, tmp_path):
+    fake_git("echo out")
+    with mock.patch("subprocess.Popen", wraps=subprocess.Popen) as popen:
+        assert gu.run_git_command(tmp_path, ["x"]) == python_run(tmp_path, ["x"]) == ("out\n", "", 0)
+    assert [c.args[0] for c in popen.call_args_list] == [["git", "x"]] * 2
+
+
+REAL_START = Path("/repo/a/b")  # made before any fake file system replaces pathlib's classes
+
+
+def test_pyfakefs_file_system(gu, fs, monkeypatch):
+    fs.create_dir("/repo/.git")
+    fs.create_dir("/repo/a/b")
+    fs.create_file("/repo/a/sub/.git")
+    monkeypatch.chdir("/repo/a")
+    starts = [None, Path("/repo/a/b"), Path("b"), Path("/repo/a/sub/x"), Path("/elsewhere"), REAL_START]
+    assert [gu.find_git_root(s) for s in starts] == [python_find_git_root(s) for s in starts]
+    assert gu.find_git_root(Path("b")) == Path("/repo")
+    assert gu.find_repo_root() == Path("/repo")
+
+
+@pytest.mark.parametrize("spec", ["7d", "30m", "2w"])
+def test_time_machine_clock(gu, spec):
+    time_machine = pytest.importorskip("time_machine")
+    units = {"m": "minutes", "d": "days", "w": "weeks"}
+    with time_machine.travel(dt.datetime(2020, 6, 15, 12, 0), tick=False):
+        expected = dt.datetime.now() - dt.timedelta(**{units[spec[-1]]: int(spec[:-1])})
+        assert gu.parse_time_spec(spec) == expected
+    assert expected.year == 2020
+
+
+@pytest.mark.parametrize(
+    "query, reply, expected",
+    [
+        ("count_commits", b"3\n", 3),
+        ("count_commits", bytearray(b" 4 \n"), 4),
+        ("count_commits", b" \n", 0),
+        ("count_commits", b"x\n", ValueError("invalid literal for int() with base 10: b'x'")),
+        ("count_commits", 7, AttributeError("'int' object has no attribute 'strip'")),
+        ("commit_before", b"abc\n", b"abc"),
+        ("commit_before", bytearray(b"def\n"), bytearray(b"def")),
+        ("commit_before", b"\n", None),
+    ],
+)
+def test_strict_queries_read_a_replaced_runner_as_python(gu, stand_in, tmp_path, query, reply, expected):
+    stand_in("_git_output", reply)
+    args = ("main", "feature") if query == "count_commits" else ("main", dt.datetime(2024, 1, 2))
+    if isinstance(expected, Exception):
+        with pytest.raises(type(expected)) as raised:
+            getattr(gu, query)(tmp_path, *args)
+        assert str(raised.value) == str(expected)
+    else:
+        assert getattr(gu, query)(tmp_path, *args) == expected
+
+
+class CountingLogger(logging.Logger):
+    """A host's logger class: it must get the plain calls."""
+
+    def debug(self, *args, **kwargs):
+        self.calls.append(args)
+
+
+class Records(logging.Handler):
+    def __init__(self):
+        super().__init__()
+        self.records = []
+
+    def emit(self, record):
+        self.records.append(record)
+
+
+@pytest.mark.parametrize("logger_kind", ["standard", "filtered", "disabled", "host class"])
+def test_log_records_name_the_module_function(gu, fake_git, tmp_path, monkeypatch, request, logger_kind):
+    fake_git("echo no >&2; exit 1")
+    handler = Records()
+    gu.logger.addHandler(handler)
+    gu.logger.setLevel(logging.DEBUG)
+    request.addfinalizer(lambda: (gu.logger.removeHandler(handler), gu.logger.setLevel(logging.NOTSET),
+                                  logging.disable(logging.NOTSET)))
+    if logger_kind == "filtered":
+        monkeypatch.setattr(gu.logger, "filters", [lambda record: record.funcName != "run_git_command"])
+    elif logger_kind == "disabled":
+        logging.disable(logging.DEBUG)
+    elif logger_kind == "host class":
+        host = CountingLogger(gu.__name__)
+        host.calls = []
+        monkeypatch.setattr(gu, "logger", host)
+    gu.get_authors_for_period(tmp_path, "1d")
+    lines = [(r.funcName, r.module, r.pathname, r.lineno) for r in handler.records]
+    expected = {"standard": ["run_git_command", "get_authors_for_period"], "filtered": ["get_authors_for_period"]}
+    assert lines == [(f, "git_utils", gu.__file__, 0) for f in expected.get(logger_kind, [])]
+    if logger_kind == "host class":
+        assert [c[0] for c in host.calls] == ["git command failed: args=%s rc=%s stderr=%s",
+                                              "get_authors_for_period: git shortlog failed rc=%s stderr=%s"]
+
+
+# Patches made before the import, in a fresh interpreter: each script asserts what it needs.
+FRESH = {
+    "subprocess.run wrapped": """
+        import functools, subprocess
+        calls = []
+        real = subprocess.run
+        @functools.wraps(real)
+        def run(*args, **kwargs):
+            calls.append(args[0])
+            return real(*args, **kwargs)
+        subprocess.run = run
+        from morvane_tessary.utils import git_utils as gu
+        assert gu.run_git_command(ROOT, ["x"]) == ("out\\n", "", 0)
+        assert calls == [["git", "x"]], calls
+    """,
+    "sentry-sdk offline": """
+        import sys, sentry_sdk
+        sentry_sdk.init()
+        from morvane_tessary.utils import git_utils as gu
+        def wrapper_calls(call):
+            seen = []
+            sys.setprofile(lambda frame, event, arg: event == "call" and "sentry_patched" in frame.f_code.co_name
+                           and seen.append(frame.f_code.co_name))
+            try:
+                result = call()
+            finally:
+                sys.setprofile(None)
+            return result, sorted(seen)
+        module = wrapper_calls(lambda: gu.run_git_command(ROOT, ["x"]))
+        python = wrapper_calls(lambda: python_run(ROOT, ["x"]))
+        assert module == python and len(module[1]) >= 3, (module, python)
+    """,
+    "time-machine travelling": """
+        import datetime as dt, time_machine
+        with time_machine.travel(dt.datetime(2020, 6, 15, 12, 0), tick=False):
+            from morvane_tessary.utils import git_utils as gu
+            assert gu.parse_time_spec("7d") == dt.datetime.now() - dt.timedelta(days=7)
+        assert gu.parse_time_spec("7d").year > 2020
+    """,
+    "pyfakefs active": """
+        from pyfakefs.fake_filesystem_unittest import Patcher
+        with Patcher() as patcher:
+            patcher.fs.create_dir("/repo/.git")
+            patcher.fs.create_dir("/repo/a")
+            from morvane_tessary.utils import git_utils as gu
+            from pathlib import Path
+            assert gu.find_git_root(Path("/repo/a")) == Path("/repo") == python_find_git_root(Path("/repo/a"))
+    """,
+    "gevent monkey-patched": """
+        from gevent import monkey
+        monkey.patch_all()
+        import gevent
+        from morvane_tessary.utils import git_utils as gu
+        ticks = []
+        def tick():
+            while True:
+                ticks.append(1)
+                gevent.sleep(0.05)
+        ticker = gevent.spawn(tick)
+        gevent.sleep(0)
+        assert gu.run_git_command(ROOT, ["x"]) == ("out\\n", "", 0)
+        ticker.kill()
+        assert len(ticks) >= 10, len(ticks)  # about 20 in the second git sleeps; 1 if the loop is blocked
+    """,
+}
+
+
+@pytest.mark.parametrize("case", FRESH)
+def test_patched_before_import(fake_git, tmp_path, case):
+    fake_git("sleep 1; echo out" if case.startswith("gevent") else "echo out")
+    helpers = textwrap.dedent("""
+        import subprocess
+        from pathlib import Path
+        ROOT = Path({root!r})
+    """).format(root=str(tmp_path))
+    source = "\n".join([helpers, inspect.getsource(python_find_git_root), inspect.getsource(python_run),
+                        textwrap.dedent(FRESH[case])])
+    child = subprocess.run([sys.executable, "-c", source], capture_output=True, text=True, timeout=60)
+    assert child.returncode == 0, child.stderr
