@@ -88,11 +88,14 @@ def test_time_machine_clock(gu, spec):
         ("commit_before", b"abc\n", b"abc"),
         ("commit_before", bytearray(b"def\n"), bytearray(b"def")),
         ("commit_before", b"\n", None),
+        ("get_authors_for_period", (b" 3\tA <a@x>\n", "", 0), TypeError("a bytes-like object is required, not 'str'")),
     ],
 )
-def test_strict_queries_read_a_replaced_runner_as_python(gu, stand_in, tmp_path, query, reply, expected):
-    stand_in("_git_output", reply)
-    args = ("main", "feature") if query == "count_commits" else ("main", dt.datetime(2024, 1, 2))
+def test_queries_read_a_replaced_runner_as_python(gu, stand_in, tmp_path, query, reply, expected):
+    runner, args = {"count_commits": ("_git_output", ("main", "feature")),
+                    "commit_before": ("_git_output", ("main", dt.datetime(2024, 1, 2))),
+                    "get_authors_for_period": ("run_git_command", ("1d",))}[query]
+    stand_in(runner, reply)
     if isinstance(expected, Exception):
         with pytest.raises(type(expected)) as raised:
             getattr(gu, query)(tmp_path, *args)

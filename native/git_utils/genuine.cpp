@@ -6,9 +6,14 @@
 namespace gu {
 namespace {
 
-// The dict behind a class: what its attribute lookups search.
-PyObject* class_dict_of(PyObject* type) {
-    return reinterpret_cast<PyTypeObject*>(type)->tp_dict;
+// The dict behind a class, what its attribute lookups search (a new
+// reference). The class keeps it alive as long as the guard keeps the class.
+Ref class_dict_of(PyObject* type) {
+#if PY_VERSION_HEX >= 0x030C0000
+    return Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(type)));
+#else
+    return Ref::borrow(reinterpret_cast<PyTypeObject*>(type)->tp_dict);
+#endif
 }
 
 // Reading a class's __annotations__ stores an empty dict in the class on some
@@ -124,11 +129,20 @@ void GuardBuilder::entry(PyObject* dict, const char* key, PyObject* value) {
     if (append_all(entries_.get(), {dict, name.get(), found}) < 0) failed_ = true;
 }
 
+void GuardBuilder::entry_in_class(PyObject* type, const char* key, PyObject* value) {
+    if (failed_ || !genuine_) return;
+    if (!PyType_Check(type)) return reject();
+    Ref dict = class_dict_of(type);
+    entry(dict.get(), key, value);
+}
+
 void GuardBuilder::class_dict(PyObject* type) {
     if (failed_ || !genuine_) return;
-    if (!PyType_Check(type) || class_dict_of(type) == nullptr) return reject();
-    Ref snapshot = snapshot_of(class_dict_of(type));
-    if (!snapshot || append_all(dicts_.get(), {class_dict_of(type), snapshot.get()}) < 0) failed_ = true;
+    if (!PyType_Check(type)) return reject();
+    Ref dict = class_dict_of(type);
+    if (!dict) return reject();
+    Ref snapshot = snapshot_of(dict.get());
+    if (!snapshot || append_all(dicts_.get(), {dict.get(), snapshot.get()}) < 0) failed_ = true;
 }
 
 void GuardBuilder::empty_dict(PyObject* dict) {
@@ -149,16 +163,19 @@ void GuardBuilder::genuine_function(PyObject* f, PyObject* files) {
 void GuardBuilder::genuine_class(PyObject* type, PyObject* files) {
     if (failed_ || !genuine_) return;
     if (!PyType_Check(type)) return reject();
-    PyObject* mro = reinterpret_cast<PyTypeObject*>(type)->tp_mro;
-    if (mro == nullptr || !PyTuple_Check(mro)) return reject();
-    for (Py_ssize_t m = 0; m < PyTuple_GET_SIZE(mro); ++m) {
-        PyObject* base = PyTuple_GET_ITEM(mro, m);
+    Ref mro = Ref::steal(PyObject_GetAttrString(type, "__mro__"));
+    if (!mro || !PyTuple_Check(mro.get())) {
+        PyErr_Clear();
+        return reject();
+    }
+    for (Py_ssize_t m = 0; m < PyTuple_GET_SIZE(mro.get()); ++m) {
+        PyObject* base = PyTuple_GET_ITEM(mro.get(), m);
         if (base == reinterpret_cast<PyObject*>(&PyBaseObject_Type)) continue;
-        PyObject* dict = class_dict_of(base);
-        if (dict == nullptr) return reject();
+        Ref dict = class_dict_of(base);
+        if (!dict) return reject();
         Py_ssize_t pos = 0;
         PyObject *key, *value;
-        while (PyDict_Next(dict, &pos, &key, &value)) {
+        while (PyDict_Next(dict.get(), &pos, &key, &value)) {
             // Look through classmethod, staticmethod and property to the functions they hold.
             Ref inner[3];
             if (PyObject_TypeCheck(value, &PyClassMethod_Type) || PyObject_TypeCheck(value, &PyStaticMethod_Type)) {

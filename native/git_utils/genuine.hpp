@@ -33,6 +33,8 @@ public:
     GuardBuilder();
     // dict[key] must stay `value`; `value` null means "whatever dict[key] is now".
     void entry(PyObject* dict, const char* key, PyObject* value = nullptr);
+    // The same for an entry of a class's own dict.
+    void entry_in_class(PyObject* type, const char* key, PyObject* value);
     // The class's own dict must keep every entry it has now.
     void class_dict(PyObject* type);
     // `dict` (an instance's) must stay empty.

@@ -518,7 +518,7 @@ void stat_route(GuardBuilder& guard, PyObject* plain, bool from_3_14) {
             return guard.reject();
         }
         guard.class_dict(accessor_type);
-        guard.entry(reinterpret_cast<PyTypeObject*>(accessor_type)->tp_dict, "stat", stat.get());
+        guard.entry_in_class(accessor_type, "stat", stat.get());
         guard.empty_dict(instance_dict.get());
         return;
     }
