@@ -176,6 +176,14 @@ FRESH = {
         module = wrapper_calls(lambda: gu.run_git_command(ROOT, ["x"]))
         python = wrapper_calls(lambda: python_run(ROOT, ["x"]))
         assert module == python and len(module[1]) >= 3, (module, python)
+        import logging  # sentry-sdk wraps Logger.callHandlers: records still name the module's function
+        records = []
+        handler = logging.Handler()
+        handler.emit = records.append
+        gu.logger.addHandler(handler)
+        gu.logger.setLevel(logging.DEBUG)
+        gu.run_git_command(ROOT, ["fail"])
+        assert [r.funcName for r in records] == ["run_git_command"], records
     """,
     "time-machine travelling": """
         import datetime as dt, time_machine
@@ -214,7 +222,7 @@ FRESH = {
 
 @pytest.mark.parametrize("case", FRESH)
 def test_patched_before_import(fake_git, tmp_path, case):
-    fake_git("sleep 1; echo out" if case.startswith("gevent") else "echo out")
+    fake_git(("sleep 1; " if case.startswith("gevent") else "") + '[ "$1" = fail ] && exit 3; echo out')
     helpers = textwrap.dedent("""
         import subprocess
         from pathlib import Path

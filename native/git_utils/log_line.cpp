@@ -9,9 +9,9 @@
 namespace gu {
 namespace {
 
-// What Logger.debug/warning run inside the logger on the way to the record;
-// the record path takes their place, so neither the class nor the instance
-// may have replaced them.
+// What Logger.debug/warning run inside the logger on the way to the record
+// (all defined in Logger itself); the record path takes their place, so
+// neither the class nor the instance may have replaced them.
 constexpr const char* kReplacedMethods[] = {"debug", "warning", "_log", "findCaller"};
 // What the record path still calls through the logger, as those would.
 constexpr const char* kCalledMethods[] = {"isEnabledFor", "makeRecord", "handle"};
@@ -114,23 +114,33 @@ int record_logging_originals(PyObject* module) {
     ModuleState* st = state_of(module);
     PyObject* logging = st->originals[index(Name::logging)];
     if (!PyModule_Check(logging)) return 0;
-    PyObject* logger_class = PyDict_GetItemString(PyModule_GetDict(logging), "Logger");
-    if (logger_class == nullptr || !PyType_Check(logger_class)) return 0;
+    Ref logger_class = Ref::borrow(PyDict_GetItemString(PyModule_GetDict(logging), "Logger"));
+    if (!logger_class || !PyType_Check(logger_class.get())) return 0;
     Ref files = module_files("logging");
     if (!files) return -1;
+    // Only what the record path takes the place of must be logging's own; a
+    // host's wrapper elsewhere (sentry-sdk wraps callHandlers) still runs,
+    // through logger.handle.
     GuardBuilder guard;
-    guard.genuine_class(logger_class, files.get());
-    auto require = [&](const char* name) {
-        Ref method = Ref::steal(PyObject_GetAttrString(logger_class, name));
+    for (const char* name : kReplacedMethods) {
+        Ref method = Ref::steal(PyObject_GetAttrString(logger_class.get(), name));
+        if (!method) {
+            PyErr_Clear();
+            guard.reject();
+            break;
+        }
+        guard.entry_in_class(logger_class.get(), name, method.get());
+        guard.genuine_function(method.get(), files.get());
+    }
+    for (const char* name : kCalledMethods) {
+        Ref method = Ref::steal(PyObject_GetAttrString(logger_class.get(), name));
         if (!method) {
             PyErr_Clear();
             guard.reject();
         }
-    };
-    for (const char* name : kReplacedMethods) require(name);
-    for (const char* name : kCalledMethods) require(name);
+    }
     if (guard.finish(st->logger_guard) < 0) return -1;
-    if (st->logger_guard.entries != nullptr) st->logger_class = Ref::borrow(logger_class).release();
+    if (st->logger_guard.entries != nullptr) st->logger_class = logger_class.release();
     return 0;
 }
 
