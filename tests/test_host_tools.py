@@ -67,14 +67,12 @@ def test_pyfakefs_file_system(gu, fs, monkeypatch):
     assert gu.find_repo_root() == Path("/repo")
 
 
-@pytest.mark.parametrize("spec", ["7d", "30m", "2w"])
-def test_time_machine_clock(gu, spec):
-    time_machine = pytest.importorskip("time_machine")
-    units = {"m": "minutes", "d": "days", "w": "weeks"}
+def test_time_machine_clock(gu):
+    import time_machine
+
     with time_machine.travel(dt.datetime(2020, 6, 15, 12, 0), tick=False):
-        expected = dt.datetime.now() - dt.timedelta(**{units[spec[-1]]: int(spec[:-1])})
-        assert gu.parse_time_spec(spec) == expected
-    assert expected.year == 2020
+        assert gu.parse_time_spec("7d") == dt.datetime.now() - dt.timedelta(days=7)
+    assert gu.parse_time_spec("7d").year > 2020
 
 
 @pytest.mark.parametrize(
@@ -107,23 +105,18 @@ def test_queries_read_a_replaced_runner_as_python(gu, stand_in, tmp_path, query,
 class CountingLogger(logging.Logger):
     """A host's logger class: it must get the plain calls."""
 
-    def debug(self, *args, **kwargs):
+    def debug(self, *args):
         self.calls.append(args)
 
-
-class Records(logging.Handler):
-    def __init__(self):
-        super().__init__()
-        self.records = []
-
-    def emit(self, record):
-        self.records.append(record)
+    warning = debug
 
 
 @pytest.mark.parametrize("logger_kind", ["standard", "filtered", "disabled", "host class"])
-def test_log_records_name_the_module_function(gu, fake_git, tmp_path, monkeypatch, request, logger_kind):
-    fake_git("echo no >&2; exit 1")
-    handler = Records()
+def test_log_records_name_the_module_function(gu, tmp_path, monkeypatch, request, logger_kind):
+    monkeypatch.setenv("PATH", str(tmp_path / "nowhere"))  # a warning from the runner, a debug line from the query
+    records = []
+    handler = logging.Handler()
+    handler.emit = records.append
     gu.logger.addHandler(handler)
     gu.logger.setLevel(logging.DEBUG)
     request.addfinalizer(lambda: (gu.logger.removeHandler(handler), gu.logger.setLevel(logging.NOTSET),
@@ -137,11 +130,13 @@ def test_log_records_name_the_module_function(gu, fake_git, tmp_path, monkeypatc
         host.calls = []
         monkeypatch.setattr(gu, "logger", host)
     gu.get_authors_for_period(tmp_path, "1d")
-    lines = [(r.funcName, r.module, r.pathname, r.lineno) for r in handler.records]
-    expected = {"standard": ["run_git_command", "get_authors_for_period"], "filtered": ["get_authors_for_period"]}
-    assert lines == [(f, "git_utils", gu.__file__, 0) for f in expected.get(logger_kind, [])]
+    lines = [(r.levelname, r.funcName, r.module, r.pathname, r.lineno) for r in records]
+    expected = {"standard": [("WARNING", "run_git_command"), ("DEBUG", "get_authors_for_period")],
+                "filtered": [("DEBUG", "get_authors_for_period")],
+                "disabled": [("WARNING", "run_git_command")]}.get(logger_kind, [])
+    assert lines == [(level, f, "git_utils", gu.__file__, 0) for level, f in expected]
     if logger_kind == "host class":
-        assert [c[0] for c in host.calls] == ["git command failed: args=%s rc=%s stderr=%s",
+        assert [c[0] for c in host.calls] == ["git executable not found while running args=%s",
                                               "get_authors_for_period: git shortlog failed rc=%s stderr=%s"]
 
 
