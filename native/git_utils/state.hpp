@@ -27,7 +27,7 @@ struct ModuleState {
     PyCFunction datetime_now_impl;    // the C function behind it at load
     void* datetime_api;               // the datetime C API, imported at load
     PyObject* logger_class;           // logging.Logger at load, if genuine
-    Guard logger_guard;               // its methods that a log call runs
+    Guard logger_guard;               // the Logger methods a record made natively replaces
     PyObject* str_is_enabled_for;     // interned "isEnabledFor"
     PyObject* str_make_record;        // interned "makeRecord"
     PyObject* str_handle;             // interned "handle"
