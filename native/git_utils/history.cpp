@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "git_utils/log_line.hpp"
 #include "git_utils/revisions.hpp"
 #include "git_utils/runner.hpp"
 #include "git_utils/state.hpp"
@@ -34,6 +35,10 @@ Ref author_entry(PyObject* raw_line, bool& failed) {
     failed = true;
     Ref line = call_method(raw_line, "strip");
     if (!line) return Ref();
+    if (!PyUnicode_Check(line.get())) {
+        PyErr_Format(PyExc_TypeError, "strip() gave %.200s, not str", Py_TYPE(line.get())->tp_name);
+        return Ref();
+    }
     const Py_ssize_t length = PyUnicode_GET_LENGTH(line.get());
     const Py_ssize_t tab = PyUnicode_FindChar(line.get(), '\t', 0, length, 1);
     if (tab == -2) return Ref();
@@ -103,23 +108,32 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     const int failed = PyObject_RichCompareBool(code, zero.get(), Py_NE);
     if (failed < 0) return nullptr;
     if (failed) {
-        Ref logger = lookup(module, Name::logger);
         Ref stripped = call_method(err, "strip");
-        if (!logger || !stripped) return nullptr;
-        Ref r = Ref::steal(PyObject_CallMethod(logger.get(), "debug", "sOO",
-                                               "get_authors_for_period: git shortlog failed rc=%s stderr=%s", code,
-                                               stripped.get()));
-        if (!r) return nullptr;
+        if (!stripped ||
+            log_line(module, LogLevel::debug, "get_authors_for_period",
+                     "get_authors_for_period: git shortlog failed rc=%s stderr=%s", {code, stripped.get()}) < 0)
+            return nullptr;
         return PyList_New(0);
     }
     Ref body = call_method(out, "strip");
     Ref newline = text("\n");
     if (!body || !newline) return nullptr;
-    Ref lines = Ref::steal(PyUnicode_Split(body.get(), newline.get(), -1));
+    // A replaced runner's stdout that is not a str (bytes, say) splits, or
+    // fails to, as the object's own split does.
+    Ref lines = PyUnicode_CheckExact(body.get()) ? Ref::steal(PyUnicode_Split(body.get(), newline.get(), -1))
+                                            : Ref::steal(PyObject_CallMethod(body.get(), "split", "O", newline.get()));
+    if (lines && !PyList_Check(lines.get())) {
+        PyErr_Format(PyExc_TypeError, "split() gave %.200s, not a list of str", Py_TYPE(lines.get())->tp_name);
+        return nullptr;
+    }
     Ref authors = Ref::steal(PyList_New(0));
     if (!lines || !authors) return nullptr;
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(lines.get()); ++i) {
         PyObject* line = PyList_GET_ITEM(lines.get(), i);
+        if (!PyUnicode_Check(line)) {
+            PyErr_Format(PyExc_TypeError, "split() gave a %.200s line, not str", Py_TYPE(line)->tp_name);
+            return nullptr;
+        }
         if (PyUnicode_GET_LENGTH(line) == 0) continue;
         bool entry_failed = false;
         Ref entry = author_entry(line, entry_failed);
@@ -157,7 +171,7 @@ PyObject* count_commits(PyObject* module, PyObject* const* a) {
     Ref stripped = stripped_output(module, a[0], args.get(), has_text);
     if (!stripped) return nullptr;
     if (!has_text) return PyLong_FromLong(0);
-    return PyLong_FromUnicodeObject(stripped.get(), 10);
+    return PyNumber_Long(stripped.get());  // int(): str, bytes and bytearray alike
 }
 
 PyObject* commit_before(PyObject* module, PyObject* const* a) {

@@ -2,6 +2,8 @@
 // and the commit at a moment.
 #pragma once
 
+#include <Python.h>
+
 #include "git_utils/function.hpp"
 
 namespace gu {
@@ -10,5 +12,9 @@ extern const FunctionDef kParseTimeSpec;
 extern const FunctionDef kGetAuthorsForPeriod;
 extern const FunctionDef kCountCommits;
 extern const FunctionDef kCommitBefore;
+
+// At load: the datetime C API, and datetime.now as the original clock when it
+// is datetime's own C function.
+int record_clock_originals(PyObject* module);
 
 }  // namespace gu

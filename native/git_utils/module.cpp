@@ -8,6 +8,7 @@
 #include "git_utils/changes.hpp"
 #include "git_utils/function.hpp"
 #include "git_utils/history.hpp"
+#include "git_utils/log_line.hpp"
 #include "git_utils/names.hpp"
 #include "git_utils/records.hpp"
 #include "git_utils/ref.hpp"
@@ -177,7 +178,12 @@ int init_state(PyObject* module) {
     st->str_strip = PyUnicode_InternFromString("strip");
     st->str_debug = PyUnicode_InternFromString("debug");
     st->str_warning = PyUnicode_InternFromString("warning");
-    if (!st->str_run || !st->str_strip || !st->str_debug || !st->str_warning) return -1;
+    st->str_is_enabled_for = PyUnicode_InternFromString("isEnabledFor");
+    st->str_make_record = PyUnicode_InternFromString("makeRecord");
+    st->str_handle = PyUnicode_InternFromString("handle");
+    if (!st->str_run || !st->str_strip || !st->str_debug || !st->str_warning || !st->str_is_enabled_for ||
+        !st->str_make_record || !st->str_handle)
+        return -1;
     Ref type = create_function_type(module);
     if (!type) return -1;
     st->function_type = type.release();
@@ -193,14 +199,12 @@ int init_state(PyObject* module) {
 
 int exec_module(PyObject* module) {
     if (init_state(module) < 0) return -1;
-    ModuleState* st = state_of(module);
-    for (const Entry& entry : kNamespace) {
+    for (const Entry& entry : kNamespace)
         if (add_entry(module, entry) < 0) return -1;
-        if (entry.name == Name::subprocess) {
-            st->subprocess_run = PyObject_GetAttr(st->originals[index(Name::subprocess)], st->str_run);
-            if (st->subprocess_run == nullptr) return -1;
-        }
-    }
+    // What the native paths stand in for, if genuine now.
+    if (record_runner_originals(module) < 0 || record_discovery_originals(module) < 0 ||
+        record_clock_originals(module) < 0 || record_logging_originals(module) < 0)
+        return -1;
     return 0;
 }
 

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #endif
 
+#include "git_utils/genuine.hpp"
 #include "git_utils/runner.hpp"
 #include "git_utils/state.hpp"
 
@@ -167,40 +168,22 @@ PyObject* sanitize_object(PyObject* branch) {
 // ---------------------------------------------------------------------------
 // Paths
 
-// Whether `obj` is exactly pathlib's concrete path class of this system, as
-// loaded with the module's Path: for it, the native shortcuts give what its
-// methods give. 1, 0, or -1 with an exception.
-int is_plain_path(PyObject* module, PyObject* obj) {
-#ifdef _WIN32
-    (void)module;
-    (void)obj;
-    return 0;
-#else
-    PyObject* original = state_of(module)->originals[index(Name::Path)];
-    if (original == nullptr || !PyType_Check(original) ||
-        !PyType_IsSubtype(Py_TYPE(obj), reinterpret_cast<PyTypeObject*>(original)))
-        return 0;
-    Ref name = text("pathlib");
-    if (!name) return -1;
-    Ref pathlib = Ref::steal(PyImport_GetModule(name.get()));
-    if (!pathlib) return PyErr_Occurred() ? -1 : 0;
-    Ref concrete = Ref::steal(PyObject_GetAttrString(pathlib.get(), "PosixPath"));
-    if (!concrete) {
-        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return -1;
-        PyErr_Clear();
-        return 0;
-    }
-    return reinterpret_cast<PyObject*>(Py_TYPE(obj)) == concrete.get() ? 1 : 0;
-#endif
+// Whether `obj` is exactly pathlib's concrete path class of this system as
+// loading found it, with its methods unchanged since: for it, the native
+// shortcuts give what its methods give.
+bool is_plain_path(PyObject* module, PyObject* obj) {
+    const ModuleState* st = state_of(module);
+    return st->plain_path != nullptr && reinterpret_cast<PyObject*>(Py_TYPE(obj)) == st->plain_path &&
+           guard_holds(st->path_guard);
 }
 
 #ifndef _WIN32
 // (candidate / ".git").exists() for a plain path: os.stat of the entry's
-// text, following links, with the answers of the interpreter's pathlib as of
-// 3.10 on every version: false for ENOENT, ENOTDIR, EBADF and ELOOP and for a
-// text the file system can't take; every other error raised with the
-// entry's text as its filename.
-int git_entry_exists_natively(PyObject* candidate) {
+// text, following links. Until 3.13 exists() is false for ENOENT, ENOTDIR,
+// EBADF and ELOOP and for a text the file system can't take, and raises
+// every other error with the entry's text as its filename; from 3.14 on it
+// asks os.path.exists, which is false for every error (`ignore_errors`).
+int git_entry_exists_natively(PyObject* candidate, bool ignore_errors) {
     Ref base = Ref::steal(PyOS_FSPath(candidate));
     if (!base) return -1;
     Ref entry;
@@ -232,19 +215,23 @@ int git_entry_exists_natively(PyObject* candidate) {
     err = errno;
     Py_END_ALLOW_THREADS
     if (rc == 0) return 1;
-    if (err == ENOENT || err == ENOTDIR || err == EBADF || err == ELOOP) return 0;
+    if (ignore_errors || err == ENOENT || err == ENOTDIR || err == EBADF || err == ELOOP) return 0;
     errno = err;
     PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, entry.get());
     return -1;
 }
 #endif
 
-// bool((candidate / ".git").exists())
-int git_entry_exists(PyObject* module, PyObject* candidate) {
-    const int plain = is_plain_path(module, candidate);
-    if (plain < 0) return -1;
+// bool((candidate / ".git").exists()); `native`: the path class and what its
+// exists() reaches are as loading found them.
+int git_entry_exists(PyObject* module, PyObject* candidate, bool native) {
 #ifndef _WIN32
-    if (plain) return git_entry_exists_natively(candidate);
+    const ModuleState* st = state_of(module);
+    if (native && reinterpret_cast<PyObject*>(Py_TYPE(candidate)) == st->plain_path)
+        return git_entry_exists_natively(candidate, st->exists_ignores_errors);
+#else
+    (void)module;
+    (void)native;
 #endif
     Ref name = text(".git");
     if (!name) return -1;
@@ -274,9 +261,13 @@ PyObject* find_git_root(PyObject* module, PyObject* const* a) {
     if (!parents) return nullptr;
     Ref candidates = Ref::steal(PySequence_List(parents.get()));
     if (!candidates || PyList_Insert(candidates.get(), 0, current.get()) < 0) return nullptr;
+    // Checked once: between candidates the native test runs no Python code.
+    const ModuleState* st = state_of(module);
+    const bool native =
+        st->plain_path != nullptr && guard_holds(st->path_guard) && guard_holds(st->stat_guard);
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(candidates.get()); ++i) {
         Ref candidate = Ref::borrow(PyList_GET_ITEM(candidates.get(), i));
-        const int found = git_entry_exists(module, candidate.get());
+        const int found = git_entry_exists(module, candidate.get(), native);
         if (found < 0) return nullptr;
         if (found) return candidate.release();
     }
@@ -331,9 +322,7 @@ PyObject* sanitize_branch_name(PyObject*, PyObject* const* a) {
 }
 
 PyObject* wiki_root(PyObject* module, PyObject* const* a) {
-    const int plain = is_plain_path(module, a[0]);
-    if (plain < 0) return nullptr;
-    return wiki_join(a[0], nullptr, plain != 0);
+    return wiki_join(a[0], nullptr, is_plain_path(module, a[0]));
 }
 
 // wiki_root(repo_root) / sanitize_branch_name(branch), both reached through
@@ -346,8 +335,7 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
     Ref root_function = lookup(module, Name::wiki_root);
     if (!root_function) return nullptr;
     const bool own_root = is_original(st, Name::wiki_root, root_function.get());
-    const int plain = own_root ? is_plain_path(module, repo_root) : 0;
-    if (plain < 0) return nullptr;
+    const bool plain = own_root && is_plain_path(module, repo_root);
     Ref root;
     if (!plain) {
         root = own_root ? Ref::steal(wiki_join(repo_root, nullptr, false))
@@ -362,7 +350,7 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
         return wiki_join(repo_root, name.get(), true);
     }
     if (!root) {
-        root = Ref::steal(wiki_join(repo_root, nullptr, plain != 0));
+        root = Ref::steal(wiki_join(repo_root, nullptr, plain));
         if (!root) return nullptr;
     }
     Ref name = Ref::steal(PyObject_CallOneArg(sanitize.get(), branch));
@@ -506,7 +494,92 @@ PyObject* resolve_commit(PyObject* module, PyObject* const* a) {
     return stripped_output(module, result, true);
 }
 
+#ifndef _WIN32
+// The genuine stat behind the concrete path's exists(), on this version.
+// 3.10: the class's accessor, whose type holds os.stat; 3.11 to 3.13:
+// exists() calls stat(), which calls os.stat through its module's `os`;
+// from 3.14: exists() calls os.path.exists, which calls os.stat.
+void stat_route(GuardBuilder& guard, PyObject* plain, bool from_3_14) {
+    Ref os = Ref::steal(PyImport_ImportModule("os"));
+    Ref posix = Ref::steal(PyImport_ImportModule("posix"));
+    Ref stat = posix ? Ref::steal(PyObject_GetAttrString(posix.get(), "stat")) : Ref();
+    if (!os || !stat) {
+        PyErr_Clear();
+        return guard.reject();
+    }
+    PyObject* os_dict = PyModule_GetDict(os.get());
+    Ref accessor = Ref::steal(PyObject_GetAttrString(plain, "_accessor"));
+    if (!accessor) PyErr_Clear();
+    if (accessor) {
+        PyObject* accessor_type = reinterpret_cast<PyObject*>(Py_TYPE(accessor.get()));
+        Ref instance_dict = Ref::steal(PyObject_GenericGetDict(accessor.get(), nullptr));
+        if (!instance_dict) {
+            PyErr_Clear();
+            return guard.reject();
+        }
+        guard.class_dict(accessor_type);
+        guard.entry_in_class(accessor_type, "stat", stat.get());
+        guard.empty_dict(instance_dict.get());
+        return;
+    }
+    Ref method = Ref::steal(PyObject_GetAttrString(plain, from_3_14 ? "exists" : "stat"));
+    if (!method || !PyFunction_Check(method.get())) {
+        PyErr_Clear();
+        return guard.reject();
+    }
+    guard.entry(PyFunction_GET_GLOBALS(method.get()), "os", os.get());
+    if (from_3_14) {
+        Ref os_path = Ref::steal(PyObject_GetAttrString(os.get(), "path"));
+        if (!os_path || !PyModule_Check(os_path.get())) {
+            PyErr_Clear();
+            return guard.reject();
+        }
+        guard.entry(os_dict, "path", os_path.get());
+        PyObject* exists = PyDict_GetItemString(PyModule_GetDict(os_path.get()), "exists");
+        Ref files = module_files("genericpath");
+        if (!files) return guard.fail();
+        if (!exists || !PyFunction_Check(exists)) return guard.reject();
+        guard.entry(PyModule_GetDict(os_path.get()), "exists", exists);
+        guard.genuine_function(exists, files.get());
+        guard.entry(PyFunction_GET_GLOBALS(exists), "os", os.get());
+    }
+    guard.entry(os_dict, "stat", stat.get());
+}
+#endif
+
 }  // namespace
+
+int record_discovery_originals([[maybe_unused]] PyObject* module) {
+#ifndef _WIN32
+    ModuleState* st = state_of(module);
+    Ref pathlib = Ref::steal(PyImport_ImportModule("pathlib"));
+    if (!pathlib) return -1;
+    Ref plain = Ref::steal(PyObject_GetAttrString(pathlib.get(), "PosixPath"));
+    Ref files = module_files("pathlib");
+    if (!plain || !files) return -1;
+    PyObject* path_class = st->originals[index(Name::Path)];
+    if (!PyType_Check(plain.get()) || !PyType_Check(path_class) ||
+        !PyType_IsSubtype(reinterpret_cast<PyTypeObject*>(plain.get()), reinterpret_cast<PyTypeObject*>(path_class)))
+        return 0;
+    GuardBuilder methods;
+    methods.genuine_class(plain.get(), files.get());
+    if (methods.finish(st->path_guard) < 0) return -1;
+    if (st->path_guard.entries == nullptr) return 0;
+
+    Ref version = Ref::borrow(PySys_GetObject("version_info"));
+    Ref minor = version ? Ref::steal(PySequence_GetItem(version.get(), 1)) : Ref();
+    if (!minor) return -1;
+    const long minor_version = PyLong_AsLong(minor.get());
+    if (minor_version == -1 && PyErr_Occurred()) return -1;
+    st->exists_ignores_errors = minor_version >= 14;
+    GuardBuilder route;
+    stat_route(route, plain.get(), st->exists_ignores_errors);
+    if (!route.ok()) return -1;
+    if (route.finish(st->stat_guard) < 0) return -1;
+    st->plain_path = plain.release();
+#endif
+    return 0;
+}
 
 const FunctionDef kFindGitRoot = {
     Name::find_git_root,

@@ -21,4 +21,8 @@ extern const FunctionDef kGetDefaultBranch;
 extern const FunctionDef kBranchExists;
 extern const FunctionDef kResolveCommit;
 
+// At load: pathlib's concrete path class, its methods and what its exists()
+// reaches for the stat, as the originals when they are the standard library's.
+int record_discovery_originals(PyObject* module);
+
 }  // namespace gu

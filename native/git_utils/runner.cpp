@@ -6,6 +6,8 @@
 #include <string>
 
 #include "core/line_ends.hpp"
+#include "git_utils/genuine.hpp"
+#include "git_utils/log_line.hpp"
 #include "git_utils/state.hpp"
 
 #ifndef _WIN32
@@ -35,24 +37,20 @@ PyObject* substitute(const char* message) {
     return git_triple(empty.get(), msg.get(), one.get()).release();
 }
 
-// logger.<level>(format, *values) through the namespace's logger.
-int log(PyObject* module, PyObject* level, const char* format, PyObject* a, PyObject* b = nullptr,
-        PyObject* c = nullptr) {
-    Ref logger = lookup(module, Name::logger);
-    Ref fmt = text(format);
-    if (!logger || !fmt) return -1;
-    Ref r = Ref::steal(PyObject_CallMethodObjArgs(logger.get(), level, fmt.get(), a, b, c, nullptr));
-    return r ? 0 : -1;
+// logger.<level>(format, *values) through the namespace's logger, as a line
+// of run_git_command.
+int log(PyObject* module, LogLevel level, const char* format, std::initializer_list<PyObject*> values) {
+    return log_line(module, level, "run_git_command", format, values);
 }
 
 PyObject* timed_out(PyObject* module, PyObject* args, PyObject* timeout) {
-    if (log(module, state_of(module)->str_warning, "git command timed out after %ss: args=%s", timeout, args) < 0)
+    if (log(module, LogLevel::warning, "git command timed out after %ss: args=%s", {timeout, args}) < 0)
         return nullptr;
     return substitute("Command timed out");
 }
 
 PyObject* not_found(PyObject* module, PyObject* args) {
-    if (log(module, state_of(module)->str_warning, "git executable not found while running args=%s", args) < 0)
+    if (log(module, LogLevel::warning, "git executable not found while running args=%s", {args}) < 0)
         return nullptr;
     return substitute("git not found");
 }
@@ -61,8 +59,7 @@ PyObject* not_found(PyObject* module, PyObject* args) {
 int log_failure(PyObject* module, PyObject* args, PyObject* code, PyObject* err) {
     Ref stripped = Ref::steal(PyObject_CallMethodNoArgs(err, state_of(module)->str_strip));
     if (!stripped) return -1;
-    return log(module, state_of(module)->str_debug, "git command failed: args=%s rc=%s stderr=%s", args, code,
-               stripped.get());
+    return log(module, LogLevel::debug, "git command failed: args=%s rc=%s stderr=%s", {args, code, stripped.get()});
 }
 
 // What the interpreter names a callable in its call errors: "subprocess.run()".
@@ -365,8 +362,8 @@ PyObject* run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObjec
 #ifndef _WIN32
     double seconds = 0;
     if (is_original(st, Name::subprocess, subprocess.get()) && run.get() == st->subprocess_run &&
-        PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 && PyList_CheckExact(argv.get()) &&
-        plain_timeout(timeout, seconds)) {
+        guard_holds(st->runner_guard) && PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 &&
+        PyList_CheckExact(argv.get()) && plain_timeout(timeout, seconds)) {
         core::SpawnSpec spec;
         const int ready = prepare(st, argv.get(), cwd.get(), spec);
         if (ready < 0) return nullptr;
@@ -435,7 +432,46 @@ Ref call_named(PyObject* module, Name name, PyObject* repo_root, PyObject* args)
     return f ? call_one(f.get(), repo_root, args) : Ref();
 }
 
+// The methods of Popen that subprocess.run reaches on every run.
+constexpr const char* kPopenMethods[] = {"__init__", "__enter__", "__exit__", "communicate", "wait",
+                                         "kill",     "poll",      "_wait",    "_execute_child"};
+
 }  // namespace
+
+int record_runner_originals(PyObject* module) {
+    ModuleState* st = state_of(module);
+    PyObject* subprocess = st->originals[index(Name::subprocess)];
+    if (!PyModule_Check(subprocess)) return 0;
+    Ref file = Ref::steal(PyObject_GetAttrString(subprocess, "__file__"));
+    if (!file) {
+        PyErr_Clear();
+        return 0;
+    }
+    Ref files = Ref::steal(PyTuple_Pack(1, file.get()));
+    if (!files) return -1;
+    PyObject* dict = PyModule_GetDict(subprocess);
+    GuardBuilder guard;
+    guard.entry(dict, "run");
+    guard.entry(dict, "Popen");
+    guard.entry(dict, "PIPE");
+    guard.entry(dict, "TimeoutExpired");
+    guard.entry(dict, "CompletedProcess");
+    PyObject* run = PyDict_GetItemString(dict, "run");
+    PyObject* popen = PyDict_GetItemString(dict, "Popen");
+    if (run == nullptr || popen == nullptr || !PyType_Check(popen)) return 0;
+    guard.genuine_function(run, files.get());
+    guard.genuine_class(popen, files.get());
+    for (const char* name : kPopenMethods) {
+        Ref method = Ref::steal(PyObject_GetAttrString(popen, name));
+        if (!method) {
+            PyErr_Clear();
+            guard.reject();
+        }
+    }
+    if (guard.finish(st->runner_guard) < 0) return -1;
+    if (st->runner_guard.entries != nullptr) st->subprocess_run = Ref::borrow(run).release();
+    return 0;
+}
 
 bool unpack_git_result(PyObject* value, Ref out[3]) {
     if (PyTuple_CheckExact(value) && PyTuple_GET_SIZE(value) == 3) {

@@ -16,6 +16,10 @@ extern const FunctionDef kGitOutput;
 // GitError's documentation text.
 extern const char* const kGitErrorDoc;
 
+// At load: subprocess.run, Popen and the Popen methods run reaches are
+// recorded as the originals when they are the standard library's own.
+int record_runner_originals(PyObject* module);
+
 // For the queries: call what the namespace holds under run_git_command or
 // _git_output now, with two arguments (the default time-out).
 Ref call_run_git_command(PyObject* module, PyObject* repo_root, PyObject* args);

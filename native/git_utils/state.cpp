@@ -1,5 +1,7 @@
 #include "git_utils/state.hpp"
 
+#include <initializer_list>
+
 namespace gu {
 
 ModuleState* state_of(PyObject* module) { return static_cast<ModuleState*>(PyModule_GetState(module)); }
@@ -24,6 +26,11 @@ int traverse_state(ModuleState* st, visitproc visit, void* arg) {
     Py_VISIT(st->module_name);
     for (PyObject* o : st->originals) Py_VISIT(o);
     Py_VISIT(st->subprocess_run);
+    Py_VISIT(st->plain_path);
+    Py_VISIT(st->datetime_now);
+    Py_VISIT(st->logger_class);
+    for (const Guard* g : {&st->runner_guard, &st->path_guard, &st->stat_guard, &st->logger_guard})
+        if (int r = traverse_guard(*g, visit, arg)) return r;
     Py_VISIT(st->os_get_exec_path);
     Py_VISIT(st->builtins);
     return 0;
@@ -35,6 +42,13 @@ void clear_state(ModuleState* st) {
     for (PyObject*& o : st->names) Py_CLEAR(o);
     for (PyObject*& o : st->originals) Py_CLEAR(o);
     Py_CLEAR(st->subprocess_run);
+    Py_CLEAR(st->plain_path);
+    Py_CLEAR(st->datetime_now);
+    Py_CLEAR(st->logger_class);
+    for (Guard* g : {&st->runner_guard, &st->path_guard, &st->stat_guard, &st->logger_guard}) clear_guard(*g);
+    Py_CLEAR(st->str_is_enabled_for);
+    Py_CLEAR(st->str_make_record);
+    Py_CLEAR(st->str_handle);
     Py_CLEAR(st->os_get_exec_path);
     Py_CLEAR(st->builtins);
     Py_CLEAR(st->str_run);

@@ -6,6 +6,7 @@
 
 #include <Python.h>
 
+#include "git_utils/genuine.hpp"
 #include "git_utils/names.hpp"
 #include "git_utils/ref.hpp"
 
@@ -16,7 +17,20 @@ struct ModuleState {
     PyObject* module_name;    // __name__ at load, the __module__ of functions and classes
     PyObject* names[kNameCount];      // interned attribute names
     PyObject* originals[kNameCount];  // what loading bound under each name (null: not built)
-    PyObject* subprocess_run;         // subprocess.run as bound at load
+    PyObject* subprocess_run;         // subprocess.run as bound at load, if genuine
+    Guard runner_guard;               // subprocess's run, Popen and Popen's methods
+    PyObject* plain_path;             // pathlib's concrete path class at load, if genuine
+    Guard path_guard;                 // the methods of that class and its bases
+    Guard stat_guard;                 // what its exists() reaches for the stat
+    bool exists_ignores_errors;       // exists() is false for every OSError (3.14 on)
+    PyObject* datetime_now;           // datetime.now bound at load, if genuine
+    PyCFunction datetime_now_impl;    // the C function behind it at load
+    void* datetime_api;               // the datetime C API, imported at load
+    PyObject* logger_class;           // logging.Logger at load, if genuine
+    Guard logger_guard;               // the Logger methods a record made natively replaces
+    PyObject* str_is_enabled_for;     // interned "isEnabledFor"
+    PyObject* str_make_record;        // interned "makeRecord"
+    PyObject* str_handle;             // interned "handle"
     PyObject* os_get_exec_path;       // os.get_exec_path, for the PATH search of git
     PyObject* builtins;               // this interpreter's builtins namespace, for code run at load
     PyObject* str_run;                // interned "run"

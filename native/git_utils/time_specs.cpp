@@ -7,6 +7,10 @@
 #include <datetime.h>
 #include <time.h>
 
+#ifndef _WIN32
+#include <dlfcn.h>
+#endif
+
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
@@ -172,14 +176,10 @@ Ref count_object(const Relative& rel) {
     return Ref::steal(PyLong_FromString(digits.c_str(), nullptr, 10));
 }
 
-// The datetime C API, imported on first use; null, and no error, when this
-// interpreter's datetime has none (then every moment is built generically).
-const PyDateTime_CAPI* datetime_api() {
-    if (PyDateTimeAPI == nullptr) {
-        PyDateTime_IMPORT;
-        if (PyDateTimeAPI == nullptr) PyErr_Clear();
-    }
-    return PyDateTimeAPI;
+// The datetime C API as loading imported it; null when this interpreter's
+// datetime has none (then every moment is built generically).
+const PyDateTime_CAPI* datetime_api(PyObject* module) {
+    return static_cast<const PyDateTime_CAPI*>(state_of(module)->datetime_api);
 }
 
 // Whether `found`, what the namespace holds under `name`, is the class bound
@@ -188,7 +188,7 @@ const PyDateTime_CAPI* datetime_api() {
 // the class does.
 bool native_class(PyObject* module, Name name, PyObject* found, PyTypeObject* PyDateTime_CAPI::*type) {
     if (!is_original(state_of(module), name, found)) return false;
-    const PyDateTime_CAPI* api = datetime_api();
+    const PyDateTime_CAPI* api = datetime_api(module);
     return api != nullptr && found == reinterpret_cast<PyObject*>(api->*type);
 }
 
@@ -314,6 +314,13 @@ Ref native_local_moment(const core::IsoMoment& m) {
 
 #endif  // _WIN32
 
+// Whether datetime.now still runs the C function loading found behind it: a
+// host's clock double (time-machine) swaps that function in place, so the
+// class stays the same object while now() reads another clock.
+bool genuine_clock(const ModuleState* st) {
+    return st->datetime_now != nullptr && PyCFunction_GetFunction(st->datetime_now) == st->datetime_now_impl;
+}
+
 // now - timedelta(**{_SPEC_UNITS[unit]: count}), or null.
 Ref relative_moment(PyObject* module, const Relative& rel) {
     Ref units = lookup(module, Name::_SPEC_UNITS);
@@ -325,7 +332,8 @@ Ref relative_moment(PyObject* module, const Relative& rel) {
     Ref unit_name = Ref::steal(PyObject_GetItem(units.get(), rel.letter.get()));
     if (!unit_name) return Ref();
 #ifndef _WIN32
-    if (!rel.count && native_datetime(module, datetime.get()) && native_timedelta(module, timedelta.get())) {
+    if (!rel.count && native_datetime(module, datetime.get()) && native_timedelta(module, timedelta.get()) &&
+        genuine_clock(state_of(module))) {
         Ref moment;
         if (native_relative(rel.digits, unit_name.get(), moment)) return moment;
     }
@@ -431,7 +439,44 @@ PyObject* parse_time_spec(PyObject* module, PyObject* const* a) {
     return moment ? moment.release() : guard_failure(module, since);
 }
 
+// Whether two C functions come from the same shared object (or both from
+// the executable).
+bool same_library(const void* a, const void* b) {
+#ifndef _WIN32
+    Dl_info ia{}, ib{};
+    return dladdr(a, &ia) != 0 && dladdr(b, &ib) != 0 && ia.dli_fbase == ib.dli_fbase;
+#else
+    (void)a;
+    (void)b;
+    return true;
+#endif
+}
+
 }  // namespace
+
+int record_clock_originals(PyObject* module) {
+    ModuleState* st = state_of(module);
+    PyDateTime_IMPORT;
+    if (PyDateTimeAPI == nullptr) {
+        PyErr_Clear();
+        return 0;
+    }
+    st->datetime_api = PyDateTimeAPI;
+    PyObject* datetime = st->originals[index(Name::datetime)];
+    if (datetime != reinterpret_cast<PyObject*>(PyDateTimeAPI->DateTimeType)) return 0;
+    Ref now = Ref::steal(PyObject_GetAttrString(datetime, "now"));
+    if (!now) return -1;
+    if (!PyCFunction_Check(now.get())) return 0;
+    // Genuine when the function is datetime's own, not a clock double's
+    // installed before the import.
+    const PyCFunction impl = PyCFunction_GetFunction(now.get());
+    if (!same_library(reinterpret_cast<const void*>(impl),
+                      reinterpret_cast<const void*>(PyDateTimeAPI->DateTime_FromDateAndTime)))
+        return 0;
+    st->datetime_now_impl = impl;
+    st->datetime_now = now.release();
+    return 0;
+}
 
 const FunctionDef kParseTimeSpec = {
     Name::parse_time_spec,

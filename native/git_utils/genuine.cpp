@@ -1,0 +1,258 @@
+#include "git_utils/genuine.hpp"
+
+#include <cstring>
+#include <initializer_list>
+
+namespace gu {
+namespace {
+
+// The dict behind a class, what its attribute lookups search (a new
+// reference). The class keeps it alive as long as the guard keeps the class.
+Ref class_dict_of(PyObject* type) {
+#if PY_VERSION_HEX >= 0x030C0000
+    return Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(type)));
+#else
+    return Ref::borrow(reinterpret_cast<PyTypeObject*>(type)->tp_dict);
+#endif
+}
+
+// Reading a class's __annotations__ stores an empty dict in the class on some
+// versions; that entry changes no method, so the comparison passes over it.
+bool is_annotations_key(PyObject* key) {
+    return PyUnicode_Check(key) && PyUnicode_CompareWithASCIIString(key, "__annotations__") == 0;
+}
+
+bool dict_matches(PyObject* dict, PyObject* snapshot) {
+    const Py_ssize_t n = PyTuple_GET_SIZE(snapshot);
+    Py_ssize_t pos = 0;
+    Py_ssize_t i = 0;
+    PyObject *key, *value;
+    while (PyDict_Next(dict, &pos, &key, &value)) {
+        if (i < n && key == PyTuple_GET_ITEM(snapshot, i) && value == PyTuple_GET_ITEM(snapshot, i + 1))
+            i += 2;
+        else if (!is_annotations_key(key))
+            return false;
+    }
+    return i == n;
+}
+
+Ref snapshot_of(PyObject* dict) {
+    Ref items = Ref::steal(PyTuple_New(2 * PyDict_GET_SIZE(dict)));
+    if (!items) return Ref();
+    Py_ssize_t pos = 0;
+    Py_ssize_t i = 0;
+    PyObject *key, *value;
+    while (PyDict_Next(dict, &pos, &key, &value)) {
+        PyTuple_SET_ITEM(items.get(), i++, Ref::borrow(key).release());
+        PyTuple_SET_ITEM(items.get(), i++, Ref::borrow(value).release());
+    }
+    return items;
+}
+
+int append_all(PyObject* list, std::initializer_list<PyObject*> items) {
+    for (PyObject* item : items)
+        if (PyList_Append(list, item) < 0) return -1;
+    return 0;
+}
+
+// Whether calling `x` runs a __call__ written in Python (a mock, a host's
+// callable object): 1, 0, or -1 with an exception.
+int runs_python_call(PyObject* x) {
+    if (!PyCallable_Check(x)) return 0;
+    Ref call = Ref::steal(PyObject_GetAttrString(reinterpret_cast<PyObject*>(Py_TYPE(x)), "__call__"));
+    if (!call) return -1;
+    return PyFunction_Check(call.get()) ? 1 : 0;
+}
+
+// Whether the function `f` is foreign to `files`. A method that a
+// contextlib decorator made counts as the function it wraps.
+int foreign_function(PyObject* f, PyObject* files) {
+    if (defined_in(f, files)) return 0;
+    if (PyErr_Occurred()) return -1;
+    Ref decorators = module_files("contextlib");
+    if (!decorators) return -1;
+    if (!defined_in(f, decorators.get())) return PyErr_Occurred() ? -1 : 1;
+    Ref wrapped = Ref::steal(PyObject_GetAttrString(f, "__wrapped__"));
+    if (!wrapped) {
+        PyErr_Clear();
+        return 1;
+    }
+    return foreign_function(wrapped.get(), files);
+}
+
+}  // namespace
+
+bool guard_holds(const Guard& guard) {
+    if (guard.entries == nullptr) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(guard.entries); i += 3) {
+        PyObject* found = PyDict_GetItemWithError(PyTuple_GET_ITEM(guard.entries, i),
+                                                  PyTuple_GET_ITEM(guard.entries, i + 1));
+        if (found != PyTuple_GET_ITEM(guard.entries, i + 2)) {
+            PyErr_Clear();
+            return false;
+        }
+    }
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(guard.dicts); i += 2)
+        if (!dict_matches(PyTuple_GET_ITEM(guard.dicts, i), PyTuple_GET_ITEM(guard.dicts, i + 1))) return false;
+    return true;
+}
+
+int traverse_guard(const Guard& guard, visitproc visit, void* arg) {
+    Py_VISIT(guard.entries);
+    Py_VISIT(guard.dicts);
+    return 0;
+}
+
+void clear_guard(Guard& guard) {
+    Py_CLEAR(guard.entries);
+    Py_CLEAR(guard.dicts);
+}
+
+GuardBuilder::GuardBuilder() : entries_(Ref::steal(PyList_New(0))), dicts_(Ref::steal(PyList_New(0))) {
+    failed_ = !entries_ || !dicts_;
+}
+
+void GuardBuilder::entry(PyObject* dict, const char* key, PyObject* value) {
+    if (failed_ || !genuine_) return;
+    if (dict == nullptr || !PyDict_Check(dict)) return reject();
+    Ref name = Ref::steal(PyUnicode_InternFromString(key));
+    if (!name) {
+        failed_ = true;
+        return;
+    }
+    PyObject* found = PyDict_GetItemWithError(dict, name.get());
+    if (found == nullptr) {
+        if (PyErr_Occurred()) failed_ = true;
+        return reject();
+    }
+    if (value != nullptr && found != value) return reject();
+    if (append_all(entries_.get(), {dict, name.get(), found}) < 0) failed_ = true;
+}
+
+void GuardBuilder::entry_in_class(PyObject* type, const char* key, PyObject* value) {
+    if (failed_ || !genuine_) return;
+    if (!PyType_Check(type)) return reject();
+    Ref dict = class_dict_of(type);
+    entry(dict.get(), key, value);
+}
+
+void GuardBuilder::class_dict(PyObject* type) {
+    if (failed_ || !genuine_) return;
+    if (!PyType_Check(type)) return reject();
+    Ref dict = class_dict_of(type);
+    if (!dict) return reject();
+    Ref snapshot = snapshot_of(dict.get());
+    if (!snapshot || append_all(dicts_.get(), {dict.get(), snapshot.get()}) < 0) failed_ = true;
+}
+
+void GuardBuilder::empty_dict(PyObject* dict) {
+    if (failed_ || !genuine_) return;
+    if (!PyDict_Check(dict) || PyDict_GET_SIZE(dict) != 0) return reject();
+    Ref snapshot = Ref::steal(PyTuple_New(0));
+    if (!snapshot || append_all(dicts_.get(), {dict, snapshot.get()}) < 0) failed_ = true;
+}
+
+void GuardBuilder::genuine_function(PyObject* f, PyObject* files) {
+    if (failed_ || !genuine_) return;
+    if (!defined_in(f, files)) {
+        if (PyErr_Occurred()) failed_ = true;
+        reject();
+    }
+}
+
+void GuardBuilder::genuine_class(PyObject* type, PyObject* files) {
+    if (failed_ || !genuine_) return;
+    if (!PyType_Check(type)) return reject();
+    Ref mro = Ref::steal(PyObject_GetAttrString(type, "__mro__"));
+    if (!mro || !PyTuple_Check(mro.get())) {
+        PyErr_Clear();
+        return reject();
+    }
+    for (Py_ssize_t m = 0; m < PyTuple_GET_SIZE(mro.get()); ++m) {
+        PyObject* base = PyTuple_GET_ITEM(mro.get(), m);
+        if (base == reinterpret_cast<PyObject*>(&PyBaseObject_Type)) continue;
+        Ref dict = class_dict_of(base);
+        if (!dict) return reject();
+        Py_ssize_t pos = 0;
+        PyObject *key, *value;
+        while (PyDict_Next(dict.get(), &pos, &key, &value)) {
+            // Look through classmethod, staticmethod and property to the functions they hold.
+            Ref inner[3];
+            if (PyObject_TypeCheck(value, &PyClassMethod_Type) || PyObject_TypeCheck(value, &PyStaticMethod_Type)) {
+                inner[0] = Ref::steal(PyObject_GetAttrString(value, "__func__"));
+            } else if (PyObject_TypeCheck(value, &PyProperty_Type)) {
+                inner[0] = Ref::steal(PyObject_GetAttrString(value, "fget"));
+                inner[1] = Ref::steal(PyObject_GetAttrString(value, "fset"));
+                inner[2] = Ref::steal(PyObject_GetAttrString(value, "fdel"));
+            } else {
+                inner[0] = Ref::borrow(value);
+            }
+            for (const Ref& v : inner) {
+                if (PyErr_Occurred()) {
+                    failed_ = true;
+                    return;
+                }
+                // Classes, and callables whose call is C (built-in
+                // functions, operator.itemgetter), run no host code.
+                PyObject* x = v.get();
+                if (x == nullptr || PyType_Check(x)) continue;
+                const int foreign = PyFunction_Check(x) ? foreign_function(x, files) : runs_python_call(x);
+                if (foreign != 0) {
+                    if (PyErr_Occurred()) failed_ = true;
+                    return reject();
+                }
+            }
+        }
+        class_dict(base);
+    }
+}
+
+int GuardBuilder::finish(Guard& out) {
+    if (failed_) return -1;
+    if (!genuine_) return 0;
+    out.entries = PyList_AsTuple(entries_.get());
+    out.dicts = PyList_AsTuple(dicts_.get());
+    if (out.entries == nullptr || out.dicts == nullptr) {
+        clear_guard(out);
+        return -1;
+    }
+    return 0;
+}
+
+Ref module_files(const char* name) {
+    PyObject* modules = PyImport_GetModuleDict();
+    Ref files = Ref::steal(PyList_New(0));
+    Ref items = Ref::steal(PyDict_Items(modules));
+    if (!files || !items) return Ref();
+    const std::size_t length = std::strlen(name);
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+        PyObject* key = PyTuple_GET_ITEM(PyList_GET_ITEM(items.get(), i), 0);
+        PyObject* module = PyTuple_GET_ITEM(PyList_GET_ITEM(items.get(), i), 1);
+        const char* text = PyUnicode_Check(key) ? PyUnicode_AsUTF8(key) : nullptr;
+        if (text == nullptr) {
+            PyErr_Clear();
+            continue;
+        }
+        if (std::strncmp(text, name, length) != 0 || (text[length] != '\0' && text[length] != '.')) continue;
+        Ref file = Ref::steal(PyObject_GetAttrString(module, "__file__"));
+        if (!file) {
+            PyErr_Clear();
+            continue;
+        }
+        if (PyUnicode_Check(file.get()) && PyList_Append(files.get(), file.get()) < 0) return Ref();
+    }
+    return Ref::steal(PyList_AsTuple(files.get()));
+}
+
+bool defined_in(PyObject* f, PyObject* files) {
+    if (!PyFunction_Check(f)) return false;
+    Ref filename = Ref::steal(PyObject_GetAttrString(PyFunction_GET_CODE(f), "co_filename"));
+    if (!filename) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(files); ++i) {
+        const int same = PyObject_RichCompareBool(filename.get(), PyTuple_GET_ITEM(files, i), Py_EQ);
+        if (same != 0) return same > 0;
+    }
+    return false;
+}
+
+}  // namespace gu

@@ -1,0 +1,69 @@
+// Whether the standard-library objects a native path stands in for are
+// still the genuine ones. Loading decides what is genuine (a function's code
+// object tells where it was compiled; a wrapper copies names, not code) and
+// records it as a Guard; each call then only compares pointers against it.
+#pragma once
+
+#include <Python.h>
+
+#include "git_utils/ref.hpp"
+
+namespace gu {
+
+// What one native path relies on, as loading found it. `entries` is a flat
+// tuple of (dict, key, value) triples: dict[key] must still be value.
+// `dicts` is a flat tuple of (dict, snapshot) pairs: the dict (a class's)
+// must still hold the snapshot's keys and values, in order, and nothing
+// else. Null `entries`: not genuine at load, the native path never runs.
+struct Guard {
+    PyObject* entries;
+    PyObject* dicts;
+};
+
+// Pointer comparisons only: no attribute lookup, no call into Python code.
+bool guard_holds(const Guard& guard);
+
+int traverse_guard(const Guard& guard, visitproc visit, void* arg);
+void clear_guard(Guard& guard);
+
+// Builds a guard while loading. A check that finds something foreign marks
+// the guard not genuine; an error of the interpreter is returned as -1.
+class GuardBuilder {
+public:
+    GuardBuilder();
+    // dict[key] must stay `value`; `value` null means "whatever dict[key] is now".
+    void entry(PyObject* dict, const char* key, PyObject* value = nullptr);
+    // The same for an entry of a class's own dict.
+    void entry_in_class(PyObject* type, const char* key, PyObject* value);
+    // The class's own dict must keep every entry it has now.
+    void class_dict(PyObject* type);
+    // `dict` (an instance's) must stay empty.
+    void empty_dict(PyObject* dict);
+    // The class (and each base up to object) must be genuine: every function
+    // and wrapped function in its dict compiled from one of `files` (a tuple
+    // of str), no other callable but classes and built-ins.
+    void genuine_class(PyObject* type, PyObject* files);
+    // `f` must be a function compiled from one of `files`.
+    void genuine_function(PyObject* f, PyObject* files);
+    void reject() { genuine_ = false; }
+    // An error of the interpreter is pending.
+    void fail() { failed_ = true; }
+    bool ok() const { return !failed_; }
+    // Moves the result into `out`: an empty guard when anything was foreign.
+    int finish(Guard& out);
+
+private:
+    bool failed_ = false;
+    bool genuine_ = true;
+    Ref entries_;
+    Ref dicts_;
+};
+
+// The file names of the source of module `name` and of its submodules now
+// loaded (a package such as pathlib spreads over several), as a tuple.
+Ref module_files(const char* name);
+
+// Whether `f` is a function whose code was compiled from one of `files`.
+bool defined_in(PyObject* f, PyObject* files);
+
+}  // namespace gu

@@ -1,0 +1,233 @@
+"""The module under a host's own tooling: test doubles, clock and file-system fakes, monitoring wrappers and
+gevent see the same calls, and give the same answers, as with a plain Python module. Each case is checked
+against a few lines of such Python, run under the same tool."""
+
+import datetime as dt
+import inspect
+import logging
+import os
+import subprocess
+import sys
+import textwrap
+from pathlib import Path
+from unittest import mock
+
+import pytest
+
+
+def python_find_git_root(start=None):
+    current = (Path.cwd() if start is None else start).absolute()
+    return next((c for c in (current, *current.parents) if (c / ".git").exists()), None)
+
+
+def python_run(root, args):
+    result = subprocess.run(["git", *args], cwd=str(root), capture_output=True, encoding="utf-8", errors="replace",
+                            timeout=30)
+    return result.stdout, result.stderr, result.returncode
+
+
+def test_native_paths_taken_when_nothing_is_replaced(gu, fake_git, tmp_path):
+    """A guard that wrongly rejects the standard library changes no answer, only speed: catch it here."""
+    fake_git("echo out")
+    (tmp_path / ".git").mkdir()
+    called = set()
+    sys.setprofile(lambda frame, event, arg: event == "call" and called.add(frame.f_code.co_name))
+    try:
+        gu.run_git_command(tmp_path, ["x"])
+        gu.find_git_root(tmp_path / "a" / "b")
+    finally:
+        sys.setprofile(None)
+    assert not called & {"run", "communicate", "exists", "stat"}
+
+
+def test_pytest_subprocess_double_answers(gu, fp, tmp_path):
+    fp.register(["git", "rev-parse", "--short", "HEAD"], stdout="abc1234\n", occurrences=2)
+    assert gu.get_head_commit(tmp_path) == "abc1234"
+    assert gu._git_output(tmp_path, ["rev-parse", "--short", "HEAD"]) == "abc1234\n"
+    assert fp.call_count(["git", "rev-parse", "--short", "HEAD"]) == 2
+
+
+def test_mocked_popen_is_called(gu, fake_git, tmp_path):
+    fake_git("echo out")
+    with mock.patch("subprocess.Popen", wraps=subprocess.Popen) as popen:
+        assert gu.run_git_command(tmp_path, ["x"]) == python_run(tmp_path, ["x"]) == ("out\n", "", 0)
+    assert [c.args[0] for c in popen.call_args_list] == [["git", "x"]] * 2
+
+
+REAL_START = Path("/repo/a/b")  # made before any fake file system replaces pathlib's classes
+
+
+def test_pyfakefs_file_system(gu, fs, monkeypatch):
+    fs.create_dir("/repo/.git")
+    fs.create_dir("/repo/a/b")
+    fs.create_file("/repo/a/sub/.git")
+    monkeypatch.chdir("/repo/a")
+    starts = [None, Path("/repo/a/b"), Path("b"), Path("/repo/a/sub/x"), Path("/elsewhere"), REAL_START]
+    assert [gu.find_git_root(s) for s in starts] == [python_find_git_root(s) for s in starts]
+    assert gu.find_git_root(Path("b")) == Path("/repo")
+    assert gu.find_repo_root() == Path("/repo")
+
+
+def test_time_machine_clock(gu):
+    import time_machine
+
+    with time_machine.travel(dt.datetime(2020, 6, 15, 12, 0), tick=False):
+        assert gu.parse_time_spec("7d") == dt.datetime.now() - dt.timedelta(days=7)
+    assert gu.parse_time_spec("7d").year > 2020
+
+
+@pytest.mark.parametrize(
+    "query, reply, expected",
+    [
+        ("count_commits", b"3\n", 3),
+        ("count_commits", bytearray(b" 4 \n"), 4),
+        ("count_commits", b" \n", 0),
+        ("count_commits", b"x\n", ValueError("invalid literal for int() with base 10: b'x'")),
+        ("count_commits", 7, AttributeError("'int' object has no attribute 'strip'")),
+        ("commit_before", b"abc\n", b"abc"),
+        ("commit_before", bytearray(b"def\n"), bytearray(b"def")),
+        ("commit_before", b"\n", None),
+        ("get_authors_for_period", (b" 3\tA <a@x>\n", "", 0), TypeError("a bytes-like object is required, not 'str'")),
+    ],
+)
+def test_queries_read_a_replaced_runner_as_python(gu, stand_in, tmp_path, query, reply, expected):
+    runner, args = {"count_commits": ("_git_output", ("main", "feature")),
+                    "commit_before": ("_git_output", ("main", dt.datetime(2024, 1, 2))),
+                    "get_authors_for_period": ("run_git_command", ("1d",))}[query]
+    stand_in(runner, reply)
+    if isinstance(expected, Exception):
+        with pytest.raises(type(expected)) as raised:
+            getattr(gu, query)(tmp_path, *args)
+        assert str(raised.value) == str(expected)
+    else:
+        assert getattr(gu, query)(tmp_path, *args) == expected
+
+
+class CountingLogger(logging.Logger):
+    """A host's logger class: it must get the plain calls."""
+
+    def debug(self, *args):
+        self.calls.append(args)
+
+    warning = debug
+
+
+@pytest.mark.parametrize("logger_kind", ["standard", "filtered", "disabled", "host class"])
+def test_log_records_name_the_module_function(gu, tmp_path, monkeypatch, request, logger_kind):
+    monkeypatch.setenv("PATH", str(tmp_path / "nowhere"))  # a warning from the runner, a debug line from the query
+    records = []
+    handler = logging.Handler()
+    handler.emit = records.append
+    logger = gu.logger
+    logger.addHandler(handler)
+    logger.setLevel(logging.DEBUG)
+    request.addfinalizer(lambda: (logger.removeHandler(handler), logger.setLevel(logging.NOTSET),
+                                  logging.disable(logging.NOTSET)))
+    if logger_kind == "filtered":
+        monkeypatch.setattr(gu.logger, "filters", [lambda record: record.funcName != "run_git_command"])
+    elif logger_kind == "disabled":
+        logging.disable(logging.DEBUG)
+    elif logger_kind == "host class":
+        host = CountingLogger(gu.__name__)
+        host.calls = []
+        monkeypatch.setattr(gu, "logger", host)
+    gu.get_authors_for_period(tmp_path, "1d")
+    lines = [(r.levelname, r.funcName, r.module, r.pathname, r.lineno) for r in records]
+    expected = {"standard": [("WARNING", "run_git_command"), ("DEBUG", "get_authors_for_period")],
+                "filtered": [("DEBUG", "get_authors_for_period")],
+                "disabled": [("WARNING", "run_git_command")]}.get(logger_kind, [])
+    assert lines == [(level, f, "git_utils", gu.__file__, 0) for level, f in expected]
+    if logger_kind == "host class":
+        assert [c[0] for c in host.calls] == ["git executable not found while running args=%s",
+                                              "get_authors_for_period: git shortlog failed rc=%s stderr=%s"]
+
+
+# Patches made before the import, in a fresh interpreter: each script asserts what it needs.
+FRESH = {
+    "subprocess.run wrapped": """
+        import functools, subprocess
+        calls = []
+        real = subprocess.run
+        @functools.wraps(real)
+        def run(*args, **kwargs):
+            calls.append(args[0])
+            return real(*args, **kwargs)
+        subprocess.run = run
+        from morvane_tessary.utils import git_utils as gu
+        assert gu.run_git_command(ROOT, ["x"]) == ("out\\n", "", 0)
+        assert calls == [["git", "x"]], calls
+    """,
+    "sentry-sdk offline": """
+        import sys, sentry_sdk
+        sentry_sdk.init()
+        from morvane_tessary.utils import git_utils as gu
+        def wrapper_calls(call):
+            seen = []
+            sys.setprofile(lambda frame, event, arg: event == "call" and "sentry_patched" in frame.f_code.co_name
+                           and seen.append(frame.f_code.co_name))
+            try:
+                result = call()
+            finally:
+                sys.setprofile(None)
+            return result, sorted(seen)
+        module = wrapper_calls(lambda: gu.run_git_command(ROOT, ["x"]))
+        python = wrapper_calls(lambda: python_run(ROOT, ["x"]))
+        assert module == python and len(module[1]) >= 3, (module, python)
+        import logging  # sentry-sdk wraps Logger.callHandlers: records still name the module's function
+        records = []
+        handler = logging.Handler()
+        handler.emit = records.append
+        gu.logger.addHandler(handler)
+        gu.logger.setLevel(logging.DEBUG)
+        gu.run_git_command(ROOT, ["fail"])
+        assert [r.funcName for r in records] == ["run_git_command"], records
+    """,
+    "time-machine travelling": """
+        import datetime as dt, time_machine
+        with time_machine.travel(dt.datetime(2020, 6, 15, 12, 0), tick=False):
+            from morvane_tessary.utils import git_utils as gu
+            assert gu.parse_time_spec("7d") == dt.datetime.now() - dt.timedelta(days=7)
+        assert gu.parse_time_spec("7d").year > 2020
+    """,
+    "pyfakefs active": """
+        from pyfakefs.fake_filesystem_unittest import Patcher
+        with Patcher() as patcher:
+            patcher.fs.create_dir("/repo/.git")
+            patcher.fs.create_dir("/repo/a")
+            from morvane_tessary.utils import git_utils as gu
+            from pathlib import Path
+            assert gu.find_git_root(Path("/repo/a")) == Path("/repo") == python_find_git_root(Path("/repo/a"))
+    """,
+    "gevent monkey-patched": """
+        from gevent import monkey
+        monkey.patch_all()
+        import gevent
+        from morvane_tessary.utils import git_utils as gu
+        ticks = []
+        def tick():
+            while True:
+                ticks.append(1)
+                gevent.sleep(0.05)
+        ticker = gevent.spawn(tick)
+        gevent.sleep(0)
+        assert gu.run_git_command(ROOT, ["x"]) == ("out\\n", "", 0)
+        ticker.kill()
+        assert len(ticks) >= 10, len(ticks)  # about 20 in the second git sleeps; 1 if the loop is blocked
+    """,
+}
+
+
+@pytest.mark.parametrize("case", FRESH)
+def test_patched_before_import(fake_git, tmp_path, case):
+    if case.startswith("gevent") and "libasan" in os.environ.get("LD_PRELOAD", ""):
+        pytest.skip("AddressSanitizer reports greenlet's stack copies as underflows")
+    fake_git(("sleep 1; " if case.startswith("gevent") else "") + '[ "$1" = fail ] && exit 3; echo out')
+    helpers = textwrap.dedent("""
+        import subprocess
+        from pathlib import Path
+        ROOT = Path({root!r})
+    """).format(root=str(tmp_path))
+    source = "\n".join([helpers, inspect.getsource(python_find_git_root), inspect.getsource(python_run),
+                        textwrap.dedent(FRESH[case])])
+    child = subprocess.run([sys.executable, "-c", source], capture_output=True, text=True, timeout=60)
+    assert child.returncode == 0, child.stderr
