@@ -201,9 +201,21 @@ bool native_datetime(PyObject* module, PyObject* datetime) {
     return native_class(module, Name::timedelta, timedelta, &PyDateTime_CAPI::DeltaType);
 }
 
-// datetime(year, ..., microsecond) with the C type's constructor.
-Ref native_moment(const core::IsoMoment& m) {
-    return Ref::steal(PyDateTime_FromDateAndTime(m.year, m.month, m.day, m.hour, m.minute, m.second, m.microsecond));
+// datetime(year, ..., microsecond) and timedelta(days, seconds,
+// microseconds) with the C types' constructors, through the API table in
+// module state (the header's macros go through a process-wide pointer).
+Ref new_datetime(const PyDateTime_CAPI* api, int year, int month, int day, int hour, int minute, int second,
+                 int microsecond) {
+    return Ref::steal(
+        api->DateTime_FromDateAndTime(year, month, day, hour, minute, second, microsecond, Py_None, api->DateTimeType));
+}
+
+Ref new_delta(const PyDateTime_CAPI* api, int days, int seconds, int microseconds) {
+    return Ref::steal(api->Delta_FromDelta(days, seconds, microseconds, 1, api->DeltaType));
+}
+
+Ref native_moment(const PyDateTime_CAPI* api, const core::IsoMoment& m) {
+    return new_datetime(api, m.year, m.month, m.day, m.hour, m.minute, m.second, m.microsecond);
 }
 
 // Reading the local clock and zone needs localtime_r and tm_gmtoff: on
@@ -229,14 +241,13 @@ bool local_time(time_t t, std::tm& out) {
 // datetime.now() the way it reads the clock: the system clock floored to the
 // microsecond, broken down by localtime_r, a leap second held at 59. Its fold
 // is left at 0: subtracting a delta drops it anyway.
-Ref local_now() {
+Ref local_now(const PyDateTime_CAPI* api) {
     timespec now{};
     if (clock_gettime(CLOCK_REALTIME, &now) != 0) return Ref::steal(PyErr_SetFromErrno(PyExc_OSError));
     std::tm local{};
     if (!local_time(now.tv_sec, local)) return Ref();
-    return Ref::steal(PyDateTime_FromDateAndTime(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                                                 local.tm_min, std::min(local.tm_sec, 59),
-                                                 static_cast<int>(now.tv_nsec / 1000)));
+    return new_datetime(api, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                        std::min(local.tm_sec, 59), static_cast<int>(now.tv_nsec / 1000));
 }
 
 // Seconds in the unit _SPEC_UNITS gives (its value decides, also when a host
@@ -256,7 +267,7 @@ long long unit_seconds(PyObject* unit_name) {
 // untouched, when the delta is beyond what the native path builds: then the
 // timedelta constructor itself runs, and raises what Python raises. The
 // subtraction is the type's own, with its OverflowError before year 1.
-bool native_relative(std::string_view digits, PyObject* unit_name, Ref& out) {
+bool native_relative(const PyDateTime_CAPI* api, std::string_view digits, PyObject* unit_name, Ref& out) {
     const long long unit = unit_seconds(unit_name);
     if (unit == 0) return false;
     unsigned long long count = 0;
@@ -266,9 +277,8 @@ bool native_relative(std::string_view digits, PyObject* unit_name, Ref& out) {
     }
     const long long seconds = static_cast<long long>(count) * unit;
     if (seconds / kSecondsPerDay > kMaxDeltaDays) return false;
-    Ref span = Ref::steal(PyDelta_FromDSU(static_cast<int>(seconds / kSecondsPerDay),
-                                          static_cast<int>(seconds % kSecondsPerDay), 0));
-    Ref now = span ? local_now() : Ref();
+    Ref span = new_delta(api, static_cast<int>(seconds / kSecondsPerDay), static_cast<int>(seconds % kSecondsPerDay), 0);
+    Ref now = span ? local_now(api) : Ref();
     out = now ? Ref::steal(PyNumber_Subtract(now.get(), span.get())) : Ref();
     return true;
 }
@@ -288,11 +298,11 @@ long long days_since_epoch(long long year, long long month, long long day) {
 // zone's offset at that UTC second (localtime_r of the floored timestamp)
 // added back. The arithmetic is the C types', so a moment pushed outside the
 // calendar raises the same OverflowError.
-Ref native_local_moment(const core::IsoMoment& m) {
-    Ref moment = native_moment(m);
+Ref native_local_moment(const PyDateTime_CAPI* api, const core::IsoMoment& m) {
+    Ref moment = native_moment(api, m);
     if (!moment) return Ref();
     const int offset_seconds = m.offset_hours * 3'600 + m.offset_minutes * 60 + m.offset_seconds;
-    Ref offset = Ref::steal(PyDelta_FromDSU(0, m.offset_sign * offset_seconds, m.offset_sign * m.offset_microseconds));
+    Ref offset = new_delta(api, 0, m.offset_sign * offset_seconds, m.offset_sign * m.offset_microseconds);
     if (!offset) return Ref();
     Ref utc = Ref::steal(PyNumber_Subtract(moment.get(), offset.get()));
     if (!utc) return Ref();
@@ -307,7 +317,7 @@ Ref native_local_moment(const core::IsoMoment& m) {
                                           "timedelta(hours=24)");
         return Ref();
     }
-    Ref zone = Ref::steal(PyDelta_FromDSU(0, static_cast<int>(local.tm_gmtoff), 0));
+    Ref zone = new_delta(api, 0, static_cast<int>(local.tm_gmtoff), 0);
     if (!zone) return Ref();
     return Ref::steal(PyNumber_Add(u, zone.get()));
 }
@@ -335,7 +345,7 @@ Ref relative_moment(PyObject* module, const Relative& rel) {
     if (!rel.count && native_datetime(module, datetime.get()) && native_timedelta(module, timedelta.get()) &&
         genuine_clock(state_of(module))) {
         Ref moment;
-        if (native_relative(rel.digits, unit_name.get(), moment)) return moment;
+        if (native_relative(datetime_api(module), rel.digits, unit_name.get(), moment)) return moment;
     }
 #endif
     Ref count = count_object(rel);
@@ -402,7 +412,7 @@ Ref iso_moment(PyObject* module, const Spec& spec) {
     const bool native = native_datetime(module, datetime.get());
     Ref moment;
     if (native) {
-        if (!m.has_offset) return native_moment(m);
+        if (!m.has_offset) return native_moment(datetime_api(module), m);
     } else {
         moment = Ref::steal(PyObject_CallFunction(datetime.get(), "iiiiiii", m.year, m.month, m.day, m.hour, m.minute,
                                                   m.second, m.microsecond));
@@ -411,9 +421,9 @@ Ref iso_moment(PyObject* module, const Spec& spec) {
     Ref timedelta = lookup(module, Name::timedelta);
     if (!timedelta) return Ref();
 #ifndef _WIN32
-    if (native && native_timedelta(module, timedelta.get())) return native_local_moment(m);
+    if (native && native_timedelta(module, timedelta.get())) return native_local_moment(datetime_api(module), m);
 #endif
-    if (!moment) moment = native_moment(m);
+    if (!moment) moment = native_moment(datetime_api(module), m);
     if (!moment) return Ref();
     return generic_local_moment(timedelta.get(), moment.get(), m);
 }
@@ -456,14 +466,16 @@ bool same_library(const void* a, const void* b) {
 
 int record_clock_originals(PyObject* module) {
     ModuleState* st = state_of(module);
-    PyDateTime_IMPORT;
-    if (PyDateTimeAPI == nullptr) {
+    // Kept in module state only: the header's own static pointer is shared by
+    // every interpreter that loads the module, and is never written here.
+    auto* api = static_cast<PyDateTime_CAPI*>(PyCapsule_Import(PyDateTime_CAPSULE_NAME, 0));
+    if (api == nullptr) {
         PyErr_Clear();
         return 0;
     }
-    st->datetime_api = PyDateTimeAPI;
+    st->datetime_api = api;
     PyObject* datetime = st->originals[index(Name::datetime)];
-    if (datetime != reinterpret_cast<PyObject*>(PyDateTimeAPI->DateTimeType)) return 0;
+    if (datetime != reinterpret_cast<PyObject*>(api->DateTimeType)) return 0;
     Ref now = Ref::steal(PyObject_GetAttrString(datetime, "now"));
     if (!now) return -1;
     if (!PyCFunction_Check(now.get())) return 0;
@@ -471,7 +483,7 @@ int record_clock_originals(PyObject* module) {
     // installed before the import.
     const PyCFunction impl = PyCFunction_GetFunction(now.get());
     if (!same_library(reinterpret_cast<const void*>(impl),
-                      reinterpret_cast<const void*>(PyDateTimeAPI->DateTime_FromDateAndTime)))
+                      reinterpret_cast<const void*>(api->DateTime_FromDateAndTime)))
         return 0;
     st->datetime_now_impl = impl;
     st->datetime_now = now.release();
