@@ -108,9 +108,10 @@ struct NativeFileChanges {
 };
 
 // FileChange records of the core's records, in order, into `out` (a list
-// or, for a commit, a tuple of the right size).
+// or, for a commit, a tuple of the right size). `fill`: the records may be
+// filled natively without asking again (no Python code runs meanwhile).
 bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const std::vector<core::FileRecord>& records,
-                       const ScanText& text, StrCache& strs, Collaborator& file_change, PyObject* out) {
+                       const ScanText& text, StrCache& strs, Collaborator& file_change, bool fill, PyObject* out) {
     const ModuleState* st = state_of(module);
     const bool is_tuple = PyTuple_Check(out);
     Ref zero = Ref::steal(PyLong_FromLong(0));
@@ -126,7 +127,8 @@ bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const 
         if (!added || !deleted || cls == nullptr) return false;
         PyObject* values[] = {path.get(), native.words.word[static_cast<int>(r.status)], added.get(), deleted.get(),
                               old_path.get()};
-        Ref record = make_record(st, Record::file_change, cls, values);
+        Ref record = fill ? fill_record(st, Record::file_change, cls, values)
+                          : make_record(st, Record::file_change, cls, values);
         if (!record) return false;
         if (is_tuple)
             PyTuple_SET_ITEM(out, static_cast<Py_ssize_t>(i), record.release());
@@ -143,8 +145,10 @@ PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& nativ
     if (!list) return nullptr;
     StrCache strs(text, false);
     Collaborator file_change(module, Name::FileChange);
-    GcPause pause(file_change.is_original());
-    if (!fill_file_changes(module, native, records, text, strs, file_change, list.get())) return nullptr;
+    const bool quiet = file_change.is_original();  // no Python code runs while the records are made
+    GcPause pause(quiet);
+    const bool fill = quiet && fills_natively(state_of(module), Record::file_change, file_change.get());
+    if (!fill_file_changes(module, native, records, text, strs, file_change, fill, list.get())) return nullptr;
     return list.release();
 }
 
@@ -330,7 +334,11 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, co
     StrCache strs(text, true);
     Collaborator file_change(module, Name::FileChange);
     Collaborator commit_changes(module, Name::CommitChanges);
-    GcPause pause(file_change.is_original() && commit_changes.is_original());
+    const ModuleState* st = state_of(module);
+    const bool quiet = file_change.is_original() && commit_changes.is_original();
+    GcPause pause(quiet);
+    const bool fill = quiet && fills_natively(st, Record::file_change, file_change.get()) &&
+                      fills_natively(st, Record::commit_changes, commit_changes.get());
     bool failed = false;
     core::split_commits(text.view(), [&](std::string_view time_text, core::TokenRun body) {
         if (failed) return;
@@ -340,11 +348,12 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, co
         core::TokenStream stream(body);
         const std::vector<core::FileRecord> records = core::collect_file_changes(stream, text.path_key());
         Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
-        if (!files || !fill_file_changes(module, native, records, text, strs, file_change, files.get())) return;
+        if (!files || !fill_file_changes(module, native, records, text, strs, file_change, fill, files.get())) return;
         PyObject* cls = commit_changes.get();
         if (cls == nullptr) return;
         PyObject* values[] = {time.get(), files.get()};
-        Ref commit = make_record(state_of(module), Record::commit_changes, cls, values);
+        Ref commit = fill ? fill_record(st, Record::commit_changes, cls, values)
+                          : make_record(st, Record::commit_changes, cls, values);
         failed = !commit || PyList_Append(commits.get(), commit.get()) < 0;
     });
     return failed ? nullptr : commits.release();

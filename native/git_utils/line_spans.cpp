@@ -197,18 +197,22 @@ PyObject* patch_path(PyObject* module, PyObject* const* a) {
 
 // ---- _span -----------------------------------------------------------------
 
-// A LineSpan of the class the namespace holds.
-Ref line_span(PyObject* module, Collaborator& cls, PyObject* start, PyObject* end, PyObject* added) {
+// A LineSpan of the class the namespace holds; `fill`: it may be filled
+// natively without asking again (no Python code ran since it was asked).
+Ref line_span(PyObject* module, Collaborator& cls, PyObject* start, PyObject* end, PyObject* added,
+              bool fill = false) {
     if (cls.get() == nullptr) return Ref();
     PyObject* values[] = {start, end, added};
-    return make_record(state_of(module), Record::line_span, cls.get(), values);
+    const ModuleState* st = state_of(module);
+    return fill ? fill_record(st, Record::line_span, cls.get(), values)
+                : make_record(st, Record::line_span, cls.get(), values);
 }
 
-Ref span_natively(PyObject* module, Collaborator& cls, const core::Span& s) {
+Ref span_natively(PyObject* module, Collaborator& cls, const core::Span& s, bool fill = false) {
     Ref start = int_of(s.start);
     Ref end = int_of(s.end);
     if (!start || !end) return Ref();
-    return line_span(module, cls, start.get(), end.get(), s.added ? Py_True : Py_False);
+    return line_span(module, cls, start.get(), end.get(), s.added ? Py_True : Py_False, fill);
 }
 
 // The span of a hunk over the objects' own arithmetic.
@@ -280,9 +284,12 @@ public:
 
     PyObject* result() { return spans_.release(); }
 
-    // Whether the whole parse runs without calling Python code.
+    // Whether the whole parse runs without calling Python code; then the
+    // records are filled natively, when they may be, without asking again.
     bool all_native() {
-        return native_header_ && native_span_ && native_path_ && native_unquote_ && line_span_.is_original();
+        const bool quiet = native_header_ && native_span_ && native_path_ && native_unquote_ && line_span_.is_original();
+        fill_ = quiet && fills_natively(state_of(module_), Record::line_span, line_span_.get());
+        return quiet;
     }
 
     void path_line(std::string_view rest) {
@@ -304,7 +311,7 @@ private:
     PyObject* module_;
     const ScanText& text_;
     Collaborator header_pattern_, span_function_, path_function_, line_span_;
-    bool native_header_ = false, native_span_ = false, native_path_ = false, native_unquote_ = false;
+    bool native_header_ = false, native_span_ = false, native_path_ = false, native_unquote_ = false, fill_ = false;
     Ref spans_;
     Ref path_;                  // None, or the key of the current file's spans
     PyObject* list_ = nullptr;  // the current file's list, once looked up (owned by spans_)
@@ -359,7 +366,7 @@ private:
         if (path_.get() != Py_None) {
             if (native_span_) {
                 if (const std::optional<core::Span> s = core::make_span(h)) {
-                    append(span_natively(module_, line_span_, *s));
+                    append(span_natively(module_, line_span_, *s, fill_));
                     return core::hunk_counts(h);
                 }
             }

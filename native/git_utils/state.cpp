@@ -21,6 +21,7 @@ int traverse_state(ModuleState* st, visitproc visit, void* arg) {
     for (PyObject* o : st->originals) Py_VISIT(o);
     Py_VISIT(st->subprocess_run);
     Py_VISIT(st->os_get_exec_path);
+    for (PyObject* o : st->record_inits) Py_VISIT(o);
     return 0;
 }
 
@@ -36,6 +37,8 @@ void clear_state(ModuleState* st) {
     Py_CLEAR(st->str_debug);
     Py_CLEAR(st->str_warning);
     for (PyObject*& o : st->record_fields) Py_CLEAR(o);
+    for (PyObject*& o : st->record_inits) Py_CLEAR(o);
+    Py_CLEAR(st->str_init);
 }
 
 }  // namespace gu
