@@ -209,9 +209,12 @@ template <class Unit>
 class FileCollector {
 public:
     // The records of the tokens left in `stream`, as offsets from `base`,
-    // into `out` (emptied first, sized by the raw heads ahead). Throws
-    // std::length_error when the text is longer than max_record_text.
-    void collect(BasicTokenStream<Unit>& stream, const Unit* base, std::vector<FileRecord>& out) {
+    // into `out` (emptied first; with `size_first`, sized exactly by counting
+    // the raw heads ahead, which costs a pass over the tokens: worth it for
+    // one large diff, not for each commit of a log, whose buffer is reused).
+    // Throws std::length_error when the text is longer than max_record_text.
+    void collect(BasicTokenStream<Unit>& stream, const Unit* base, std::vector<FileRecord>& out,
+                 bool size_first = true) {
         const Piece<Unit> rest = stream.rest();
         if (rest.data() != nullptr &&
             static_cast<std::size_t>(rest.data() - base) + rest.size() > max_record_text)
@@ -223,10 +226,12 @@ public:
         next_ = 0;
         live_ = 0;
         indexed_ = false;
-        std::size_t heads = 0;
-        for (BasicTokenStream<Unit> ahead = stream; !ahead.done();) heads += detail::is_head(ahead.next());
-        out.reserve(heads);
-        if (heads >= linear_limit) index(heads);
+        if (size_first) {
+            std::size_t heads = 0;
+            for (BasicTokenStream<Unit> ahead = stream; !ahead.done();) heads += detail::is_head(ahead.next());
+            out.reserve(heads);
+            if (heads >= linear_limit) index(heads);
+        }
         scan_file_records(stream, *this);
         records_ = nullptr;
     }
@@ -323,10 +328,13 @@ private:
     std::size_t live_ = 0;   // paths kept: records and live Pending entries
     std::size_t next_ = 0;   // the record the next numstat record likely names
 
-    std::uint32_t offset(Piece<Unit> piece) const noexcept { return static_cast<std::uint32_t>(piece.data() - base_); }
+    // A read past the last token gives a view without data: offset 0.
+    std::uint32_t offset(Piece<Unit> piece) const noexcept {
+        return piece.data() ? static_cast<std::uint32_t>(piece.data() - base_) : 0;
+    }
 
     static bool same(Piece<Unit> a, Piece<Unit> b) noexcept {
-        return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(Unit)) == 0;
+        return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Unit)) == 0);
     }
 
     void set_old_path(FileRecord& r, const std::optional<Piece<Unit>>& old_path) const noexcept {

@@ -400,7 +400,7 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, co
             Ref time = commit_time(time_text, text);
             if (!time) return;
             core::BasicTokenStream stream(body);
-            collector.collect(stream, text.base(), records);
+            collector.collect(stream, text.base(), records, false);
             Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
             if (!files || !fill_file_changes(module, native, records, text, file_change, fill, files.get())) return;
             PyObject* cls = commit_changes.get();

@@ -95,7 +95,7 @@ public:
             if (source_ == nullptr) return Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
             if (ascii_) {
                 Ref s = Ref::steal(PyUnicode_New(n, 127));
-                if (s) std::memcpy(PyUnicode_DATA(s.get()), piece.data(), piece.size());
+                if (s && n) std::memcpy(PyUnicode_DATA(s.get()), piece.data(), piece.size());
                 return s;
             }
         }
