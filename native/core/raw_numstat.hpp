@@ -171,8 +171,9 @@ bool is_head(Piece<Unit> raw) noexcept {
 // `added` begins where its numstat token begins. Tokens that are neither
 // are skipped. Reads past the end give empty paths; the handler decides what
 // an empty path means.
-template <class Unit, class Handler>
-void scan_file_records(BasicTokenStream<Unit>& stream, Handler& h) {
+template <class Stream, class Handler>
+void scan_file_records(Stream& stream, Handler& h) {
+    using Unit = typename Stream::unit_type;
     while (!stream.done()) {
         const Piece<Unit> tok = detail::drop_leading_newlines(stream.next());
         if (!tok.empty() && tok[0] == Unit(':')) {
@@ -213,8 +214,8 @@ public:
     // the raw heads ahead, which costs a pass over the tokens: worth it for
     // one large diff, not for each commit of a log, whose buffer is reused).
     // Throws std::length_error when the text is longer than max_record_text.
-    void collect(BasicTokenStream<Unit>& stream, const Unit* base, std::vector<FileRecord>& out,
-                 bool size_first = true) {
+    template <class Stream>
+    void collect(Stream& stream, const Unit* base, std::vector<FileRecord>& out, bool size_first = true) {
         const Piece<Unit> rest = stream.rest();
         if (rest.data() != nullptr &&
             static_cast<std::size_t>(rest.data() - base) + rest.size() > max_record_text)
@@ -228,7 +229,7 @@ public:
         indexed_ = false;
         if (size_first) {
             std::size_t heads = 0;
-            for (BasicTokenStream<Unit> ahead = stream; !ahead.done();) heads += detail::is_head(ahead.next());
+            for (Stream ahead = stream; !ahead.done();) heads += detail::is_head(ahead.next());
             out.reserve(heads);
             if (heads >= linear_limit) index(heads);
         }
@@ -429,40 +430,67 @@ inline bool ascii_count(std::string_view field, std::uint64_t& value) noexcept {
 // The records of one diff in bytes, as offsets from the text's start.
 std::vector<FileRecord> collect_file_changes(std::string_view output);
 
-// Splits `git log --format=%x1e%ct --raw --numstat -z` output into commits.
-// A token whose text after its leading newlines starts with 0x1E heads a
-// commit; the tokens up to the next head are its body, and tokens before the
-// first head are ignored. Calls on_commit(Piece time_text, BasicTokenRun
-// body) per commit in order; time_text is the head after the 0x1E,
-// untrimmed. BasicTokenStream(body) reads the body tokens back.
+// `git log --format=%x1e%ct --raw --numstat -z` output, read commit by
+// commit in one pass. A token whose text after its leading newlines starts
+// with 0x1E heads a commit; the tokens up to the next head are its body, and
+// tokens before the first head are ignored. Between next_commit() calls the
+// stream reads the current body as a token stream that ends before the next
+// head (a head is a head even where a path was due); what a reader leaves
+// of a body is skipped.
+template <class Unit>
+class BasicLogStream {
+public:
+    using unit_type = Unit;
+
+    explicit BasicLogStream(Piece<Unit> log) noexcept : all_(log), end_(log.data() + log.size()) { advance(); }
+
+    // Moves to the next commit: false at the end of the log; else its time
+    // text (the head after the 0x1E, untrimmed) and its body comes next.
+    bool next_commit(Piece<Unit>& time_text) noexcept {
+        while (has_ && !head_) advance();
+        if (!has_) return false;
+        time_text = bare_.substr(1);
+        advance();
+        return true;
+    }
+
+    bool done() const noexcept { return !has_ || head_; }
+
+    Piece<Unit> next() noexcept {
+        if (done()) return {};
+        const Piece<Unit> token = look_;
+        advance();
+        return token;
+    }
+
+    // Units not read yet, the next head's included.
+    Piece<Unit> rest() const noexcept {
+        return has_ ? Piece<Unit>(look_.data(), static_cast<std::size_t>(end_ - look_.data())) : Piece<Unit>();
+    }
+
+private:
+    BasicTokenStream<Unit> all_;
+    const Unit* end_;
+    bool has_ = false;   // look_ holds a token not read yet
+    bool head_ = false;  // look_ heads a commit
+    Piece<Unit> look_, bare_;
+
+    void advance() noexcept {
+        has_ = !all_.done();
+        if (!has_) return;
+        look_ = all_.next();
+        bare_ = detail::drop_leading_newlines(look_);
+        head_ = !bare_.empty() && bare_[0] == Unit('\x1e');
+    }
+};
+
+// Calls on_commit(Piece time_text, BasicLogStream& body) per commit of a log,
+// in order; the callback may read the commit's body tokens from `body`.
 template <class Unit, class F>
 void split_commits(Piece<Unit> output, F on_commit) {
-    BasicTokenStream<Unit> stream(output);
-    bool open = false;
+    BasicLogStream<Unit> log(output);
     Piece<Unit> time_text;
-    const Unit* body_begin = nullptr;
-    const Unit* body_end = nullptr;
-    std::size_t body_count = 0;
-    auto close = [&] {
-        if (!open) return;
-        const Piece<Unit> text =
-            body_count ? Piece<Unit>(body_begin, static_cast<std::size_t>(body_end - body_begin)) : Piece<Unit>();
-        on_commit(time_text, BasicTokenRun<Unit>{text, body_count});
-    };
-    while (!stream.done()) {
-        const Piece<Unit> raw = stream.next();
-        const Piece<Unit> tok = detail::drop_leading_newlines(raw);
-        if (!tok.empty() && tok[0] == Unit('\x1e')) {
-            close();
-            open = true;
-            time_text = tok.substr(1);
-            body_count = 0;
-        } else if (open) {
-            if (body_count++ == 0) body_begin = raw.data();
-            body_end = raw.data() + raw.size();
-        }
-    }
-    close();
+    while (log.next_commit(time_text)) on_commit(time_text, log);
 }
 
 template <class F>

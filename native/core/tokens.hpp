@@ -97,6 +97,8 @@ struct BasicTokenRun {
 template <class Unit>
 class BasicTokenStream {
 public:
+    using unit_type = Unit;
+
     explicit BasicTokenStream(Piece<Unit> text) noexcept : rest_(text) {}
     explicit BasicTokenStream(BasicTokenRun<Unit> run) noexcept : rest_(run.text), done_(run.count == 0) {}
 

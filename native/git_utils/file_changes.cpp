@@ -378,7 +378,8 @@ Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
     return stripped ? Ref::steal(PyLong_FromUnicodeObject(stripped.get(), 10)) : Ref();
 }
 
-// One collector and one buffer of core records serve every commit.
+// One pass over the log: each commit's body is read straight off it, by
+// one collector into one buffer of core records that serve every commit.
 template <class Unit>
 PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text) {
     Ref commits = Ref::steal(PyList_New(0));
@@ -392,28 +393,27 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, co
                       fills_natively(st, Record::commit_changes, commit_changes.get());
     core::FileCollector<Unit> collector;
     std::vector<core::FileRecord> records;
-    bool failed = false;
+    core::BasicLogStream<Unit> log(text.view());
+    core::Piece<Unit> time_text;
     try {
-        core::split_commits(text.view(), [&](core::Piece<Unit> time_text, core::BasicTokenRun<Unit> body) {
-            if (failed) return;
-            failed = true;
+        while (log.next_commit(time_text)) {
             Ref time = commit_time(time_text, text);
-            if (!time) return;
-            core::BasicTokenStream stream(body);
-            collector.collect(stream, text.base(), records, false);
+            if (!time) return nullptr;
+            collector.collect(log, text.base(), records, false);
             Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
-            if (!files || !fill_file_changes(module, native, records, text, file_change, fill, files.get())) return;
+            if (!files || !fill_file_changes(module, native, records, text, file_change, fill, files.get()))
+                return nullptr;
             PyObject* cls = commit_changes.get();
-            if (cls == nullptr) return;
+            if (cls == nullptr) return nullptr;
             PyObject* values[] = {time.get(), files.get()};
             Ref commit = fill ? fill_record(st, Record::commit_changes, cls, values)
                               : make_record(st, Record::commit_changes, cls, values);
-            failed = !commit || PyList_Append(commits.get(), commit.get()) < 0;
-        });
+            if (!commit || PyList_Append(commits.get(), commit.get()) < 0) return nullptr;
+        }
     } catch (const std::bad_alloc&) {
         return PyErr_NoMemory();
     }
-    return failed ? nullptr : commits.release();
+    return commits.release();
 }
 
 // The commit that `time` heads, with the files of its body.
