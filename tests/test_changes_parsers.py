@@ -1,5 +1,6 @@
 import copy
 import dataclasses
+import gc
 import importlib.util
 import pickle
 import re
@@ -224,9 +225,15 @@ def c(*args, **kwargs):
 
 
 def shouting(cls):
-    """An __init__ patched in place, as a host might: the first field upper-cased or negated."""
+    """An __init__ patched in place, as a host might: the first field upper-cased or negated. Like any
+    Python code it runs with the cyclic collector as the host left it."""
     init = cls.__init__
-    return lambda self, first, *a, **k: init(self, first.upper() if isinstance(first, str) else -first, *a, **k)
+
+    def patched(self, first, *a, **k):
+        assert gc.isenabled()
+        init(self, first.upper() if isinstance(first, str) else -first, *a, **k)
+
+    return patched
 
 
 @pytest.mark.parametrize(

@@ -182,9 +182,10 @@ PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& nativ
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(records.size())));
     if (!list) return nullptr;
     Collaborator file_change(module, Name::FileChange);
-    const bool quiet = file_change.is_original();  // no Python code runs while the records are made
-    GcPause pause(quiet);
-    const bool fill = quiet && fills_natively(state_of(module), Record::file_change, file_change.get());
+    // Filled natively, the records are made without running Python code.
+    const bool fill =
+        file_change.is_original() && fills_natively(state_of(module), Record::file_change, file_change.get());
+    GcPause pause(fill);
     if (!fill_file_changes(module, native, records, text, file_change, fill, list.get())) return nullptr;
     return list.release();
 }
@@ -387,10 +388,10 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, co
     Collaborator file_change(module, Name::FileChange);
     Collaborator commit_changes(module, Name::CommitChanges);
     const ModuleState* st = state_of(module);
-    const bool quiet = file_change.is_original() && commit_changes.is_original();
-    GcPause pause(quiet);
-    const bool fill = quiet && fills_natively(st, Record::file_change, file_change.get()) &&
+    const bool fill = file_change.is_original() && commit_changes.is_original() &&
+                      fills_natively(st, Record::file_change, file_change.get()) &&
                       fills_natively(st, Record::commit_changes, commit_changes.get());
+    GcPause pause(fill);
     core::FileCollector<Unit> collector;
     std::vector<core::FileRecord> records;
     core::BasicLogStream<Unit> log(text.view());

@@ -293,12 +293,13 @@ public:
 
     PyObject* result() { return spans_.release(); }
 
-    // Whether the whole parse runs without calling Python code; then the
-    // records are filled natively, when they may be, without asking again.
+    // Whether the whole parse runs without calling Python code: every
+    // helper native and the records filled natively, which then need not
+    // be asked about again.
     bool all_native() {
-        const bool quiet = native_header_ && native_span_ && native_path_ && native_unquote_ && line_span_.is_original();
-        fill_ = quiet && fills_natively(state_of(module_), Record::line_span, line_span_.get());
-        return quiet;
+        fill_ = native_header_ && native_span_ && native_path_ && native_unquote_ && line_span_.is_original() &&
+                fills_natively(state_of(module_), Record::line_span, line_span_.get());
+        return fill_;
     }
 
     void path_line(Piece rest) {
