@@ -1,5 +1,8 @@
 // walk_patch with a handler built on match_hunk_header, which is checked
-// against std::regex; make_span and patch_path are checked on what it finds.
+// against std::regex; make_span and patch_path are checked on what it finds,
+// and the values read with the match against those of the groups. The same
+// text read as 2- and 4-byte units (each byte widened to one) must give the
+// same walk.
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
@@ -7,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "core/patch.hpp"
 
@@ -25,6 +29,7 @@ struct Checker {
 
     void path_line(std::string_view rest) {
         ++calls;
+        events.push_back(-1);
         const PatchPath p = patch_path(rest);
         if (p.text.size() > rest.size() || (p.kind == PatchPath::quoted && rest.size() < 2)) std::abort();
     }
@@ -44,18 +49,42 @@ struct Checker {
         }
         if (!h) return std::nullopt;
         if (const std::optional<Span> s = make_span(*h); s && s->end < s->start) std::abort();
+        if (hunk_counts(*h) != std::pair(h->old_lines, h->new_lines)) std::abort();
+        if (h->exact && !make_span(*h) != !make_span(h->start, h->new_lines, h->old_lines)) std::abort();
+        events.push_back(h->start);
         return hunk_counts(*h);
     }
+
+    std::vector<std::int64_t> events;  // the start of each head matched
 };
+
+// The heads a walk over the text in units of `Unit` matches, in order.
+template <class Unit>
+std::vector<std::int64_t> walk_in(std::string_view bytes) {
+    const std::basic_string<Unit> wide(bytes.begin(), bytes.end());
+    struct {
+        std::vector<std::int64_t> events;
+        void path_line(Piece<Unit>) { events.push_back(-1); }
+        std::optional<std::pair<std::int64_t, std::int64_t>> header(Piece<Unit> line) {
+            const std::optional<BasicHunkHeader<Unit>> h = match_hunk_header(line);
+            if (!h) return std::nullopt;
+            events.push_back(h->start);
+            return std::pair(h->old_lines, h->new_lines);
+        }
+    } w;
+    walk_patch(Piece<Unit>(wide), w);
+    return w.events;
+}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
-    Checker c{text};
+    Checker c{text, 0, {}};
     walk_patch(text, c);
     std::size_t lines = 1;
     for (const char ch : text) lines += ch == '\n';
     if (c.calls > lines) std::abort();
+    if (walk_in<char16_t>(text) != c.events || walk_in<char32_t>(text) != c.events) std::abort();
     return 0;
 }

@@ -1,7 +1,11 @@
 // collect_file_changes against a plain quadratic model of the same rules,
-// so the hash table's ordering and tie-breaks are checked on any input.
+// so the path table's ordering and tie-breaks are checked on any input; and
+// the same text read as 2- and 4-byte units (each byte widened to one) must
+// give the same records.
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -11,25 +15,32 @@ using namespace gu::core;
 
 namespace {
 
-struct Model {
-    std::vector<FileRecord> records;
-    std::vector<FileRecord> counts;  // path, added, deleted
+struct Entry {
+    std::string_view path;
+    Status status = Status::modified;
+    std::optional<std::string_view> old_path;
+    std::string_view added, deleted;
+};
 
-    FileRecord* find(std::vector<FileRecord>& v, std::string_view path) {
-        for (FileRecord& r : v)
+struct Model {
+    std::vector<Entry> records;
+    std::vector<Entry> counts;
+
+    static Entry* find(std::vector<Entry>& v, std::string_view path) {
+        for (Entry& r : v)
             if (r.path == path) return &r;
         return nullptr;
     }
     void raw(std::string_view letter, std::optional<std::string_view> old_path, std::string_view path) {
         if (path.empty()) return;
-        FileRecord* r = find(records, path);
+        Entry* r = find(records, path);
         if (!r) r = &records.emplace_back();
         r->path = path;
         r->status = status_of(letter);
         r->old_path = old_path;
     }
     void numstat(std::string_view added, std::string_view deleted, std::string_view path) {
-        FileRecord* c = find(counts, path);
+        Entry* c = find(counts, path);
         if (!c) c = &counts.emplace_back();
         c->path = path;
         c->added = added;
@@ -37,8 +48,32 @@ struct Model {
     }
 };
 
-bool inside(std::string_view part, std::string_view whole) {
-    return part.empty() || (part.data() >= whole.data() && part.data() + part.size() <= whole.data() + whole.size());
+// The counts a record holds, as the fields' text or the values read.
+bool counts_match(const FileRecord& g, const Entry* c, const char* base) {
+    if ((g.counts == Counts::none) != (c == nullptr)) return false;
+    if (g.counts == Counts::fields) return count_fields(g, base) == std::pair(c->added, c->deleted);
+    if (g.counts == Counts::exact) {
+        std::uint32_t a = 0, d = 0;
+        return small_count(c->added, a) && small_count(c->deleted, d) && a == g.added && d == g.deleted;
+    }
+    return true;
+}
+
+template <class Unit>
+void same_in_width(std::string_view text, const std::vector<FileRecord>& bytes) {
+    const std::basic_string<Unit> wide(text.begin(), text.end());
+    BasicTokenStream<Unit> stream{Piece<Unit>(wide)};
+    std::vector<FileRecord> got;
+    FileCollector<Unit>().collect(stream, wide.data(), got);
+    if (got.size() != bytes.size()) std::abort();
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        const FileRecord &g = got[i], &b = bytes[i];
+        // Statuses differ only where a non-ASCII letter is one code point in
+        // bytes and one unit per byte here: both read "modified".
+        if (g.path_at != b.path_at || g.path_len != b.path_len || g.old_at != b.old_at || g.old_len != b.old_len ||
+            g.counts != b.counts || g.added != b.added || g.deleted != b.deleted || g.status != b.status)
+            std::abort();
+    }
 }
 
 }  // namespace
@@ -53,12 +88,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (got.size() != m.records.size()) std::abort();
     for (std::size_t i = 0; i < got.size(); ++i) {
         const FileRecord& g = got[i];
-        const FileRecord& w = m.records[i];
-        const FileRecord* c = m.find(m.counts, w.path);
-        if (g.path.empty() || g.path != w.path || g.status != w.status || g.old_path != w.old_path) std::abort();
-        if (g.has_counts != (c != nullptr)) std::abort();
-        if (c && (g.added != c->added || g.deleted != c->deleted)) std::abort();
-        if (!inside(g.path, text) || !inside(g.added, text) || !inside(g.old_path.value_or(""), text)) std::abort();
+        const Entry& w = m.records[i];
+        if (g.path_len == 0 || path_of(g, text.data()) != w.path || g.status != w.status ||
+            old_path_of(g, text.data()) != w.old_path)
+            std::abort();
+        if (!counts_match(g, Model::find(m.counts, w.path), text.data())) std::abort();
     }
+    same_in_width<char16_t>(text, got);
+    same_in_width<char32_t>(text, got);
     return 0;
 }

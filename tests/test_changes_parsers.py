@@ -1,5 +1,7 @@
 import copy
 import dataclasses
+import gc
+import importlib.util
 import pickle
 import re
 import types
@@ -222,6 +224,18 @@ def c(*args, **kwargs):
     return args, kwargs
 
 
+def shouting(cls):
+    """An __init__ patched in place, as a host might: the first field upper-cased or negated. Like any
+    Python code it runs with the cyclic collector as the host left it."""
+    init = cls.__init__
+
+    def patched(self, first, *a, **k):
+        assert gc.isenabled()
+        init(self, first.upper() if isinstance(first, str) else -first, *a, **k)
+
+    return patched
+
+
 @pytest.mark.parametrize(
     "name, replacement, run, expected",
     [
@@ -246,6 +260,15 @@ def c(*args, **kwargs):
         ("LineSpan", c, lambda: gu.parse_line_spans(SPANS_PATCH),
          {"a\tb": [c(11, 12, True), c(2, 2, False)], "c": [c(1, 1, False)]}),
         ("_span", lambda *a: a, lambda: gu.parse_line_spans(SPANS_PATCH), {"a\tb": [(11, 2, 0), (2, 0, 1)], "c": [(1, 1, 1)]}),
+        # The classes themselves patched in place: records are made through what the class now runs.
+        ("FileChange.__init__", shouting(FC), lambda: gu.parse_file_changes(z(*DIFF_TOKENS)),
+         [dataclasses.replace(r, path=r.path.upper()) for r in DIFF_RECORDS]),
+        ("FileChange.__init__", shouting(FC), lambda: gu.parse_commit_changes(LOG),
+         [CC(r.timestamp, tuple(dataclasses.replace(f, path=f.path.upper()) for f in r.files)) for r in LOG_RECORDS]),
+        ("CommitChanges.__init__", shouting(CC), lambda: gu.parse_commit_changes(LOG),
+         [CC(-r.timestamp, r.files) for r in LOG_RECORDS]),
+        ("LineSpan.__init__", shouting(LS), lambda: gu.parse_line_spans(SPANS_PATCH),
+         {"a\tb": [LS(-11, 12, True), LS(-2, 2, False)], "c": [LS(-1, 1, False)]}),
         ("_patch_path", lambda t: None if t == "skip" else t.upper(),
          lambda: gu.parse_line_spans(patch("a\t", "@@ -1 +1 @@", "-x", "+y") + patch("skip", "@@ -1 +1 @@", "-x", "+y")),
          {"A\t": [LS(1, 1, False)]}),
@@ -265,13 +288,24 @@ def c(*args, **kwargs):
     ],
 )
 def test_replaced_helpers_change_the_result(monkeypatch, name, replacement, run, expected):
+    *owner, name = name.split(".")
+    target = getattr(gu, owner[0]) if owner else gu
     if replacement is None:
         monkeypatch.delattr(gu, name)
         with pytest.raises(NameError, match=f"^{re.escape(str(expected))}$"):
             run()
     else:
-        monkeypatch.setattr(gu, name, replacement)
+        monkeypatch.setattr(target, name, replacement)
         assert run() == expected
+
+
+def test_patched_new_makes_the_records():
+    # On a module object of its own: CPython keeps a class's __new__ slot once it was set, even after del.
+    spec = importlib.util.find_spec(gu.__name__)
+    own = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(own)
+    own.LineSpan.__new__ = lambda cls, *a: a
+    assert own.parse_line_spans(SPANS_PATCH) == {"a\tb": [(11, 12, True), (2, 2, False)], "c": [(1, 1, False)]}
 
 
 def test_hunk_header_sees_only_lines_outside_hunk_bodies(monkeypatch):

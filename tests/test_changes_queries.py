@@ -109,6 +109,8 @@ QUOTED = ["été.txt", "tab\there.txt", 'quo"te.txt', "back\\slash.txt", "new\nl
 # Names as on disk, then as the -z records and the patch give them back: the runner decodes git's output
 # with invalid bytes replaced and every CR turned into LF; the patch quotes a CR as \r.
 ODD = {os.fsdecode(b"bad\xff.txt"): ("bad\ufffd.txt", "bad\ufffd.txt"), "cr\rname.txt": ("cr\nname.txt", "cr\rname.txt")}
+# Two names that differ only in bytes that are not UTF-8 decode alike: one file, as parsing the decoded output gives.
+ALIKE = [os.fsdecode(b"a\xe9.txt"), os.fsdecode(b"a\xe8.txt")]
 TIMES = [int(dt.datetime(2026, 1, day, 10, tzinfo=dt.timezone.utc).timestamp()) for day in (1, 2, 3, 4)]
 
 
@@ -131,7 +133,7 @@ def repo(tmp_path_factory):
     git("init", "-q", "-b", "main")
     files = {"keep.txt": "".join(f"k{i}\n" for i in range(1, 11)), "move_me.py": "".join(f"l{i}\n" for i in range(1, 21)),
              "bin.dat": bytes(range(256)), "crlf.txt": "a\r\nb\r\nc\r\n", "nonl.txt": "x\ny", "gone.txt": "g1\ng2\n",
-             "main_only.txt": "m\n", **dict.fromkeys([*QUOTED, *ODD], "one\ntwo\n")}
+             "main_only.txt": "m\n", **dict.fromkeys([*QUOTED, *ODD, *ALIKE], "one\ntwo\n")}
     for name, data in files.items():
         write(name, data)
     git("add", "-A")
@@ -142,7 +144,7 @@ def repo(tmp_path_factory):
     for name, data in {"keep.txt": "k1\nk2\nK3\nk4\nk5\nn1\nn2\nk6\nk7\nk10\n", "bin.dat": bytes(range(255, -1, -1)),
                        "moved/me.py": files["move_me.py"].replace("l20", "L20"), "crlf.txt": "a\r\nB\r\nc\r\n",
                        "nonl.txt": "x\nz", "added.txt": "n1\nn2\n",
-                       **dict.fromkeys([*QUOTED, *ODD], "one\nTWO\n")}.items():
+                       **dict.fromkeys([*QUOTED, *ODD, *ALIKE], "one\nTWO\n")}.items():
         write(name, data)
     git("rm", "-q", "gone.txt")
     git("add", "-A")
@@ -164,10 +166,11 @@ def env(monkeypatch, repo):
 FEATURE = [FC("added.txt", "added", 2, 0), FC("bin.dat", "modified", 0, 0), FC("crlf.txt", "modified", 1, 1),
            FC("gone.txt", "deleted", 0, 2), FC("keep.txt", "modified", 3, 3),
            FC("moved/me.py", "renamed", 1, 1, old_path="move_me.py"), FC("nonl.txt", "modified", 1, 1),
-           *[FC(name, "modified", 1, 1) for name in QUOTED + [records for records, _ in ODD.values()]]]
+           *[FC(name, "modified", 1, 1) for name in QUOTED + [records for records, _ in ODD.values()] + ["a\ufffd.txt"]]]
 SPANS = {"keep.txt": [LS(3, 3, False), LS(6, 7, True), LS(9, 9, False)], "moved/me.py": [LS(20, 20, False)],
          "crlf.txt": [LS(2, 2, False)], "nonl.txt": [LS(2, 2, False)],
-         **{name: [LS(2, 2, False)] for name in QUOTED + [patch for _, patch in ODD.values()]}}
+         **{name: [LS(2, 2, False)] for name in QUOTED + [patch for _, patch in ODD.values()]},
+         "a\ufffd.txt": [LS(2, 2, False)] * 2}
 
 
 def by_path(changes):
@@ -182,7 +185,7 @@ def test_file_and_commit_changes(env, repo, runner_path):
     assert [c.timestamp for c in log] == TIMES[::-1] and log[0].files == ()  # the merge shows no files
     assert log[1].files == (FC("main_only.txt", "modified", 1, 0),)
     assert by_path(log[2].files) == by_path(FEATURE)
-    assert {c.status for c in log[3].files} == {"added"} and len(log[3].files) == 15
+    assert {c.status for c in log[3].files} == {"added"} and len(log[3].files) == 16
     assert [c.timestamp for c in gu.log_commit_changes(repo, since=dt.datetime(2026, 1, 2, 12), ref=None,
                                                        max_commits=10)] == TIMES[:1:-1]
     assert gu.log_commit_changes(repo, since=dt.datetime(2025, 1, 1), ref="feature", max_commits=1) == [

@@ -1,37 +1,148 @@
 // Zero-context patches (`git diff --no-prefix -U0 -M`): the "+++ " lines
 // that name each file and the "@@ -a,b +c,d @@" heads of its hunks, found
-// in one pass that skips the body lines each head announces.
+// in one pass that skips the body lines each head announces. Read in any
+// code-unit width (see tokens.hpp).
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
+#include <type_traits>
 #include <string_view>
 #include <utility>
+
+#include "core/tokens.hpp"
 
 namespace gu::core {
 
 // The groups of a hunk head. A count git left out (it omits ",1") is empty.
-struct HunkHeader {
-    std::string_view old_count, new_start, new_count;
+// The values are read with the match: each saturated at INT64_MAX, an
+// absent count 1.
+template <class Unit>
+struct BasicHunkHeader {
+    Piece<Unit> old_count, new_start, new_count;
+    std::int64_t old_lines = 1, start = 0, new_lines = 1;
+    bool exact = false;  // the values were read and none saturated
 };
+using HunkHeader = BasicHunkHeader<char>;
+
+namespace detail {
+
+constexpr std::int64_t int64_max = std::numeric_limits<std::int64_t>::max();
+
+template <class Unit>
+bool is_digit(Unit c) noexcept {
+    return c >= Unit('0') && c <= Unit('9');
+}
+
+// Consumes the ASCII text `lit` at `pos`; false when the text differs.
+template <class Unit>
+bool take(Piece<Unit> line, std::size_t& pos, std::string_view lit) noexcept {
+    if (line.size() - pos < lit.size()) return false;
+    for (std::size_t i = 0; i < lit.size(); ++i)
+        if (line[pos + i] != Unit(lit[i])) return false;
+    pos += lit.size();
+    return true;
+}
+
+// Consumes a run of one or more digits at `pos`, and its value.
+template <class Unit>
+bool take_digits(Piece<Unit> line, std::size_t& pos, Piece<Unit>& out, std::int64_t& value, bool& exact) noexcept {
+    const std::size_t begin = pos;
+    std::int64_t v = 0;
+    while (pos < line.size() && is_digit(line[pos])) {
+        const int d = static_cast<int>(line[pos] - Unit('0'));
+        if (v > (int64_max - d) / 10) {  // stays true once saturated
+            v = int64_max;
+            exact = false;
+        } else {
+            v = v * 10 + d;
+        }
+        ++pos;
+    }
+    out = line.substr(begin, pos - begin);
+    value = v;
+    return pos > begin;
+}
+
+// An optional ",digits": a comma without digits after it fails the match,
+// since only a space may follow a number there.
+template <class Unit>
+bool take_count(Piece<Unit> line, std::size_t& pos, Piece<Unit>& out, std::int64_t& value, bool& exact) noexcept {
+    out = {};
+    value = 1;
+    if (pos < line.size() && line[pos] == Unit(',')) {
+        ++pos;
+        return take_digits(line, pos, out, value, exact);
+    }
+    return true;
+}
+
+}  // namespace detail
 
 // Matches "@@ -D[,D] +D[,D] @@" (D: ASCII digits) at the start of `line`;
 // whatever follows the closing "@@" is ignored.
-std::optional<HunkHeader> match_hunk_header(std::string_view line) noexcept;
+template <class Unit>
+std::optional<BasicHunkHeader<Unit>> match_hunk_header(Piece<Unit> line) noexcept {
+    BasicHunkHeader<Unit> h;
+    Piece<Unit> old_start;
+    std::int64_t ignored = 0;
+    bool exact = true;
+    std::size_t pos = 0;
+    if (!detail::take(line, pos, "@@ -") || !detail::take_digits(line, pos, old_start, ignored, exact) ||
+        !detail::take_count(line, pos, h.old_count, h.old_lines, exact) || !detail::take(line, pos, " +") ||
+        !detail::take_digits(line, pos, h.new_start, h.start, exact) ||
+        !detail::take_count(line, pos, h.new_count, h.new_lines, exact) || !detail::take(line, pos, " @@"))
+        return std::nullopt;
+    h.exact = exact;
+    return h;
+}
 
-// True when `line` holds a byte outside ASCII. A line that fails the ASCII
+inline std::optional<HunkHeader> match_hunk_header(std::string_view line) noexcept {
+    return match_hunk_header<char>(line);
+}
+
+// True when `line` holds a unit outside ASCII. A line that fails the ASCII
 // match may still be a head written with another script's digits.
-bool has_non_ascii(std::string_view line) noexcept;
+template <class Unit>
+bool has_non_ascii(Piece<Unit> line) noexcept {
+    for (const Unit c : line)
+        if (static_cast<std::uint32_t>(static_cast<std::make_unsigned_t<Unit>>(c)) >= 0x80) return true;
+    return false;
+}
+
+inline bool has_non_ascii(std::string_view line) noexcept { return has_non_ascii<char>(line); }
 
 // ASCII digits to a number; nullopt when the value does not fit in int64
-// or a byte is not a digit. The empty text is 0.
-std::optional<std::int64_t> exact_digits(std::string_view digits) noexcept;
+// or a unit is not a digit. The empty text is 0.
+template <class Unit>
+std::optional<std::int64_t> exact_digits(Piece<Unit> digits) noexcept {
+    std::int64_t v = 0;
+    for (const Unit c : digits) {
+        if (!detail::is_digit(c)) return std::nullopt;
+        const int d = static_cast<int>(c - Unit('0'));
+        if (v > (detail::int64_max - d) / 10) return std::nullopt;
+        v = v * 10 + d;
+    }
+    return v;
+}
+
+inline std::optional<std::int64_t> exact_digits(std::string_view digits) noexcept { return exact_digits<char>(digits); }
 
 // ASCII digits to a number, INT64_MAX when the value does not fit.
-std::int64_t saturating_digits(std::string_view digits) noexcept;
+inline std::int64_t saturating_digits(std::string_view digits) noexcept {
+    return exact_digits(digits).value_or(detail::int64_max);
+}
 
-// The old and new line counts of a head (an absent count is 1), saturated.
-std::pair<std::int64_t, std::int64_t> hunk_counts(const HunkHeader& h) noexcept;
+// The old and new line counts of a head (an absent count is 1), saturated,
+// from its groups.
+template <class Unit>
+std::pair<std::int64_t, std::int64_t> hunk_counts(const BasicHunkHeader<Unit>& h) noexcept {
+    const auto count = [](Piece<Unit> d) {
+        return d.empty() ? std::int64_t{1} : exact_digits(d).value_or(detail::int64_max);
+    };
+    return {count(h.old_count), count(h.new_count)};
+}
 
 // The lines a hunk touches in the newer file. A hunk that only removes
 // lines marks the point where they were (at least line 1).
@@ -42,51 +153,82 @@ struct Span {
 
 // nullopt when a value or the end does not fit in int64.
 std::optional<Span> make_span(std::int64_t start, std::int64_t new_count, std::int64_t old_count) noexcept;
-std::optional<Span> make_span(const HunkHeader& h) noexcept;
 
-// The file named by a "+++ " line, after the four bytes of that prefix.
-struct PatchPath {
+// The span of a head, from its groups.
+template <class Unit>
+std::optional<Span> make_span(const BasicHunkHeader<Unit>& h) noexcept {
+    const std::optional<std::int64_t> start = exact_digits(h.new_start);
+    const std::optional<std::int64_t> new_count = h.new_count.empty() ? 1 : exact_digits(h.new_count);
+    const std::optional<std::int64_t> old_count = h.old_count.empty() ? 1 : exact_digits(h.old_count);
+    if (!start || !new_count || !old_count) return std::nullopt;
+    return make_span(*start, *new_count, *old_count);
+}
+
+// The file named by a "+++ " line, after the four units of that prefix.
+template <class Unit>
+struct BasicPatchPath {
     enum Kind { null, plain, quoted } kind;
-    std::string_view text;  // for quoted: what lies between the quotes, still escaped
+    Piece<Unit> text;  // for quoted: what lies between the quotes, still escaped
 };
+using PatchPath = BasicPatchPath<char>;
 
-PatchPath patch_path(std::string_view text) noexcept;
+template <class Unit>
+BasicPatchPath<Unit> patch_path(Piece<Unit> text) noexcept {
+    using P = BasicPatchPath<Unit>;
+    if (!text.empty() && text.back() == Unit('\t')) text.remove_suffix(1);
+    std::size_t pos = 0;
+    if (detail::take(text, pos, "/dev/null") && pos == text.size()) return {P::null, text};
+    if (text.size() >= 2 && text.front() == Unit('"') && text.back() == Unit('"'))
+        return {P::quoted, text.substr(1, text.size() - 2)};
+    return {P::plain, text};
+}
+
+inline PatchPath patch_path(std::string_view text) noexcept { return patch_path<char>(text); }
 
 // Walks the lines of `patch` (cut at every '\n' only) and calls
-//   h.path_line(std::string_view rest)  for a "+++ " line outside a hunk,
-//   h.header(std::string_view line) -> std::optional<std::pair<int64_t, int64_t>>
+//   h.path_line(Piece rest)  for a "+++ " line outside a hunk,
+//   h.header(Piece line) -> std::optional<std::pair<int64_t, int64_t>>
 // for every other line outside a hunk. When header returns the head's old
 // and new counts, that many '-' and '+' lines (' ' lines count for both)
 // belong to the hunk and are not looked at again.
-template <class Handler>
-void walk_patch(std::string_view patch, Handler& h) {
+template <class Unit, class Handler>
+void walk_patch(Piece<Unit> patch, Handler& h) {
     std::int64_t old_left = 0, new_left = 0;
-    std::size_t pos = 0;
+    const Unit* pos = patch.data();
+    const Unit* const end = pos + patch.size();
     for (;;) {
-        const std::size_t nl = patch.find('\n', pos);
-        const std::size_t end = nl == std::string_view::npos ? patch.size() : nl;
-        const std::string_view line = patch.substr(pos, end - pos);
+        const Unit* nl = find_unit(pos, static_cast<std::size_t>(end - pos), Unit('\n'));
+        const Unit* line_end = nl ? nl : end;
         if (old_left > 0 || new_left > 0) {
-            const char c = line.empty() ? '\0' : line[0];
-            if (c == '-') {
+            const Unit c = pos < line_end ? *pos : Unit(0);
+            if (c == Unit('-')) {
                 --old_left;
-            } else if (c == '+') {
+            } else if (c == Unit('+')) {
                 --new_left;
-            } else if (c == ' ') {
+            } else if (c == Unit(' ')) {
                 --old_left;
                 --new_left;
             }  // else a remark such as "\ No newline at end of file"
-        } else if (line.starts_with("+++ ")) {
-            h.path_line(line.substr(4));
-        } else if (const std::optional<std::pair<std::int64_t, std::int64_t>> counts = h.header(line)) {
-            // Negative counts would mean nothing open; clamping them keeps
-            // the decrements below from ever overflowing.
-            old_left = counts->first > 0 ? counts->first : 0;
-            new_left = counts->second > 0 ? counts->second : 0;
+        } else {
+            const Piece<Unit> line(pos, static_cast<std::size_t>(line_end - pos));
+            std::size_t at = 0;
+            if (detail::take(line, at, "+++ ")) {
+                h.path_line(line.substr(4));
+            } else if (const std::optional<std::pair<std::int64_t, std::int64_t>> counts = h.header(line)) {
+                // Negative counts would mean nothing open; clamping them keeps
+                // the decrements above from ever overflowing.
+                old_left = counts->first > 0 ? counts->first : 0;
+                new_left = counts->second > 0 ? counts->second : 0;
+            }
         }
-        if (nl == std::string_view::npos) break;
+        if (nl == nullptr) break;
         pos = nl + 1;
     }
+}
+
+template <class Handler>
+void walk_patch(std::string_view patch, Handler& h) {
+    walk_patch<char>(patch, h);
 }
 
 }  // namespace gu::core

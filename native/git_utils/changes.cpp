@@ -57,8 +57,7 @@ PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, N
     if (!parse) return nullptr;
     if (output.is_bytes) {
         if (is_original(state_of(module), parser, parse.get())) return from_git(module, output.bytes.view());
-        ScanText bytes;
-        bytes.open_git(output.bytes.view());
+        const GitText bytes(output.bytes.view());
         output.text = bytes.str(bytes.view());
         if (!output.text) return nullptr;
     }

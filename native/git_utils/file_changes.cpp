@@ -6,6 +6,9 @@
 // the same algorithm runs over Python objects and calls what the namespace
 // holds where the algorithm uses it.
 #include <cstdint>
+#include <new>
+#include <optional>
+#include <type_traits>
 #include <vector>
 
 #include "core/raw_numstat.hpp"
@@ -27,15 +30,17 @@ int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; 
 
 // ---- line counts -----------------------------------------------------------
 
-bool is_ascii(std::string_view s) {
-    for (const char c : s)
-        if (static_cast<unsigned char>(c) >= 0x80) return false;
+template <class Unit>
+bool is_ascii(core::Piece<Unit> s) {
+    for (const Unit c : s)
+        if (static_cast<std::uint32_t>(static_cast<std::make_unsigned_t<Unit>>(c)) >= 0x80) return false;
     return true;
 }
 
-bool all_ascii_digits(std::string_view s) {
-    for (const char c : s)
-        if (c < '0' || c > '9') return false;
+template <class Unit>
+bool all_ascii_digits(core::Piece<Unit> s) {
+    for (const Unit c : s)
+        if (c < Unit('0') || c > Unit('9')) return false;
     return !s.empty();
 }
 
@@ -48,7 +53,8 @@ Ref line_count_of_str(PyObject* field) {
 }
 
 // _line_count of a field, a piece of `text`.
-Ref line_count_of(std::string_view field, const ScanText& text) {
+template <class Unit>
+Ref line_count_of(core::Piece<Unit> field, const Text<Unit>& text) {
     std::uint64_t value = 0;
     if (core::ascii_count(field, value)) return Ref::steal(PyLong_FromUnsignedLongLong(value));
     if (is_ascii(field)) {
@@ -66,7 +72,7 @@ Ref line_count_of(std::string_view field, const ScanText& text) {
 // is still the mapping loading made, holding what it held then. Returns
 // false (no exception) when the mapping was replaced or changed.
 struct StatusWords {
-    PyObject* word[5] = {};  // borrowed from the mapping, by core::Status
+    Ref word[5];  // by core::Status
 
     bool read(PyObject* module) {
         Ref held = peek(module, Name::_STATUS_BY_LETTER);
@@ -88,10 +94,13 @@ struct StatusWords {
             {"T", "modified", -1},
         };
         for (const Expected& e : kExpected) {
-            PyObject* w = PyDict_GetItemString(mapping, e.letter);
-            if (w == nullptr || !PyUnicode_CheckExact(w) || PyUnicode_CompareWithASCIIString(w, e.word) != 0)
+            Ref w = dict_get_item_string_ref(mapping, e.letter);
+            if (!w) {
+                PyErr_Clear();
                 return false;
-            if (e.status >= 0) word[e.status] = w;
+            }
+            if (!PyUnicode_CheckExact(w.get()) || PyUnicode_CompareWithASCIIString(w.get(), e.word) != 0) return false;
+            if (e.status >= 0) word[e.status] = std::move(w);
         }
         return true;
     }
@@ -108,44 +117,77 @@ struct NativeFileChanges {
     }
 };
 
+// The count a core record holds, as an int.
+template <class Unit>
+Ref count_of(const core::FileRecord& r, std::uint32_t exact, bool first, const Text<Unit>& text) {
+    switch (r.counts) {
+        case core::Counts::none:
+            return Ref::steal(PyLong_FromLong(0));
+        case core::Counts::exact:
+            return Ref::steal(PyLong_FromUnsignedLong(exact));
+        case core::Counts::fields:
+            break;
+    }
+    const auto fields = core::count_fields(r, text.base());
+    return line_count_of(first ? fields.first : fields.second, text);
+}
+
 // FileChange records of the core's records, in order, into `out` (a list
-// or, for a commit, a tuple of the right size).
+// or, for a commit, a tuple, of the records' size). `fill`: the records may
+// be filled natively without asking again (no Python code runs meanwhile).
+template <class Unit>
 bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const std::vector<core::FileRecord>& records,
-                       const ScanText& text, StrCache& strs, Collaborator& file_change, PyObject* out) {
+                       const Text<Unit>& text, Collaborator& file_change, bool fill, PyObject* out) {
     const ModuleState* st = state_of(module);
     const bool is_tuple = PyTuple_Check(out);
-    Ref zero = Ref::steal(PyLong_FromLong(0));
-    if (!zero) return false;
+    const Unit* base = text.base();
     for (std::size_t i = 0; i < records.size(); ++i) {
         const core::FileRecord& r = records[i];
-        Ref path = strs.get(r.path);
-        Ref old_path = r.old_path ? strs.get(*r.old_path) : Ref::borrow(Py_None);
+        Ref path = text.str(core::path_of(r, base));
+        const std::optional<core::Piece<Unit>> old = core::old_path_of(r, base);
+        Ref old_path = old ? text.str(*old) : Ref::borrow(Py_None);
         if (!path || !old_path) return false;
-        Ref added = r.has_counts ? line_count_of(r.added, text) : Ref::borrow(zero.get());
-        Ref deleted = r.has_counts ? line_count_of(r.deleted, text) : Ref::borrow(zero.get());
+        Ref added = count_of(r, r.added, true, text);
+        Ref deleted = count_of(r, r.deleted, false, text);
         PyObject* cls = file_change.get();
         if (!added || !deleted || cls == nullptr) return false;
-        PyObject* values[] = {path.get(), native.words.word[static_cast<int>(r.status)], added.get(), deleted.get(),
-                              old_path.get()};
-        Ref record = make_record(st, Record::file_change, cls, values);
+        PyObject* values[] = {path.get(), native.words.word[static_cast<int>(r.status)].get(), added.get(),
+                              deleted.get(), old_path.get()};
+        Ref record = fill ? fill_record(st, Record::file_change, cls, values)
+                          : make_record(st, Record::file_change, cls, values);
         if (!record) return false;
         if (is_tuple)
             PyTuple_SET_ITEM(out, static_cast<Py_ssize_t>(i), record.release());
-        else if (PyList_Append(out, record.get()) < 0)
-            return false;
+        else
+            PyList_SET_ITEM(out, static_cast<Py_ssize_t>(i), record.release());
     }
     return true;
 }
 
-PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& native, const ScanText& text,
-                                core::TokenStream& stream) {
-    const std::vector<core::FileRecord> records = core::collect_file_changes(stream, text.path_key());
-    Ref list = Ref::steal(PyList_New(0));
+// Whether the core can hold offsets into `text`; a longer one is parsed
+// over Python objects.
+template <class Unit>
+bool fits_records(const Text<Unit>& text) {
+    return text.view().size() <= core::max_record_text;
+}
+
+template <class Unit>
+PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
+                                core::BasicTokenStream<Unit>& stream) {
+    std::vector<core::FileRecord> records;
+    try {
+        core::FileCollector<Unit>().collect(stream, text.base(), records);  // its table is gone before the records are made
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
+    }
+    Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(records.size())));
     if (!list) return nullptr;
-    StrCache strs(text, false);
     Collaborator file_change(module, Name::FileChange);
-    GcPause pause(file_change.is_original());
-    if (!fill_file_changes(module, native, records, text, strs, file_change, list.get())) return nullptr;
+    // Filled natively, the records are made without running Python code.
+    const bool fill =
+        file_change.is_original() && fills_natively(state_of(module), Record::file_change, file_change.get());
+    GcPause pause(fill);
+    if (!fill_file_changes(module, native, records, text, file_change, fill, list.get())) return nullptr;
     return list.release();
 }
 
@@ -234,16 +276,21 @@ PyObject* file_changes_through_objects(PyObject* module, PyObject* tokens) {
     if (!result || !zero) return nullptr;
     Ref no_counts = pair(zero.get(), zero.get());
     if (!no_counts) return nullptr;
+    // The class may be Python code: each entry is held strongly while it is called.
     Py_ssize_t pos = 0;
-    PyObject *path, *status_pair;
-    while (PyDict_Next(statuses.get(), &pos, &path, &status_pair)) {
-        PyObject* count_pair = PyDict_GetItemWithError(counts.get(), path);
-        if (count_pair == nullptr && PyErr_Occurred()) return nullptr;
-        Ref counted = Ref::borrow(count_pair ? count_pair : no_counts.get());
+    PyObject *path_found, *status_found;
+    while (PyDict_Next(statuses.get(), &pos, &path_found, &status_found)) {
+        Ref path = Ref::borrow(path_found);
+        Ref status_pair = Ref::borrow(status_found);
+        Ref counted = Ref::borrow(PyDict_GetItemWithError(counts.get(), path.get()));
+        if (!counted) {
+            if (PyErr_Occurred()) return nullptr;
+            counted = Ref::borrow(no_counts.get());
+        }
         PyObject* cls = file_change.get();
         if (cls == nullptr) return nullptr;
-        PyObject* values[] = {path, PyTuple_GET_ITEM(status_pair, 0), PyTuple_GET_ITEM(counted.get(), 0),
-                              PyTuple_GET_ITEM(counted.get(), 1), PyTuple_GET_ITEM(status_pair, 1)};
+        PyObject* values[] = {path.get(), PyTuple_GET_ITEM(status_pair.get(), 0), PyTuple_GET_ITEM(counted.get(), 0),
+                              PyTuple_GET_ITEM(counted.get(), 1), PyTuple_GET_ITEM(status_pair.get(), 1)};
         Ref record = make_record(state_of(module), Record::file_change, cls, values);
         if (!record || PyList_Append(result.get(), record.get()) < 0) return nullptr;
     }
@@ -269,13 +316,16 @@ PyObject* file_changes(PyObject* module, PyObject* const* a) {
     PyObject* tokens = a[0];
     NativeFileChanges native(module);
     if (!native.ready || !joinable(tokens)) return file_changes_through_objects(module, tokens);
+    const auto count = static_cast<std::size_t>(PySequence_Fast_GET_SIZE(tokens));
     Ref nul = Ref::steal(PyUnicode_FromStringAndSize("\0", 1));
     if (!nul) return nullptr;
     Ref joined = Ref::steal(PyUnicode_Join(nul.get(), tokens));
-    ScanText text;
-    if (!joined || !text.open(joined.get())) return nullptr;
-    core::TokenStream stream(core::TokenRun{text.view(), static_cast<std::size_t>(PySequence_Fast_GET_SIZE(tokens))});
-    return file_changes_natively(module, native, text, stream);
+    if (!joined) return nullptr;
+    return with_text(joined.get(), [&](const auto& text) -> PyObject* {
+        if (!fits_records(text)) return file_changes_through_objects(module, tokens);
+        core::BasicTokenStream stream(core::BasicTokenRun{text.view(), count});
+        return file_changes_natively(module, native, text, stream);
+    });
 }
 
 // output.split("\x00"), with the errors of that call for a non-str.
@@ -284,15 +334,7 @@ Ref nul_tokens(PyObject* output) {
     return nul ? Ref::steal(PyObject_CallMethod(output, "split", "O", nul.get())) : Ref();
 }
 
-PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
-    PyObject* output = a[0];
-    NativeFileChanges native(module);
-    if (PyUnicode_Check(output) && native.ready && unchanged(module, Name::_file_changes)) {
-        ScanText text;
-        if (!text.open(output)) return nullptr;
-        core::TokenStream stream(text.view());
-        return file_changes_natively(module, native, text, stream);
-    }
+PyObject* file_changes_of_tokens(PyObject* module, PyObject* output) {
     Ref tokens = nul_tokens(output);
     if (!tokens) return nullptr;
     Ref parse = lookup(module, Name::_file_changes);
@@ -300,20 +342,33 @@ PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
     return PyObject_CallOneArg(parse.get(), tokens.get());
 }
 
+PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
+    PyObject* output = a[0];
+    NativeFileChanges native(module);
+    if (!PyUnicode_Check(output) || !native.ready || !unchanged(module, Name::_file_changes))
+        return file_changes_of_tokens(module, output);
+    return with_text(output, [&](const auto& text) -> PyObject* {
+        if (!fits_records(text)) return file_changes_of_tokens(module, output);
+        core::BasicTokenStream stream(text.view());
+        return file_changes_natively(module, native, text, stream);
+    });
+}
+
 PyObject* line_count(PyObject*, PyObject* const* a) {
     PyObject* field = a[0];
     if (!PyUnicode_Check(field)) return line_count_of_str(field).release();  // through its own methods
-    ScanText text;
-    if (!text.open(field)) return nullptr;
-    return line_count_of(text.view(), text).release();
+    return with_text(field, [](const auto& text) { return line_count_of(text.view(), text).release(); });
 }
 
 // ---- commits ---------------------------------------------------------------
 
 // int(time.strip()) for the time of a commit header, a piece of `text`.
-Ref commit_time(std::string_view time_text, const ScanText& text) {
+template <class Unit>
+Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
     std::size_t begin = 0, end = time_text.size();
-    const auto blank = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r') || (c >= '\x1c' && c <= '\x1f'); };
+    const auto blank = [](Unit c) {
+        return c == Unit(' ') || (c >= Unit('\t') && c <= Unit('\r')) || (c >= Unit('\x1c') && c <= Unit('\x1f'));
+    };
     while (begin < end && blank(time_text[begin])) ++begin;
     while (end > begin && blank(time_text[end - 1])) --end;
     std::uint64_t value = 0;
@@ -325,30 +380,42 @@ Ref commit_time(std::string_view time_text, const ScanText& text) {
     return stripped ? Ref::steal(PyLong_FromUnicodeObject(stripped.get(), 10)) : Ref();
 }
 
-PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, const ScanText& text) {
+// One pass over the log: each commit's body is read straight off it, by
+// one collector into one buffer of core records that serve every commit.
+template <class Unit>
+PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text) {
     Ref commits = Ref::steal(PyList_New(0));
     if (!commits) return nullptr;
-    StrCache strs(text, true);
     Collaborator file_change(module, Name::FileChange);
     Collaborator commit_changes(module, Name::CommitChanges);
-    GcPause pause(file_change.is_original() && commit_changes.is_original());
-    bool failed = false;
-    core::split_commits(text.view(), [&](std::string_view time_text, core::TokenRun body) {
-        if (failed) return;
-        failed = true;
-        Ref time = commit_time(time_text, text);
-        if (!time) return;
-        core::TokenStream stream(body);
-        const std::vector<core::FileRecord> records = core::collect_file_changes(stream, text.path_key());
-        Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
-        if (!files || !fill_file_changes(module, native, records, text, strs, file_change, files.get())) return;
-        PyObject* cls = commit_changes.get();
-        if (cls == nullptr) return;
-        PyObject* values[] = {time.get(), files.get()};
-        Ref commit = make_record(state_of(module), Record::commit_changes, cls, values);
-        failed = !commit || PyList_Append(commits.get(), commit.get()) < 0;
-    });
-    return failed ? nullptr : commits.release();
+    const ModuleState* st = state_of(module);
+    const bool fill = file_change.is_original() && commit_changes.is_original() &&
+                      fills_natively(st, Record::file_change, file_change.get()) &&
+                      fills_natively(st, Record::commit_changes, commit_changes.get());
+    GcPause pause(fill);
+    core::FileCollector<Unit> collector;
+    std::vector<core::FileRecord> records;
+    core::BasicLogStream<Unit> log(text.view());
+    core::Piece<Unit> time_text;
+    try {
+        while (log.next_commit(time_text)) {
+            Ref time = commit_time(time_text, text);
+            if (!time) return nullptr;
+            collector.collect(log, text.base(), records, false);
+            Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
+            if (!files || !fill_file_changes(module, native, records, text, file_change, fill, files.get()))
+                return nullptr;
+            PyObject* cls = commit_changes.get();
+            if (cls == nullptr) return nullptr;
+            PyObject* values[] = {time.get(), files.get()};
+            Ref commit = fill ? fill_record(st, Record::commit_changes, cls, values)
+                              : make_record(st, Record::commit_changes, cls, values);
+            if (!commit || PyList_Append(commits.get(), commit.get()) < 0) return nullptr;
+        }
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
+    }
+    return commits.release();
 }
 
 // The commit that `time` heads, with the files of its body.
@@ -401,31 +468,34 @@ PyObject* commits_through_objects(PyObject* module, PyObject* output) {
 PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
     PyObject* output = a[0];
     NativeFileChanges native(module);
-    if (PyUnicode_Check(output) && native.ready && unchanged(module, Name::_file_changes) &&
-        unchanged(module, Name::_COMMIT_START)) {
-        ScanText text;
-        if (!text.open(output)) return nullptr;
+    if (!PyUnicode_Check(output) || !native.ready || !unchanged(module, Name::_file_changes) ||
+        !unchanged(module, Name::_COMMIT_START))
+        return commits_through_objects(module, output);
+    return with_text(output, [&](const auto& text) -> PyObject* {
+        if (!fits_records(text)) return commits_through_objects(module, output);
         return commits_natively(module, native, text);
-    }
-    return commits_through_objects(module, output);
+    });
 }
 
 // What git printed, decoded as the runner decodes it.
 Ref decoded(std::string_view output) {
-    ScanText text;
-    text.open_git(output);
-    return text.str(output);
+    return Ref::steal(PyUnicode_DecodeUTF8(output.data(), static_cast<Py_ssize_t>(output.size()), "replace"));
 }
 
 }  // namespace
 
+// Git's bytes are parsed in place when they are well-formed UTF-8. Otherwise
+// different bytes may decode alike (each invalid sequence to U+FFFD), and
+// paths must be told apart as their decoded text is, so the output is
+// decoded first, as the runner would, and parsed as that str.
+
 PyObject* parse_file_changes_from_git(PyObject* module, std::string_view output) {
     NativeFileChanges native(module);
-    if (native.ready && unchanged(module, Name::_file_changes)) {
-        ScanText text;
-        text.open_git(output);
+    if (native.ready && unchanged(module, Name::_file_changes) && output.size() <= core::max_record_text &&
+        core::valid_utf8(output)) {
+        const GitText text(output);
         core::TokenStream stream(output);
-        return file_changes_natively(module, native, text, stream);
+        return file_changes_natively<char>(module, native, text, stream);
     }
     Ref text = decoded(output);
     if (!text) return nullptr;
@@ -435,13 +505,13 @@ PyObject* parse_file_changes_from_git(PyObject* module, std::string_view output)
 
 PyObject* parse_commit_changes_from_git(PyObject* module, std::string_view output) {
     NativeFileChanges native(module);
-    if (native.ready && unchanged(module, Name::_file_changes) && unchanged(module, Name::_COMMIT_START)) {
-        ScanText text;
-        text.open_git(output);
-        return commits_natively(module, native, text);
-    }
+    if (native.ready && unchanged(module, Name::_file_changes) && unchanged(module, Name::_COMMIT_START) &&
+        output.size() <= core::max_record_text && core::valid_utf8(output))
+        return commits_natively<char>(module, native, GitText(output));
     Ref text = decoded(output);
-    return text ? commits_through_objects(module, text.get()) : nullptr;
+    if (!text) return nullptr;
+    PyObject* args[] = {text.get()};
+    return parse_commit_changes(module, args);
 }
 
 const FunctionDef kParseFileChanges = {

@@ -7,6 +7,7 @@
 // the algorithm calls the helper.
 #include <cstdint>
 #include <limits>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -35,8 +36,9 @@ int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; 
 Ref int_of(std::int64_t v) { return Ref::steal(PyLong_FromLongLong(v)); }
 
 // The value of ASCII digits, whatever their length.
-Ref int_of_digits(std::string_view digits) {
-    const std::string text(digits);
+template <class Unit>
+Ref int_of_digits(core::Piece<Unit> digits) {
+    const std::string text(digits.begin(), digits.end());  // ASCII in any width
     return Ref::steal(PyLong_FromString(text.c_str(), nullptr, 10));
 }
 
@@ -64,8 +66,12 @@ bool native_unquote(PyObject* module) {
     static constexpr std::pair<const char*, Py_UCS4> kExpected[] = {
         {"a", 0x07}, {"b", 0x08}, {"f", 0x0C}, {"n", 0x0A}, {"r", 0x0D}, {"t", 0x09}, {"v", 0x0B}};
     for (const auto& [letter, code] : kExpected) {
-        PyObject* c = PyDict_GetItemString(escapes, letter);
-        if (c == nullptr || !PyUnicode_CheckExact(c) || PyUnicode_GET_LENGTH(c) != 1 || PyUnicode_READ_CHAR(c, 0) != code)
+        Ref c = dict_get_item_string_ref(escapes, letter);
+        if (!c) {
+            PyErr_Clear();
+            return false;
+        }
+        if (!PyUnicode_CheckExact(c.get()) || PyUnicode_GET_LENGTH(c.get()) != 1 || PyUnicode_READ_CHAR(c.get(), 0) != code)
             return false;
     }
     return true;
@@ -198,18 +204,22 @@ PyObject* patch_path(PyObject* module, PyObject* const* a) {
 
 // ---- _span -----------------------------------------------------------------
 
-// A LineSpan of the class the namespace holds.
-Ref line_span(PyObject* module, Collaborator& cls, PyObject* start, PyObject* end, PyObject* added) {
+// A LineSpan of the class the namespace holds; `fill`: it may be filled
+// natively without asking again (no Python code ran since it was asked).
+Ref line_span(PyObject* module, Collaborator& cls, PyObject* start, PyObject* end, PyObject* added,
+              bool fill = false) {
     if (cls.get() == nullptr) return Ref();
     PyObject* values[] = {start, end, added};
-    return make_record(state_of(module), Record::line_span, cls.get(), values);
+    const ModuleState* st = state_of(module);
+    return fill ? fill_record(st, Record::line_span, cls.get(), values)
+                : make_record(st, Record::line_span, cls.get(), values);
 }
 
-Ref span_natively(PyObject* module, Collaborator& cls, const core::Span& s) {
+Ref span_natively(PyObject* module, Collaborator& cls, const core::Span& s, bool fill = false) {
     Ref start = int_of(s.start);
     Ref end = int_of(s.end);
     if (!start || !end) return Ref();
-    return line_span(module, cls, start.get(), end.get(), s.added ? Py_True : Py_False);
+    return line_span(module, cls, start.get(), end.get(), s.added ? Py_True : Py_False, fill);
 }
 
 // The span of a hunk over the objects' own arithmetic.
@@ -259,9 +269,12 @@ PyObject* span(PyObject* module, PyObject* const* a) {
 
 // The parser's state and the helpers of this call. The core's walk reports
 // each "+++ " line and asks about every other line outside a hunk.
+template <class Unit>
 class SpanCollector {
 public:
-    SpanCollector(PyObject* module, const ScanText& text)
+    using Piece = core::Piece<Unit>;
+
+    SpanCollector(PyObject* module, const Text<Unit>& text)
         : module_(module),
           text_(text),
           header_pattern_(module, Name::_HUNK_HEADER),
@@ -281,21 +294,26 @@ public:
 
     PyObject* result() { return spans_.release(); }
 
-    // Whether the whole parse runs without calling Python code.
+    // Whether the whole parse runs without calling Python code: every
+    // helper native and the records filled natively, which then need not
+    // be asked about again.
     bool all_native() {
-        return native_header_ && native_span_ && native_path_ && native_unquote_ && line_span_.is_original();
+        fill_ = native_header_ && native_span_ && native_path_ && native_unquote_ && line_span_.is_original() &&
+                fills_natively(state_of(module_), Record::line_span, line_span_.get());
+        return fill_;
     }
 
-    void path_line(std::string_view rest) {
+    void path_line(Piece rest) {
         path_ = native_path_ ? path_natively(rest) : call_helper(path_function_, text_.str(rest));
         if (!path_) throw PythonError{};
-        list_ = nullptr;
+        list_.reset();
     }
 
-    std::optional<std::pair<std::int64_t, std::int64_t>> header(std::string_view line) {
+    std::optional<std::pair<std::int64_t, std::int64_t>> header(Piece line) {
         if (native_header_) {
-            if (const std::optional<core::HunkHeader> h = core::match_hunk_header(line)) return record(*h);
-            if (!line.starts_with("@@ -") || !core::has_non_ascii(line)) return std::nullopt;
+            if (const std::optional<core::BasicHunkHeader<Unit>> h = core::match_hunk_header(line)) return record(*h);
+            std::size_t at = 0;
+            if (!core::detail::take(line, at, "@@ -") || !core::has_non_ascii(line)) return std::nullopt;
             // \d also takes other scripts' digits: the pattern decides.
         }
         return header_through_pattern(line);
@@ -303,26 +321,27 @@ public:
 
 private:
     PyObject* module_;
-    const ScanText& text_;
+    const Text<Unit>& text_;
     Collaborator header_pattern_, span_function_, path_function_, line_span_;
-    bool native_header_ = false, native_span_ = false, native_path_ = false, native_unquote_ = false;
+    bool native_header_ = false, native_span_ = false, native_path_ = false, native_unquote_ = false, fill_ = false;
     Ref spans_;
     Ref path_;                  // None, or the key of the current file's spans
-    PyObject* list_ = nullptr;  // the current file's list, once looked up (owned by spans_)
+    Ref list_;                  // the current file's list, once looked up
 
     Ref call_helper(Collaborator& helper, Ref arg) {
         if (!arg || helper.get() == nullptr) return Ref();
         return call_one(helper.get(), arg.get());
     }
 
-    Ref path_natively(std::string_view rest) {
-        const core::PatchPath p = core::patch_path(rest);
+    Ref path_natively(Piece rest) {
+        using P = core::BasicPatchPath<Unit>;
+        const P p = core::patch_path(rest);
         switch (p.kind) {
-            case core::PatchPath::null:
+            case P::null:
                 return Ref::borrow(Py_None);
-            case core::PatchPath::plain:
+            case P::plain:
                 return text_.str(p.text);
-            case core::PatchPath::quoted:
+            case P::quoted:
                 break;
         }
         // The escapes are undone on the name's UTF-8 bytes, as the decoded
@@ -337,17 +356,18 @@ private:
         return call_helper(unquote_found, std::move(name));
     }
 
-    // The list of the current path in spans, made on its first span.
+    // The list of the current path in spans, made on its first span; held
+    // strongly, as helpers that are Python code run between its uses.
     PyObject* current_list() {
-        if (list_ != nullptr) return list_;
-        PyObject* found = PyDict_GetItemWithError(spans_.get(), path_.get());
-        if (found == nullptr) {
+        if (list_) return list_.get();
+        Ref found = Ref::borrow(PyDict_GetItemWithError(spans_.get(), path_.get()));
+        if (!found) {
             if (PyErr_Occurred()) return nullptr;
-            Ref made = Ref::steal(PyList_New(0));
-            if (!made || PyDict_SetItem(spans_.get(), path_.get(), made.get()) < 0) return nullptr;
-            found = made.get();
+            found = Ref::steal(PyList_New(0));
+            if (!found || PyDict_SetItem(spans_.get(), path_.get(), found.get()) < 0) return nullptr;
         }
-        return list_ = found;
+        list_ = std::move(found);
+        return list_.get();
     }
 
     void append(Ref span) {
@@ -356,12 +376,15 @@ private:
     }
 
     // A head the core matched: its counts, and its span when a file is open.
-    std::pair<std::int64_t, std::int64_t> record(const core::HunkHeader& h) {
+    std::pair<std::int64_t, std::int64_t> record(const core::BasicHunkHeader<Unit>& h) {
+        const std::pair<std::int64_t, std::int64_t> counts{h.old_lines, h.new_lines};
         if (path_.get() != Py_None) {
             if (native_span_) {
-                if (const std::optional<core::Span> s = core::make_span(h)) {
-                    append(span_natively(module_, line_span_, *s));
-                    return core::hunk_counts(h);
+                const std::optional<core::Span> s =
+                    h.exact ? core::make_span(h.start, h.new_lines, h.old_lines) : core::make_span(h);
+                if (s) {
+                    append(span_natively(module_, line_span_, *s, fill_));
+                    return counts;
                 }
             }
             Ref old_count = h.old_count.empty() ? int_of(1) : int_of_digits(h.old_count);
@@ -370,7 +393,7 @@ private:
             if (!old_count || !start || !new_count) throw PythonError{};
             append_span(start.get(), new_count.get(), old_count.get());
         }
-        return core::hunk_counts(h);
+        return counts;
     }
 
     void append_span(PyObject* start, PyObject* new_count, PyObject* old_count) {
@@ -391,7 +414,7 @@ private:
         return Ref::steal(PyNumber_Long(g.get()));
     }
 
-    std::optional<std::pair<std::int64_t, std::int64_t>> header_through_pattern(std::string_view line) {
+    std::optional<std::pair<std::int64_t, std::int64_t>> header_through_pattern(Piece line) {
         Ref text = text_.str(line);
         if (!text || header_pattern_.get() == nullptr) throw PythonError{};
         Ref match = Ref::steal(PyObject_CallMethod(header_pattern_.get(), "match", "O", text.get()));
@@ -410,8 +433,9 @@ private:
     }
 };
 
-PyObject* spans_of(PyObject* module, const ScanText& text) {
-    SpanCollector collector(module, text);
+template <class Unit>
+PyObject* spans_of(PyObject* module, const Text<Unit>& text) {
+    SpanCollector<Unit> collector(module, text);
     if (!collector.start()) return nullptr;
     GcPause pause(collector.all_native());
     try {
@@ -435,17 +459,15 @@ PyObject* parse_line_spans(PyObject* module, PyObject* const* a) {
                          Py_TYPE(patch)->tp_name);
         return nullptr;
     }
-    ScanText text;
-    if (!text.open(patch)) return nullptr;
-    return spans_of(module, text);
+    return with_text(patch, [&](const auto& text) { return spans_of(module, text); });
 }
 
 }  // namespace
 
+// Paths decode with invalid bytes replaced; names that decode alike are
+// one key of the result, as they are when the decoded text is parsed.
 PyObject* parse_line_spans_from_git(PyObject* module, std::string_view patch) {
-    ScanText text;
-    text.open_git(patch);
-    return spans_of(module, text);
+    return spans_of<char>(module, GitText(patch));
 }
 
 const FunctionDef kParseLineSpans = {

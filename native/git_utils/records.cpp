@@ -95,6 +95,8 @@ Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
 
 }  // namespace
 
+int remember_record_inits(PyObject* module);
+
 int add_record_classes(PyObject* module) {
     ModuleState* st = state_of(module);
     PyObject* dict = PyModule_GetDict(module);
@@ -110,30 +112,102 @@ int add_record_classes(PyObject* module) {
     }
     if (!had_builtins && PyDict_GetItemString(dict, "__builtins__") && PyDict_DelItemString(dict, "__builtins__") < 0)
         return -1;
-    return 0;
+    return remember_record_inits(module);
 }
 
-Ref make_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
-    const int k = static_cast<int>(kind);
-    PyObject* fields = st->record_fields[k];
-    const Py_ssize_t n = PyTuple_GET_SIZE(fields);
-    if (cls == st->originals[index(kRecords[k].name)]) {
-        // object.__new__(cls), as the generated __init__ is preceded by.
-        Ref empty = Ref::steal(PyTuple_New(0));
-        if (!empty) return Ref();
-        Ref obj = Ref::steal(PyBaseObject_Type.tp_new(reinterpret_cast<PyTypeObject*>(cls), empty.get(), nullptr));
-        if (!obj) return Ref();
-        for (Py_ssize_t i = 0; i < n; ++i)
-            if (PyObject_GenericSetAttr(obj.get(), PyTuple_GET_ITEM(fields, i), values[i]) < 0) return Ref();
-        return obj;
-    }
+namespace {
+
+// The attribute dict of a class of its own (not its bases'), borrowed from
+// the class for as long as the caller holds no reference across Python code.
+Ref own_dict(PyObject* cls) {
+#if PY_VERSION_HEX >= 0x030C0000
+    return Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(cls)));
+#else
+    return Ref::borrow(reinterpret_cast<PyTypeObject*>(cls)->tp_dict);
+#endif
+}
+
+// The class's own __init__ now, compared by identity only; null when it has none.
+PyObject* own_init(const ModuleState* st, PyObject* cls) {
+    Ref dict = own_dict(cls);
+    if (!dict) return nullptr;
+    PyObject* init = PyDict_GetItemWithError(dict.get(), st->str_init);
+    if (init == nullptr) PyErr_Clear();
+    return init;
+}
+
+Ref call_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
+    PyObject* fields = st->record_fields[static_cast<int>(kind)];
     if (kind == Record::file_change) {
         PyObject* call_args[] = {values[0], values[1], values[2], values[3], values[4]};
         Ref kwnames = Ref::steal(PyTuple_Pack(1, PyTuple_GET_ITEM(fields, 4)));
         if (!kwnames) return Ref();
         return Ref::steal(PyObject_Vectorcall(cls, call_args, 4, kwnames.get()));
     }
-    return Ref::steal(PyObject_Vectorcall(cls, values, static_cast<size_t>(n), nullptr));
+    return Ref::steal(PyObject_Vectorcall(cls, values, static_cast<size_t>(PyTuple_GET_SIZE(fields)), nullptr));
+}
+
+}  // namespace
+
+int remember_record_inits(PyObject* module) {
+    ModuleState* st = state_of(module);
+    st->str_init = PyUnicode_InternFromString("__init__");
+    if (st->str_init == nullptr) return -1;
+    for (const RecordSpec& spec : kRecords) {
+        PyObject* init = own_init(st, st->originals[index(spec.name)]);
+        if (init == nullptr) {
+            if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "record class without __init__");
+            return -1;
+        }
+        st->record_inits[static_cast<int>(spec.kind)] = Py_NewRef(init);
+    }
+    return 0;
+}
+
+bool fills_natively(const ModuleState* st, Record kind, PyObject* cls) {
+    const int k = static_cast<int>(kind);
+    return cls == st->originals[index(kRecords[k].name)] &&
+           reinterpret_cast<PyTypeObject*>(cls)->tp_new == PyBaseObject_Type.tp_new &&
+           own_init(st, cls) == st->record_inits[k];
+}
+
+// What the generated __init__ does: object.__setattr__ of each field in
+// declared order, into the instance dict the class's instances share keys
+// through. The instance comes from the class's tp_alloc, as object.__new__
+// makes it, without the argument tuple and the checks that __new__ makes for
+// arguments the class never gets here.
+Ref fill_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
+    PyObject* fields = st->record_fields[static_cast<int>(kind)];
+    const Py_ssize_t n = PyTuple_GET_SIZE(fields);
+    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(cls);
+#if PY_VERSION_HEX >= 0x030B0000 && PY_VERSION_HEX < 0x030D0000
+    // Here object.__new__ sets up the instance's inline values after tp_alloc.
+    Ref empty = Ref::steal(PyTuple_New(0));
+    if (!empty) return Ref();
+    Ref obj = Ref::steal(PyBaseObject_Type.tp_new(type, empty.get(), nullptr));
+#else
+    Ref obj = Ref::steal(type->tp_alloc(type, 0));
+#endif
+    if (!obj) return Ref();
+#if PY_VERSION_HEX < 0x030B0000
+    // Setting the items of the instance dict directly spares the attribute
+    // protocol (descriptor lookups along the class's MRO) per field; the dict
+    // is the one attribute assignment would have made, with the class's
+    // shared keys.
+    Ref dict = Ref::steal(PyObject_GenericGetDict(obj.get(), nullptr));
+    if (!dict) return Ref();
+    for (Py_ssize_t i = 0; i < n; ++i)
+        if (PyDict_SetItem(dict.get(), PyTuple_GET_ITEM(fields, i), values[i]) < 0) return Ref();
+#else
+    // Inline values: attribute assignment is the fastest public way in.
+    for (Py_ssize_t i = 0; i < n; ++i)
+        if (PyObject_GenericSetAttr(obj.get(), PyTuple_GET_ITEM(fields, i), values[i]) < 0) return Ref();
+#endif
+    return obj;
+}
+
+Ref make_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
+    return fills_natively(st, kind, cls) ? fill_record(st, kind, cls, values) : call_record(st, kind, cls, values);
 }
 
 }  // namespace gu

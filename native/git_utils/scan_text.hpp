@@ -3,17 +3,26 @@
 
 #include <Python.h>
 
-#include <algorithm>
-#include <functional>
-#include <memory>
-#include <string>
+#include <cstring>
 #include <string_view>
-#include <vector>
 
-#include "core/raw_numstat.hpp"
+#include "core/tokens.hpp"
 #include "git_utils/ref.hpp"
 
 namespace gu {
+
+// mapping[key] as a strong reference (PyDict_GetItemStringRef of 3.13 and
+// later): null when the key is absent (no exception) or the lookup failed.
+inline Ref dict_get_item_string_ref(PyObject* mapping, const char* key) {
+#if PY_VERSION_HEX >= 0x030D0000
+    PyObject* item = nullptr;
+    PyDict_GetItemStringRef(mapping, key, &item);
+    return Ref::steal(item);
+#else
+    Ref k = Ref::steal(PyUnicode_FromString(key));
+    return k ? Ref::borrow(PyDict_GetItemWithError(mapping, k.get())) : Ref();
+#endif
+}
 
 // False with a TypeError unless `text` is a str.
 inline bool require_str(PyObject* text) {
@@ -56,134 +65,77 @@ inline bool has_surrogate(std::string_view bytes) {
     return false;
 }
 
-// The text a parser scans, and the way back from its pieces to strs. Every
-// separator and marker the parsers look for is ASCII, so a str is scanned
-// through a narrow projection of its code points: ASCII as itself, anything
-// else as a byte of 0x80 or above (a 1-byte str is scanned in place). A
-// piece's offsets are then code-point indexes, and its str is a substring
-// of the original: exact, surrogates included. Git's own output is scanned
-// as the UTF-8 bytes it printed, and a piece's str replaces invalid
-// sequences with U+FFFD as decoding the whole output does (git's separators
-// are ASCII, so decoding a piece gives the piece of the decoded whole).
-class ScanText {
+// The text a parser scans, in the code units it is stored in, and the way
+// back from its pieces to strs. A str is read in place, one, two or four
+// bytes per character as CPython keeps it (every separator and marker the
+// parsers look for is ASCII, the same value in every width), so a piece's
+// offsets are code-point indexes and its str is exactly that substring,
+// surrogates included. Git's own output is read as the UTF-8 bytes it
+// printed when they are well-formed, and a piece's str is then its decoding.
+template <class Unit>
+class Text {
 public:
-    // False with a TypeError when `text` is not a str. The str must outlive
-    // the scan.
-    bool open(PyObject* text) {
-        if (!require_str(text)) return false;
-        source_ = text;
-        kind_ = PyUnicode_KIND(text);
-        const std::size_t n = static_cast<std::size_t>(PyUnicode_GET_LENGTH(text));
-        if (kind_ == PyUnicode_1BYTE_KIND) {
-            scan_ = {reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(text)), n};
-            return true;
-        }
-        narrow_.reset(new char[n]);
-        if (kind_ == PyUnicode_2BYTE_KIND)
-            project(PyUnicode_2BYTE_DATA(text), n);
-        else
-            project(PyUnicode_4BYTE_DATA(text), n);
-        scan_ = {narrow_.get(), n};
-        return true;
-    }
-    void open_git(std::string_view bytes) {
-        source_ = nullptr;
-        kind_ = PyUnicode_1BYTE_KIND;
-        scan_ = bytes;
+    // The units of the str `source`, which must outlive the scan.
+    static Text of_str(PyObject* source) {
+        Text t;
+        t.source_ = source;
+        t.ascii_ = PyUnicode_IS_ASCII(source);
+        t.units_ = {static_cast<const Unit*>(PyUnicode_DATA(source)),
+                    static_cast<std::size_t>(PyUnicode_GET_LENGTH(source))};
+        return t;
     }
 
-    std::string_view view() const noexcept { return scan_; }
+    const Unit* base() const noexcept { return units_.data(); }
+    core::Piece<Unit> view() const noexcept { return units_; }
 
     // The str of a piece of view(); null with an exception set.
-    Ref str(std::string_view piece) const {
-        if (source_ == nullptr)
-            return Ref::steal(PyUnicode_DecodeUTF8(piece.data(), static_cast<Py_ssize_t>(piece.size()), "replace"));
-        const Py_ssize_t at = piece.data() - scan_.data();
-        return Ref::steal(PyUnicode_Substring(source_, at, at + static_cast<Py_ssize_t>(piece.size())));
-    }
-
-    // What tells pieces apart: the piece itself, or for a projection the
-    // original code units it stands for.
-    std::string_view key(std::string_view piece) const noexcept {
-        if (source_ == nullptr || kind_ == PyUnicode_1BYTE_KIND) return piece;
-        const char* units = static_cast<const char*>(PyUnicode_DATA(source_));
-        return {units + static_cast<std::size_t>(piece.data() - scan_.data()) * static_cast<std::size_t>(kind_),
-                piece.size() * static_cast<std::size_t>(kind_)};
-    }
-
-    // key() for the core's path table.
-    core::PathKey path_key() const noexcept {
-        return {[](std::string_view piece, const void* self) { return static_cast<const ScanText*>(self)->key(piece); },
-                this};
-    }
-
-private:
-    // Branch-free, so that the compiler makes it a few vector instructions
-    // per 16 or 32 code points.
-    template <class Unit>
-    void project(const Unit* units, std::size_t n) {
-        char* out = narrow_.get();
-        for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<char>(std::min<Unit>(units[i], 0x80));
-    }
-
-    PyObject* source_ = nullptr;  // borrowed; null for git's bytes
-    int kind_ = PyUnicode_1BYTE_KIND;
-    std::unique_ptr<char[]> narrow_;
-    std::string_view scan_;
-};
-
-// The strs of a parse. Shared: one str per distinct text, for a log, where
-// every commit that touches a file names its path again (an open-addressing
-// table, one allocation per growth). Not shared: a new str each time, for a
-// diff, where each path is made once anyway.
-class StrCache {
-public:
-    StrCache(const ScanText& text, bool shared) : text_(text), shared_(shared) {}
-
-    // A new reference, or null with an exception set.
-    Ref get(std::string_view piece) {
-        if (!shared_) return text_.str(piece);
-        if ((count_ + 1) * 2 > slots_.size()) grow();
-        const std::string_view key = text_.key(piece);
-        const std::size_t hash = std::hash<std::string_view>{}(key);
-        const std::size_t mask = slots_.size() - 1;
-        for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
-            Slot& slot = slots_[i];
-            if (!slot.str) {
-                slot.str = text_.str(piece);
-                if (!slot.str) return Ref();
-                slot.hash = hash;
-                slot.key = key;
-                ++count_;
-                return Ref::borrow(slot.str.get());
+    Ref str(core::Piece<Unit> piece) const {
+        const auto n = static_cast<Py_ssize_t>(piece.size());
+        if constexpr (sizeof(Unit) == 1) {
+            if (source_ == nullptr) return Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
+            if (ascii_) {
+                Ref s = Ref::steal(PyUnicode_New(n, 127));
+                if (s && n) std::memcpy(PyUnicode_DATA(s.get()), piece.data(), piece.size());
+                return s;
             }
-            if (slot.hash == hash && slot.key == key) return Ref::borrow(slot.str.get());
         }
+        constexpr int kind = sizeof(Unit) == 1 ? PyUnicode_1BYTE_KIND
+                             : sizeof(Unit) == 2 ? PyUnicode_2BYTE_KIND
+                                                 : PyUnicode_4BYTE_KIND;
+        return Ref::steal(PyUnicode_FromKindAndData(kind, piece.data(), n));
     }
 
-private:
-    struct Slot {
-        std::size_t hash = 0;
-        std::string_view key;
-        Ref str;
-    };
-
-    void grow() {
-        std::vector<Slot> old = std::move(slots_);
-        slots_ = std::vector<Slot>(old.empty() ? 64 : old.size() * 2);
-        const std::size_t mask = slots_.size() - 1;
-        for (Slot& slot : old) {
-            if (!slot.str) continue;
-            std::size_t i = slot.hash & mask;
-            while (slots_[i].str) i = (i + 1) & mask;
-            slots_[i] = std::move(slot);
-        }
-    }
-
-    const ScanText& text_;
-    bool shared_;
-    std::vector<Slot> slots_;
-    std::size_t count_ = 0;
+protected:
+    PyObject* source_ = nullptr;  // borrowed; null for git's bytes
+    bool ascii_ = false;
+    core::Piece<Unit> units_;
 };
+
+// Git's output as the bytes it printed; only for well-formed UTF-8, where
+// decoding a piece gives the piece of the decoded whole (git's separators
+// are ASCII) and two pieces are the same text exactly when their bytes are.
+class GitText : public Text<char> {
+public:
+    explicit GitText(std::string_view bytes) { units_ = bytes; }
+};
+
+// f(text) with the Text of the str `s` in its own width.
+template <class F>
+decltype(auto) with_text(PyObject* s, F&& f) {
+    switch (PyUnicode_KIND(s)) {
+        case PyUnicode_1BYTE_KIND: {
+            const Text<char> t = Text<char>::of_str(s);
+            return f(t);
+        }
+        case PyUnicode_2BYTE_KIND: {
+            const Text<char16_t> t = Text<char16_t>::of_str(s);
+            return f(t);
+        }
+        default: {
+            const Text<char32_t> t = Text<char32_t>::of_str(s);
+            return f(t);
+        }
+    }
+}
 
 }  // namespace gu

@@ -33,6 +33,7 @@ int traverse_state(ModuleState* st, visitproc visit, void* arg) {
         if (int r = traverse_guard(*g, visit, arg)) return r;
     Py_VISIT(st->os_get_exec_path);
     Py_VISIT(st->builtins);
+    for (PyObject* o : st->record_inits) Py_VISIT(o);
     return 0;
 }
 
@@ -56,6 +57,8 @@ void clear_state(ModuleState* st) {
     Py_CLEAR(st->str_debug);
     Py_CLEAR(st->str_warning);
     for (PyObject*& o : st->record_fields) Py_CLEAR(o);
+    for (PyObject*& o : st->record_inits) Py_CLEAR(o);
+    Py_CLEAR(st->str_init);
 }
 
 }  // namespace gu

@@ -38,6 +38,8 @@ struct ModuleState {
     PyObject* str_debug;              // interned "debug"
     PyObject* str_warning;            // interned "warning"
     PyObject* record_fields[3];       // field names of each record class, in order
+    PyObject* record_inits[3];        // each record class's own __init__ as loading made it
+    PyObject* str_init;               // interned "__init__"
 };
 
 ModuleState* state_of(PyObject* module);

@@ -16,19 +16,30 @@ namespace {
 
 constexpr std::int64_t big = std::numeric_limits<std::int64_t>::max();
 
-// What the walker reports: "+++ " rests and the new starts of hunk heads.
-std::vector<std::string> walk(std::string_view patch) {
+// What the walker reports: "+++ " rests and the new starts of hunk heads,
+// with the patch read in units of `Unit` (each byte widened to one).
+template <class Unit>
+std::vector<std::string> walk_in(std::string_view bytes) {
+    const std::basic_string<Unit> patch(bytes.begin(), bytes.end());
     struct {
         std::vector<std::string> events;
-        void path_line(std::string_view rest) { events.push_back("path " + std::string(rest)); }
-        std::optional<std::pair<std::int64_t, std::int64_t>> header(std::string_view line) {
-            const std::optional<HunkHeader> h = match_hunk_header(line);
-            if (h) events.push_back("hunk " + std::string(h->new_start));
-            return h ? std::optional(hunk_counts(*h)) : std::nullopt;
+        void path_line(Piece<Unit> rest) { events.push_back("path " + std::string(rest.begin(), rest.end())); }
+        std::optional<std::pair<std::int64_t, std::int64_t>> header(Piece<Unit> line) {
+            const std::optional<BasicHunkHeader<Unit>> h = match_hunk_header(line);
+            if (!h) return std::nullopt;
+            events.push_back("hunk " + std::string(h->new_start.begin(), h->new_start.end()));
+            if (hunk_counts(*h) != std::pair(h->old_lines, h->new_lines)) events.push_back("counts read twice differ");
+            return hunk_counts(*h);
         }
     } r;
-    walk_patch(patch, r);
+    walk_patch(Piece<Unit>(patch), r);
     return r.events;
+}
+
+std::vector<std::string> walk(std::string_view patch) {
+    std::vector<std::string> events = walk_in<char>(patch);
+    if (walk_in<char16_t>(patch) != events || walk_in<char32_t>(patch) != events) events.push_back("widths differ");
+    return events;
 }
 
 }  // namespace
@@ -57,7 +68,7 @@ TEST_CASE("hunk heads: the groups of the anchored match") {
 TEST_CASE("digits, counts and spans") {
     CHECK(saturating_digits("00042") == 42 && saturating_digits("9223372036854775808") == big);
     CHECK(!exact_digits("9223372036854775808") && !exact_digits("1a"));
-    CHECK((hunk_counts({"", "5", "0"}) == std::pair<std::int64_t, std::int64_t>{1, 0}));
+    CHECK((hunk_counts(HunkHeader{"", "5", "0"}) == std::pair<std::int64_t, std::int64_t>{1, 0}));
 
     const struct Row {
         HunkHeader h;

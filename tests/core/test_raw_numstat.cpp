@@ -1,4 +1,7 @@
 #include <initializer_list>
+#include <cstdint>
+#include <optional>
+#include <utility>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,25 +24,65 @@ std::string z(std::initializer_list<std::string_view> tokens) {
     return out;
 }
 
+// A record as the collector should leave it: counts read, or for
+// Counts::fields the two fields as git printed them.
 struct Want {
     std::string_view path;
     Status status;
     const char* old_path;  // nullptr: none
     std::string_view added, deleted;
-    bool has_counts;
+    Counts counts;
 };
 
-bool same(const std::vector<FileRecord>& got, const std::vector<Want>& want) {
+// The units of a piece as bytes (every test unit is below 256).
+template <class Unit>
+std::string narrow(Piece<Unit> piece) {
+    return std::string(piece.begin(), piece.end());
+}
+
+template <class Unit>
+std::basic_string<Unit> widen(std::string_view bytes) {
+    return std::basic_string<Unit>(bytes.begin(), bytes.end());
+}
+
+template <class Unit>
+bool same(const std::vector<FileRecord>& got, const std::vector<Want>& want, const Unit* base) {
     if (got.size() != want.size()) return false;
     for (std::size_t i = 0; i < got.size(); ++i) {
         const FileRecord& r = got[i];
         const Want& w = want[i];
-        const bool old_ok = w.old_path ? r.old_path == std::string_view(w.old_path) : !r.old_path;
-        if (r.path != w.path || r.status != w.status || !old_ok || r.has_counts != w.has_counts ||
-            r.added != w.added || r.deleted != w.deleted)
-            return false;
+        const std::optional<Piece<Unit>> old = old_path_of(r, base);
+        const bool old_ok = w.old_path ? old && narrow(*old) == w.old_path : !old;
+        if (narrow(path_of(r, base)) != w.path || r.status != w.status || !old_ok || r.counts != w.counts) return false;
+        if (r.counts == Counts::fields) {
+            const auto [added, deleted] = count_fields(r, base);
+            if (narrow(added) != w.added || narrow(deleted) != w.deleted) return false;
+        } else if (r.counts == Counts::exact) {
+            std::uint32_t a = 0, d = 0;
+            if (!small_count(w.added, a) || !small_count(w.deleted, d) || r.added != a || r.deleted != d) return false;
+        }
     }
     return true;
+}
+
+// The records of `out` read in units of `Unit`, each byte widened to one.
+template <class Unit>
+bool collects(std::string_view out, const std::vector<Want>& want) {
+    const std::basic_string<Unit> text = widen<Unit>(out);
+    BasicTokenStream<Unit> stream{Piece<Unit>(text)};
+    std::vector<FileRecord> records;
+    FileCollector<Unit>().collect(stream, text.data(), records);
+    return same(records, want, text.data());
+}
+
+// Past the linear search's reach: seventeen paths, one of them named again,
+// and counts that come before their raw record.
+std::string many_paths() {
+    std::string out = std::string("5\t5\tlate") + '\0' + "9\t9\tlate";
+    for (int i = 0; i < 17; ++i) out += std::string(1, '\0') + ":1 2 a b A" + '\0' + "p" + std::to_string(i);
+    for (const char* t : {":1 2 a b R1", "o", "p0", "-\t7\tp1", ":1 2 a b D", "late", "3\t4\tlate"})
+        out += std::string(1, '\0') + t;
+    return out;
 }
 
 }  // namespace
@@ -67,40 +110,57 @@ TEST_CASE("file records") {
             ":100644 100644 ddddddd eeeeeee R087", "old/name.py", "new/name.py", ":100644 000000 fffffff 0000000 D",
             "gone.txt", ":100644 100644 abcdefa bcdefab M", "logo.png", "3\t1\tsrc/a.py", "10\t0\tdocs/new.md",
             "2\t2\t", "old/name.py", "new/name.py", "0\t7\tgone.txt", "-\t-\tlogo.png", ""}),
-         {{"src/a.py", S::modified, nullptr, "3", "1", true},
-          {"docs/new.md", S::added, nullptr, "10", "0", true},
-          {"new/name.py", S::renamed, "old/name.py", "2", "2", true},
-          {"gone.txt", S::deleted, nullptr, "0", "7", true},
-          {"logo.png", S::modified, nullptr, "-", "-", true}}},
+         {{"src/a.py", S::modified, nullptr, "3", "1", Counts::exact},
+          {"docs/new.md", S::added, nullptr, "10", "0", Counts::exact},
+          {"new/name.py", S::renamed, "old/name.py", "2", "2", Counts::exact},
+          {"gone.txt", S::deleted, nullptr, "0", "7", Counts::exact},
+          {"logo.png", S::modified, nullptr, "-", "-", Counts::exact}}},
         {"empty output", "", {}},
         {"numstat only", z({"1\t2\ta", "3\t4\tb", ""}), {}},
-        {"raw without numstat", z({h + "M", "a", ""}), {{"a", S::modified, nullptr, "", "", false}}},
-        {"copy with score", z({h + "C075", "x", "y"}), {{"y", S::copied, "x", "", "", false}}},
-        {"rename R100", z({h + "R100", "x", "y", "1\t1\t", "x", "y"}), {{"y", S::renamed, "x", "1", "1", true}}},
+        {"raw without numstat", z({h + "M", "a", ""}), {{"a", S::modified, nullptr, "", "", Counts::none}}},
+        {"copy with score", z({h + "C075", "x", "y"}), {{"y", S::copied, "x", "", "", Counts::none}}},
+        {"rename R100", z({h + "R100", "x", "y", "1\t1\t", "x", "y"}), {{"y", S::renamed, "x", "1", "1", Counts::exact}}},
         {"T, U, X, non-ASCII and no letter are changes",
          z({h + "T", "t", h + "U", "u", h + "X", "x", h + "\xc3\xa9", "e", h, "n"}),
-         {{"t", S::modified, nullptr, "", "", false},
-          {"u", S::modified, nullptr, "", "", false},
-          {"x", S::modified, nullptr, "", "", false},
-          {"e", S::modified, nullptr, "", "", false},
-          {"n", S::modified, nullptr, "", "", false}}},
-        {"head as the last token", z({h + "M", "a", h + "A"}), {{"a", S::modified, nullptr, "", "", false}}},
+         {{"t", S::modified, nullptr, "", "", Counts::none},
+          {"u", S::modified, nullptr, "", "", Counts::none},
+          {"x", S::modified, nullptr, "", "", Counts::none},
+          {"e", S::modified, nullptr, "", "", Counts::none},
+          {"n", S::modified, nullptr, "", "", Counts::none}}},
+        {"head as the last token", z({h + "M", "a", h + "A"}), {{"a", S::modified, nullptr, "", "", Counts::none}}},
         {"rename head with one path", z({h + "R050", "old"}), {}},
-        {"newlines before a head", z({"\n\n" + h + "A", "a"}), {{"a", S::added, nullptr, "", "", false}}},
-        {"paths keep their newlines", z({h + "A", "\na"}), {{"\na", S::added, nullptr, "", "", false}}},
+        {"newlines before a head", z({"\n\n" + h + "A", "a"}), {{"a", S::added, nullptr, "", "", Counts::none}}},
+        {"paths keep their newlines", z({h + "A", "\na"}), {{"\na", S::added, nullptr, "", "", Counts::none}}},
         {"extra tabs stay in the path", z({h + "A", "a\tb", "1\t2\ta\tb"}),
-         {{"a\tb", S::added, nullptr, "1", "2", true}}},
+         {{"a\tb", S::added, nullptr, "1", "2", Counts::exact}}},
         {"first place, last status", z({h + "A", "a", h + "M", "b", h + "R", "o", "a"}),
-         {{"a", S::renamed, "o", "", "", false}, {"b", S::modified, nullptr, "", "", false}}},
+         {{"a", S::renamed, "o", "", "", Counts::none}, {"b", S::modified, nullptr, "", "", Counts::none}}},
         {"last numstat wins, before or after the raw record", z({"9\t9\ta", h + "D", "a", "1\t1\ta", "2\t3\ta"}),
-         {{"a", S::deleted, nullptr, "2", "3", true}}},
+         {{"a", S::deleted, nullptr, "2", "3", Counts::exact}}},
         {"last numstat before the raw record", z({"8\t8\ta", "9\t9\ta", h + "D", "a"}),
-         {{"a", S::deleted, nullptr, "9", "9", true}}},
-        {"numstat rename cut short", z({h + "A", "a", "1\t1\t", "a"}), {{"a", S::added, nullptr, "", "", false}}},
-        {"other tokens are skipped", z({"junk", "1\t2", h + "A", "a"}), {{"a", S::added, nullptr, "", "", false}}},
+         {{"a", S::deleted, nullptr, "9", "9", Counts::exact}}},
+        {"numstat rename cut short", z({h + "A", "a", "1\t1\t", "a"}), {{"a", S::added, nullptr, "", "", Counts::none}}},
+        {"other tokens are skipped", z({"junk", "1\t2", h + "A", "a"}), {{"a", S::added, nullptr, "", "", Counts::none}}},
+        {"counts beyond nine digits or outside ASCII are kept as fields",
+         z({h + "M", "a", h + "M", "b", "1234567890\t1\ta", "\xd9\xa3\t2\tb"}),
+         {{"a", S::modified, nullptr, "1234567890", "1", Counts::fields},
+          {"b", S::modified, nullptr, "\xd9\xa3", "2", Counts::fields}}},
+        {"many paths: found through the table, ties as before", many_paths(),
+         {{"p0", S::renamed, "o", "", "", Counts::none}, {"p1", S::added, nullptr, "-", "7", Counts::exact},
+          {"p2", S::added, nullptr, "", "", Counts::none}, {"p3", S::added, nullptr, "", "", Counts::none},
+          {"p4", S::added, nullptr, "", "", Counts::none}, {"p5", S::added, nullptr, "", "", Counts::none},
+          {"p6", S::added, nullptr, "", "", Counts::none}, {"p7", S::added, nullptr, "", "", Counts::none},
+          {"p8", S::added, nullptr, "", "", Counts::none}, {"p9", S::added, nullptr, "", "", Counts::none},
+          {"p10", S::added, nullptr, "", "", Counts::none}, {"p11", S::added, nullptr, "", "", Counts::none},
+          {"p12", S::added, nullptr, "", "", Counts::none}, {"p13", S::added, nullptr, "", "", Counts::none},
+          {"p14", S::added, nullptr, "", "", Counts::none}, {"p15", S::added, nullptr, "", "", Counts::none},
+          {"p16", S::added, nullptr, "", "", Counts::none}, {"late", S::deleted, nullptr, "3", "4", Counts::exact}}},
     };
-    for (const Row& r : rows)
-        if (!same(collect_file_changes(r.out), r.want)) check::fail(__FILE__, __LINE__, r.name);
+    for (const Row& r : rows) {
+        if (!same(collect_file_changes(r.out), r.want, r.out.data())) check::fail(__FILE__, __LINE__, r.name);
+        if (!collects<char16_t>(r.out, r.want) || !collects<char32_t>(r.out, r.want))
+            check::fail(__FILE__, __LINE__, r.name);
+    }
 }
 
 TEST_CASE("ascii_count takes 1 to 18 ASCII digits") {
@@ -110,25 +170,41 @@ TEST_CASE("ascii_count takes 1 to 18 ASCII digits") {
     for (std::string_view bad : {"", "-", "1x", " 1", "1234567890123456789"}) CHECK(!ascii_count(bad, v));
 }
 
+// Each commit of a log as its time text and body tokens.
+std::vector<std::pair<std::string, std::vector<std::string>>> commits_of(std::string_view log) {
+    std::vector<std::pair<std::string, std::vector<std::string>>> got;
+    split_commits(log, [&](std::string_view time, BasicLogStream<char>& body) {
+        got.emplace_back(time, std::vector<std::string>{});
+        while (!body.done()) got.back().second.emplace_back(body.next());
+    });
+    return got;
+}
+
 TEST_CASE("commit log: heads, bodies and what precedes the first head") {
-    std::vector<std::pair<std::string_view, TokenRun>> got;
+    using Commits = std::vector<std::pair<std::string, std::vector<std::string>>>;
     const std::string log =
         z({"before", "\x1e" "1700000300", "\n:100644 100644 aaaaaaa bbbbbbb M", "a.txt", "1\t1\ta.txt",
            "\x1e" "1700000200", "\n\n\x1e 1700000100\n", "\n:000000 100644 0000000 ddddddd A", "b.txt",
            "5\t0\tb.txt", ""});
-    split_commits(log, [&](std::string_view t, TokenRun b) { got.emplace_back(t, b); });
-    CHECK(got.size() == 3);
-    if (got.size() != 3) return;
-    CHECK(got[0].first == "1700000300" && got[1].first == "1700000200" && got[2].first == " 1700000100\n");
-    CHECK(got[0].second.count == 3 && got[1].second.count == 0 && got[2].second.count == 4);
-    CHECK(got[2].second.text == z({"\n:000000 100644 0000000 ddddddd A", "b.txt", "5\t0\tb.txt", ""}));
-    TokenStream first(got[0].second), none(got[1].second);
-    CHECK(same(collect_file_changes(first), {{"a.txt", S::modified, nullptr, "1", "1", true}}));
-    CHECK(none.done());
-
+    CHECK((commits_of(log) ==
+           Commits{{"1700000300", {"\n:100644 100644 aaaaaaa bbbbbbb M", "a.txt", "1\t1\ta.txt"}},
+                   {"1700000200", {}},
+                   {" 1700000100\n", {"\n:000000 100644 0000000 ddddddd A", "b.txt", "5\t0\tb.txt", ""}}}));
     // No body and one empty body token differ; the log's trailing NUL makes the latter.
-    got.clear();
-    const std::string two = z({"\x1e" "1", "\x1e" "2", ""});
-    split_commits(two, [&](std::string_view t, TokenRun b) { got.emplace_back(t, b); });
-    CHECK(got.size() == 2 && got[0].second.count == 0 && got[1].second.count == 1 && got[1].second.text.empty());
+    CHECK((commits_of(z({"\x1e" "1", "\x1e" "2", ""})) == Commits{{"1", {}}, {"2", {""}}}));
+    CHECK(commits_of("").empty() && commits_of(z({"x", ""})).empty());
+
+    // A body read as records ends before the next head, even where a path
+    // was due; what a reader leaves of a body is skipped.
+    std::vector<std::vector<FileRecord>> records;
+    FileCollector<char> collector;
+    const std::string cut = z({"\x1e" "1", "\n:1 2 a b R1", "old", "\x1e" "2", "junk", ":1 2 a b A", "n"});
+    split_commits(cut, [&](std::string_view, BasicLogStream<char>& body) {
+        collector.collect(body, cut.data(), records.emplace_back(), false);
+    });
+    CHECK(records.size() == 2 && records[0].empty() &&
+          same(records[1], {{"n", S::added, nullptr, "", "", Counts::none}}, cut.data()));
+    std::size_t seen = 0;
+    split_commits(log, [&](std::string_view, BasicLogStream<char>&) { ++seen; });
+    CHECK(seen == 3);
 }
