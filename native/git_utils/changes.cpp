@@ -7,14 +7,13 @@
 
 #include "git_utils/changes.hpp"
 #include "git_utils/collaborators.hpp"
+#include "git_utils/helpers.hpp"
 #include "git_utils/revisions.hpp"
 #include "git_utils/runner.hpp"
 #include "git_utils/scan_text.hpp"
 
 namespace gu {
 namespace {
-
-constexpr const char* kGitMomentFormat = "%Y-%m-%d %H:%M:%S";
 
 // A new list of the texts in `fixed`.
 Ref text_list(std::initializer_list<const char*> fixed) {
@@ -36,13 +35,6 @@ Ref three_dots(PyObject* base, PyObject* head) {
     Ref h = Ref::steal(PyObject_Format(head, nullptr));
     if (!h) return Ref();
     return Ref::steal(PyUnicode_FromFormat("%U...%U", b.get(), h.get()));
-}
-
-// prefix + f"{value}"
-Ref prefixed(const char* prefix, PyObject* value) {
-    Ref v = Ref::steal(PyObject_Format(value, nullptr));
-    if (!v) return Ref();
-    return Ref::steal(PyUnicode_FromFormat("%s%U", prefix, v.get()));
 }
 
 // parser(_git_output(repo_root, args)), both found in the namespace. While
@@ -78,9 +70,9 @@ PyObject* log_commit_changes(PyObject* module, PyObject* const* a) {
     PyObject* max_commits = a[3];
     Ref args = text_list({"log"});
     if (!args) return nullptr;
-    Ref moment = Ref::steal(PyObject_CallMethod(since, "strftime", "s", kGitMomentFormat));
-    if (!moment || !append(args, prefixed("--since=", moment.get())) ||
-        !append(args, prefixed("--max-count=", max_commits)))
+    Ref moment = git_moment(since);
+    if (!moment || !append(args, formatted("--since=", moment.get())) ||
+        !append(args, formatted("--max-count=", max_commits)))
         return nullptr;
     for (const char* fixed : {"--no-show-signature", "--format=%x1e%ct", "--raw", "--numstat", "-M", "-z"})
         if (!append(args, Ref::steal(PyUnicode_FromString(fixed)))) return nullptr;
@@ -97,7 +89,7 @@ Ref patch_command(PyObject* module, PyObject* base, PyObject* head, PyObject* me
     if (!iterator) return Ref();
     while (Ref option = Ref::steal(PyIter_Next(iterator.get())))
         if (PyList_Append(command.get(), option.get()) < 0) return Ref();
-    if (PyErr_Occurred() || !append(command, prefixed("--diff-filter=", diff_filter))) return Ref();
+    if (PyErr_Occurred() || !append(command, formatted("--diff-filter=", diff_filter))) return Ref();
     const int three_dot = PyObject_IsTrue(merge_base);
     if (three_dot < 0) return Ref();
     if (three_dot) {
@@ -153,7 +145,7 @@ PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
         // result.update(spans): a later batch's list replaces an earlier one's
         const int merged = PyDict_Check(spans.get())
                                ? PyDict_Update(result.get(), spans.get())
-                               : (Ref::steal(PyObject_CallMethod(result.get(), "update", "O", spans.get())) ? 0 : -1);
+                               : (call_method(result.get(), "update", "O", spans.get()) ? 0 : -1);
         if (merged < 0) return nullptr;
     }
     return PyErr_Occurred() ? nullptr : result.release();

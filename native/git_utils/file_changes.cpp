@@ -15,18 +15,12 @@
 #include "git_utils/changes.hpp"
 #include "git_utils/collaborators.hpp"
 #include "git_utils/gc_pause.hpp"
+#include "git_utils/helpers.hpp"
 #include "git_utils/records.hpp"
 #include "git_utils/scan_text.hpp"
 
 namespace gu {
 namespace {
-
-Ref call_method(PyObject* o, const char* name, const char* format, const char* arg) {
-    return Ref::steal(PyObject_CallMethod(o, name, format, arg));
-}
-
-// bool(value), as an if statement reads it: 1, 0 or -1 with an exception.
-int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; }
 
 // ---- line counts -----------------------------------------------------------
 
@@ -46,8 +40,7 @@ bool all_ascii_digits(core::Piece<Unit> s) {
 
 // int(field) when the str `field` is all decimal digits, else 0.
 Ref line_count_of_str(PyObject* field) {
-    Ref decimal = Ref::steal(PyObject_CallMethod(field, "isdecimal", nullptr));
-    const int yes = truth(decimal);
+    const int yes = truth(call_method(field, "isdecimal"));
     if (yes < 0) return Ref();
     return Ref::steal(yes ? PyLong_FromUnicodeObject(field, 10) : PyLong_FromLong(0));
 }
@@ -94,8 +87,8 @@ struct StatusWords {
             {"T", "modified", -1},
         };
         for (const Expected& e : kExpected) {
-            Ref w = dict_get_item_string_ref(mapping, e.letter);
-            if (!w) {
+            Ref w;
+            if (dict_get(mapping, e.letter, w) <= 0) {
                 PyErr_Clear();
                 return false;
             }
@@ -205,7 +198,7 @@ Ref pair(PyObject* a, PyObject* b) { return Ref::steal(PyTuple_Pack(2, a, b)); }
 // A raw record head: the status of the path tokens that follow it.
 int read_raw_record(PyObject* token, PyObject* iterator, Collaborator& two_path_letters,
                     Collaborator& status_by_letter, PyObject* statuses) {
-    Ref parts = Ref::steal(PyObject_CallMethod(token, "rsplit", "si", " ", 1));
+    Ref parts = call_method(token, "rsplit", "si", " ", 1);
     if (!parts) return -1;
     Ref last = Ref::steal(PySequence_GetItem(parts.get(), -1));
     if (!last) return -1;
@@ -219,7 +212,7 @@ int read_raw_record(PyObject* token, PyObject* iterator, Collaborator& two_path_
     const int named = truth(path);
     if (named <= 0) return named;
     if (status_by_letter.get() == nullptr) return -1;
-    Ref status = Ref::steal(PyObject_CallMethod(status_by_letter.get(), "get", "Os", letter.get(), "modified"));
+    Ref status = call_method(status_by_letter.get(), "get", "Os", letter.get(), "modified");
     if (!status) return -1;
     Ref value = pair(status.get(), old_path.get());
     return value ? PyObject_SetItem(statuses, path.get(), value.get()) : -1;
@@ -227,7 +220,7 @@ int read_raw_record(PyObject* token, PyObject* iterator, Collaborator& two_path_
 
 // A numstat record, or any other token (skipped).
 int read_numstat_record(PyObject* token, PyObject* iterator, Collaborator& line_count, PyObject* counts) {
-    Ref parts = Ref::steal(PyObject_CallMethod(token, "split", "si", "\t", 2));
+    Ref parts = call_method(token, "split", "si", "\t", 2);
     if (!parts) return -1;
     const Py_ssize_t n = PyObject_Length(parts.get());
     if (n < 0) return -1;
@@ -331,7 +324,7 @@ PyObject* file_changes(PyObject* module, PyObject* const* a) {
 // output.split("\x00"), with the errors of that call for a non-str.
 Ref nul_tokens(PyObject* output) {
     Ref nul = Ref::steal(PyUnicode_FromStringAndSize("\0", 1));
-    return nul ? Ref::steal(PyObject_CallMethod(output, "split", "O", nul.get())) : Ref();
+    return nul ? call_method(output, "split", "O", nul.get()) : Ref();
 }
 
 PyObject* file_changes_of_tokens(PyObject* module, PyObject* output) {
@@ -376,7 +369,7 @@ Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
         return Ref::steal(PyLong_FromUnsignedLongLong(value));
     Ref s = text.str(time_text);  // signs, underscores, other scripts' blanks and digits, or no number
     if (!s) return Ref();
-    Ref stripped = Ref::steal(PyObject_CallMethod(s.get(), "strip", nullptr));
+    Ref stripped = call_method(s.get(), "strip");
     return stripped ? Ref::steal(PyLong_FromUnicodeObject(stripped.get(), 10)) : Ref();
 }
 
@@ -445,14 +438,14 @@ PyObject* commits_through_objects(PyObject* module, PyObject* output) {
     while (Ref token = Ref::steal(PyIter_Next(iterator.get()))) {
         Ref stripped = call_method(token.get(), "lstrip", "s", "\n");
         if (!stripped || commit_start.get() == nullptr) return nullptr;
-        const int header = truth(Ref::steal(PyObject_CallMethod(stripped.get(), "startswith", "O", commit_start.get())));
+        const int header = truth(call_method(stripped.get(), "startswith", "O", commit_start.get()));
         if (header < 0) return nullptr;
         if (header) {
             if (time && close_commit(module, time.get(), body.get(), file_changes, commit_changes, commits.get()) < 0)
                 return nullptr;
             Ref rest = Ref::steal(PySequence_GetSlice(stripped.get(), 1, PY_SSIZE_T_MAX));
             if (!rest) return nullptr;
-            time = Ref::steal(PyObject_CallMethod(rest.get(), "strip", nullptr));
+            time = call_method(rest.get(), "strip");
             body = Ref::steal(PyList_New(0));
             if (!time || !body) return nullptr;
         } else if (time && PyList_Append(body.get(), token.get()) < 0) {

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "git_utils/helpers.hpp"
 #include "git_utils/log_line.hpp"
 #include "git_utils/revisions.hpp"
 #include "git_utils/runner.hpp"
@@ -12,22 +13,12 @@
 namespace gu {
 namespace {
 
-constexpr const char* kGitMomentFormat = "%Y-%m-%d %H:%M:%S";
-
-Ref call_method(PyObject* o, const char* name) { return Ref::steal(PyObject_CallMethod(o, name, nullptr)); }
-
 Ref concat(PyObject* a, PyObject* b) { return Ref::steal(PyUnicode_Concat(a, b)); }
 
 // f"{value}" for the parts of a git argument.
 Ref formatted(PyObject* value) { return Ref::steal(PyObject_Format(value, nullptr)); }
 
-Ref git_moment(PyObject* moment) {
-    return Ref::steal(PyObject_CallMethod(moment, "strftime", "s", kGitMomentFormat));
-}
-
 // ---- author statistics -----------------------------------------------------
-
-Ref text(const char* s) { return Ref::steal(PyUnicode_FromString(s)); }
 
 // One "count<TAB>name <email>" line into its entry; null with no error for a
 // line to skip.
@@ -103,9 +94,7 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     PyObject* out = parts[0].get();
     PyObject* err = parts[1].get();
     PyObject* code = parts[2].get();
-    Ref zero = Ref::steal(PyLong_FromLong(0));
-    if (!zero) return nullptr;
-    const int failed = PyObject_RichCompareBool(code, zero.get(), Py_NE);
+    const int failed = code_compare(code, Py_NE);
     if (failed < 0) return nullptr;
     if (failed) {
         Ref stripped = call_method(err, "strip");
@@ -121,7 +110,7 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     // A replaced runner's stdout that is not a str (bytes, say) splits, or
     // fails to, as the object's own split does.
     Ref lines = PyUnicode_CheckExact(body.get()) ? Ref::steal(PyUnicode_Split(body.get(), newline.get(), -1))
-                                            : Ref::steal(PyObject_CallMethod(body.get(), "split", "O", newline.get()));
+                                            : call_method(body.get(), "split", "O", newline.get());
     if (lines && !PyList_Check(lines.get())) {
         PyErr_Format(PyExc_TypeError, "split() gave %.200s, not a list of str", Py_TYPE(lines.get())->tp_name);
         return nullptr;

@@ -17,6 +17,7 @@
 #include "git_utils/changes.hpp"
 #include "git_utils/collaborators.hpp"
 #include "git_utils/gc_pause.hpp"
+#include "git_utils/helpers.hpp"
 #include "git_utils/records.hpp"
 #include "git_utils/scan_text.hpp"
 
@@ -29,9 +30,6 @@ struct PythonError {};
 
 // The message of bytearray.append() for a value outside a byte.
 constexpr const char* kByteRange = "byte must be in range(0, 256)";
-
-// bool(value) of a new reference: 1, 0 or -1 with an exception.
-int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; }
 
 Ref int_of(std::int64_t v) { return Ref::steal(PyLong_FromLongLong(v)); }
 
@@ -66,8 +64,8 @@ bool native_unquote(PyObject* module) {
     static constexpr std::pair<const char*, Py_UCS4> kExpected[] = {
         {"a", 0x07}, {"b", 0x08}, {"f", 0x0C}, {"n", 0x0A}, {"r", 0x0D}, {"t", 0x09}, {"v", 0x0B}};
     for (const auto& [letter, code] : kExpected) {
-        Ref c = dict_get_item_string_ref(escapes, letter);
-        if (!c) {
+        Ref c;
+        if (dict_get(escapes, letter, c) <= 0) {
             PyErr_Clear();
             return false;
         }
@@ -90,7 +88,7 @@ Ref unquote_natively(std::string_view escaped) {
 bool append_utf8(PyObject* text, Py_ssize_t from, Py_ssize_t to, std::string& out) {
     Ref piece = Ref::steal(PySequence_GetSlice(text, from, to));
     if (!piece) return false;
-    Ref encoded = Ref::steal(PyObject_CallMethod(piece.get(), "encode", "s", "utf-8"));
+    Ref encoded = call_method(piece.get(), "encode", "s", "utf-8");
     if (!encoded) return false;
     char* data = nullptr;
     Py_ssize_t size = 0;
@@ -115,7 +113,7 @@ bool append_escape(PyObject* code, PyObject* escapes, std::string& out) {
         out.push_back(static_cast<char>(byte));
         return true;
     }
-    Ref character = Ref::steal(PyObject_CallMethod(escapes, "get", "OO", code, code));
+    Ref character = call_method(escapes, "get", "OO", code, code);
     if (!character) return false;
     const Py_ssize_t size = PyObject_Length(character.get());
     return size >= 0 && append_utf8(character.get(), 0, size, out);
@@ -126,7 +124,7 @@ bool append_escape(PyObject* code, PyObject* escapes, std::string& out) {
 Ref unquote_through_objects(PyObject* module, PyObject* text) {
     Ref pattern = lookup(module, Name::_C_ESCAPE);
     if (!pattern) return Ref();
-    Ref matches = Ref::steal(PyObject_CallMethod(pattern.get(), "finditer", "O", text));
+    Ref matches = call_method(pattern.get(), "finditer", "O", text);
     if (!matches) return Ref();
     Ref iterator = Ref::steal(PyObject_GetIter(matches.get()));
     if (!iterator) return Ref();
@@ -134,9 +132,9 @@ Ref unquote_through_objects(PyObject* module, PyObject* text) {
     std::string bytes;
     Py_ssize_t position = 0;
     while (Ref match = Ref::steal(PyIter_Next(iterator.get()))) {
-        Ref start = Ref::steal(PyObject_CallMethod(match.get(), "start", nullptr));
-        Ref end = Ref::steal(PyObject_CallMethod(match.get(), "end", nullptr));
-        Ref code = Ref::steal(PyObject_CallMethod(match.get(), "group", "i", 1));
+        Ref start = call_method(match.get(), "start");
+        Ref end = call_method(match.get(), "end");
+        Ref code = call_method(match.get(), "group", "i", 1);
         if (!start || !end || !code) return Ref();
         const Py_ssize_t from = PyLong_AsSsize_t(start.get());
         const Py_ssize_t to = PyLong_AsSsize_t(end.get());
@@ -169,7 +167,7 @@ Ref call_one(PyObject* f, PyObject* arg) { return Ref::steal(PyObject_CallOneArg
 // and the errors Python code would raise for anything else.
 PyObject* patch_path(PyObject* module, PyObject* const* a) {
     Ref name = Ref::borrow(a[0]);
-    const int tab = truth(Ref::steal(PyObject_CallMethod(name.get(), "endswith", "s", "\t")));
+    const int tab = truth(call_method(name.get(), "endswith", "s", "\t"));
     if (tab < 0) return nullptr;
     if (tab) {
         name = Ref::steal(PySequence_GetSlice(name.get(), 0, -1));
@@ -408,7 +406,7 @@ private:
 
     // int(match.group(n)), or 1 when the group did not take part.
     static Ref group_count(PyObject* match, int n, bool default_one) {
-        Ref g = Ref::steal(PyObject_CallMethod(match, "group", "i", n));
+        Ref g = call_method(match, "group", "i", n);
         if (!g) return Ref();
         if (default_one && g.get() == Py_None) return int_of(1);
         return Ref::steal(PyNumber_Long(g.get()));
@@ -417,7 +415,7 @@ private:
     std::optional<std::pair<std::int64_t, std::int64_t>> header_through_pattern(Piece line) {
         Ref text = text_.str(line);
         if (!text || header_pattern_.get() == nullptr) throw PythonError{};
-        Ref match = Ref::steal(PyObject_CallMethod(header_pattern_.get(), "match", "O", text.get()));
+        Ref match = call_method(header_pattern_.get(), "match", "O", text.get());
         if (!match) throw PythonError{};
         const int matched = PyObject_IsTrue(match.get());  // None, or a match (always true)
         if (matched < 0) throw PythonError{};
@@ -453,7 +451,7 @@ PyObject* parse_line_spans(PyObject* module, PyObject* const* a) {
     if (!PyUnicode_Check(patch)) {
         // patch.split("\n") fails for anything but a str; what it raises is
         // what the caller gets.
-        Ref lines = Ref::steal(PyObject_CallMethod(patch, "split", "s", "\n"));
+        Ref lines = call_method(patch, "split", "s", "\n");
         if (lines)
             PyErr_Format(PyExc_TypeError, "parse_line_spans() argument 'patch' must be str, not %.200s",
                          Py_TYPE(patch)->tp_name);

@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "git_utils/genuine.hpp"
+#include "git_utils/helpers.hpp"
 #include "git_utils/ref.hpp"
 #include "git_utils/state.hpp"
 
@@ -15,8 +16,6 @@ namespace {
 constexpr const char* kReplacedMethods[] = {"debug", "warning", "_log", "findCaller"};
 // What the record path still calls through the logger, as those would.
 constexpr const char* kCalledMethods[] = {"isEnabledFor", "makeRecord", "handle"};
-
-Ref text(const char* s) { return Ref::steal(PyUnicode_FromString(s)); }
 
 // Whether `logger` is the standard Logger with logging's own methods:
 // 1, 0, or -1 with an exception.

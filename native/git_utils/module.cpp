@@ -7,6 +7,7 @@
 
 #include "git_utils/changes.hpp"
 #include "git_utils/function.hpp"
+#include "git_utils/helpers.hpp"
 #include "git_utils/history.hpp"
 #include "git_utils/log_line.hpp"
 #include "git_utils/names.hpp"
@@ -138,16 +139,10 @@ Ref import(const Import& what) {
     return value;
 }
 
-Ref evaluate(PyObject* module, const char* expression) {
-    Ref globals = namespace_copy(module);
-    if (!globals) return Ref();
-    return Ref::steal(PyRun_String(expression, Py_eval_input, globals.get(), globals.get()));
-}
-
 Ref make_logger(PyObject* module) {
     Ref logging = lookup(module, Name::logging);
     if (!logging) return Ref();
-    return Ref::steal(PyObject_CallMethod(logging.get(), "getLogger", "O", state_of(module)->module_name));
+    return call_method(logging.get(), "getLogger", "O", state_of(module)->module_name);
 }
 
 Ref make_error_class(PyObject* module) {

@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "git_utils/helpers.hpp"
 namespace gu {
 namespace {
 
@@ -48,12 +49,6 @@ const RecordSpec kRecords[] = {
      3},
 };
 
-Ref eval_in(PyObject* module, const char* expression) {
-    Ref globals = namespace_copy(module);
-    if (!globals) return Ref();
-    return Ref::steal(PyRun_String(expression, Py_eval_input, globals.get(), globals.get()));
-}
-
 // type(name, (), namespace), then dataclass(frozen=True).
 Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
     ModuleState* st = state_of(module);
@@ -72,7 +67,7 @@ Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
         PyObject* field_name = PyUnicode_InternFromString(field.name);
         if (field_name == nullptr) return Ref();
         PyTuple_SET_ITEM(fields.get(), static_cast<Py_ssize_t>(i), field_name);
-        Ref ann = eval_in(module, field.annotation);
+        Ref ann = evaluate(module, field.annotation);
         if (!ann || PyDict_SetItem(annotations.get(), field_name, ann.get()) < 0) return Ref();
         if (field.defaults_to_none && PyDict_SetItem(ns.get(), field_name, Py_None) < 0) return Ref();
     }

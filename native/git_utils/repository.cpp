@@ -10,6 +10,7 @@
 #endif
 
 #include "git_utils/genuine.hpp"
+#include "git_utils/helpers.hpp"
 #include "git_utils/runner.hpp"
 #include "git_utils/state.hpp"
 
@@ -21,10 +22,6 @@ constexpr Py_ssize_t kMaxDirectoryName = 100;
 
 // The ref prefixes normalize_branch_name cuts, in the order of one pass.
 constexpr const char* kRefPrefixes[] = {"refs/heads/", "refs/remotes/", "remotes/", "origin/"};
-
-Ref text(const char* s) { return Ref::steal(PyUnicode_FromString(s)); }
-
-Ref call_method(PyObject* obj, const char* name) { return Ref::steal(PyObject_CallMethod(obj, name, nullptr)); }
 
 Py_ssize_t length_of(const char* s) { return static_cast<Py_ssize_t>(std::strlen(s)); }
 
@@ -44,7 +41,7 @@ bool has_prefix_at(int kind, const void* data, Py_ssize_t at, Py_ssize_t end, co
 int starts_with(PyObject* s, const char* prefix) {
     if (PyUnicode_CheckExact(s))
         return has_prefix_at(PyUnicode_KIND(s), PyUnicode_DATA(s), 0, PyUnicode_GET_LENGTH(s), prefix) ? 1 : 0;
-    Ref r = Ref::steal(PyObject_CallMethod(s, "startswith", "s", prefix));
+    Ref r = call_method(s, "startswith", "s", prefix);
     return r ? PyObject_IsTrue(r.get()) : -1;
 }
 
@@ -56,13 +53,6 @@ Ref cut(PyObject* s, const char* prefix) {
     Ref slice = Ref::steal(PySlice_New(from.get(), nullptr, nullptr));
     if (!slice) return Ref();
     return Ref::steal(PyObject_GetItem(s, slice.get()));
-}
-
-// f"{head}{value}{tail}"
-Ref formatted(const char* head, PyObject* value, const char* tail) {
-    Ref middle = Ref::steal(PyObject_Format(value, nullptr));
-    if (!middle) return Ref();
-    return Ref::steal(PyUnicode_FromFormat("%s%U%s", head, middle.get(), tail));
 }
 
 // normalize_branch_name of an exact str: strip white space as str.strip()
@@ -138,9 +128,9 @@ PyObject* sanitize_text(PyObject* s, bool expand_separators) {
 // The same steps through the object's own methods: replace, iteration,
 // isalnum, "".join and slicing.
 PyObject* sanitize_object(PyObject* branch) {
-    Ref safe = Ref::steal(PyObject_CallMethod(branch, "replace", "ss", "/", "__"));
+    Ref safe = call_method(branch, "replace", "ss", "/", "__");
     if (!safe) return nullptr;
-    safe = Ref::steal(PyObject_CallMethod(safe.get(), "replace", "ss", "\\", "__"));
+    safe = call_method(safe.get(), "replace", "ss", "\\", "__");
     if (!safe) return nullptr;
     if (PyUnicode_CheckExact(safe.get())) return sanitize_text(safe.get(), false);
 
@@ -392,16 +382,7 @@ bool run_git(PyObject* module, PyObject* repo_root, Ref args, GitResult& result)
 }
 
 // bool(returncode == 0)
-int succeeded(PyObject* code) {
-    if (PyLong_CheckExact(code)) {
-        int overflow = 0;
-        return PyLong_AsLongAndOverflow(code, &overflow) == 0 && overflow == 0 ? 1 : 0;
-    }
-    Ref zero = Ref::steal(PyLong_FromLong(0));
-    if (!zero) return -1;
-    Ref equal = Ref::steal(PyObject_RichCompare(code, zero.get(), Py_EQ));
-    return equal ? PyObject_IsTrue(equal.get()) : -1;
-}
+int succeeded(PyObject* code) { return code_compare(code, Py_EQ); }
 
 // The stripped stdout when returncode == 0 and it is not empty; else None.
 // With `strip_first` the output is stripped before the code is looked at

@@ -7,6 +7,7 @@
 
 #include "core/line_ends.hpp"
 #include "git_utils/genuine.hpp"
+#include "git_utils/helpers.hpp"
 #include "git_utils/log_line.hpp"
 #include "git_utils/state.hpp"
 
@@ -23,8 +24,6 @@ namespace {
 // Seconds the native wait uses; larger limits go to subprocess.run, whose
 // own handling of them (and of odd values) is the reference.
 constexpr double kMaxNativeTimeout = 1e6;
-
-Ref text(const char* s) { return Ref::steal(PyUnicode_FromString(s)); }
 
 Ref git_triple(PyObject* out, PyObject* err, PyObject* code) { return Ref::steal(PyTuple_Pack(3, out, err, code)); }
 
@@ -82,7 +81,7 @@ int merge_options(PyObject* callee, PyObject* kwargs, PyObject* options) {
     if (PyDict_Check(options)) {
         keys = Ref::steal(PyDict_Keys(options));
     } else {
-        keys = Ref::steal(PyObject_CallMethod(options, "keys", nullptr));
+        keys = call_method(options, "keys");
         if (!keys && PyErr_ExceptionMatches(PyExc_AttributeError)) {
             PyErr_Clear();
             Ref name = function_str(callee);
@@ -139,9 +138,7 @@ PyObject* run_through_subprocess(PyObject* module, PyObject* subprocess, PyObjec
     Ref out = Ref::steal(PyObject_GetAttrString(result.get(), "stdout"));
     Ref err = Ref::steal(PyObject_GetAttrString(result.get(), "stderr"));
     if (!code || !out || !err) return nullptr;
-    Ref zero = Ref::steal(PyLong_FromLong(0));
-    if (!zero) return nullptr;
-    const int failed = PyObject_RichCompareBool(code.get(), zero.get(), Py_NE);
+    const int failed = code_compare(code.get(), Py_NE);
     if (failed < 0 || (failed && log_failure(module, args, code.get(), err.get()) < 0)) return nullptr;
     return git_triple(out.get(), err.get(), code.get()).release();
 }
@@ -380,9 +377,7 @@ PyObject* run_git_command(PyObject* module, PyObject* const* a) { return run_git
 PyObject* output_or_error(PyObject* module, PyObject* result) {
     Ref parts[3];
     if (!unpack_git_result(result, parts)) return nullptr;
-    Ref zero = Ref::steal(PyLong_FromLong(0));
-    if (!zero) return nullptr;
-    const int failed = PyObject_RichCompareBool(parts[2].get(), zero.get(), Py_NE);
+    const int failed = code_compare(parts[2].get(), Py_NE);
     if (failed < 0) return nullptr;
     if (!failed) return parts[0].release();
 

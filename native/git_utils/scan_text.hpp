@@ -11,19 +11,6 @@
 
 namespace gu {
 
-// mapping[key] as a strong reference (PyDict_GetItemStringRef of 3.13 and
-// later): null when the key is absent (no exception) or the lookup failed.
-inline Ref dict_get_item_string_ref(PyObject* mapping, const char* key) {
-#if PY_VERSION_HEX >= 0x030D0000
-    PyObject* item = nullptr;
-    PyDict_GetItemStringRef(mapping, key, &item);
-    return Ref::steal(item);
-#else
-    Ref k = Ref::steal(PyUnicode_FromString(key));
-    return k ? Ref::borrow(PyDict_GetItemWithError(mapping, k.get())) : Ref();
-#endif
-}
-
 // False with a TypeError unless `text` is a str.
 inline bool require_str(PyObject* text) {
     if (PyUnicode_Check(text)) return true;

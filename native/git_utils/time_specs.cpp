@@ -19,13 +19,11 @@
 #include <utility>
 
 #include "core/iso_time.hpp"
+#include "git_utils/helpers.hpp"
 #include "git_utils/history.hpp"
-#include "git_utils/state.hpp"
 
 namespace gu {
 namespace {
-
-Ref call_method(PyObject* o, const char* name) { return Ref::steal(PyObject_CallMethod(o, name, nullptr)); }
 
 // "since must be <forms>; got <repr>", with the forms read from the namespace.
 PyObject* refuse(PyObject* module, PyObject* since) {
@@ -151,12 +149,12 @@ int match_relative(PyObject* module, const Spec& spec, Relative& rel) {
     }
     Ref text = spec_object(spec);
     if (!text) return -1;
-    Ref match = Ref::steal(PyObject_CallMethod(pattern.get(), "fullmatch", "O", text.get()));
+    Ref match = call_method(pattern.get(), "fullmatch", "O", text.get());
     if (!match) return -1;
     if (match.get() == Py_None) return 0;
-    Ref digits = Ref::steal(PyObject_CallMethod(match.get(), "group", "i", 1));
+    Ref digits = call_method(match.get(), "group", "i", 1);
     if (!digits) return -1;
-    rel.letter = Ref::steal(PyObject_CallMethod(match.get(), "group", "i", 2));
+    rel.letter = call_method(match.get(), "group", "i", 2);
     if (!rel.letter) return -1;
     rel.count = Ref::steal(PyNumber_Long(digits.get()));
     return rel.count ? 1 : -1;

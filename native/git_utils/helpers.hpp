@@ -1,0 +1,81 @@
+// The small pieces every subsystem of the binding layer uses, in one
+// spelling each: strs from C text, method calls, truth, source evaluated in
+// the namespace, git's return code, git's moment format and git's argument
+// lists. Each returns a null Ref (or -1) with an exception set on failure.
+#pragma once
+
+#include <Python.h>
+
+#include <initializer_list>
+
+#include "git_utils/ref.hpp"
+#include "git_utils/state.hpp"
+
+namespace gu {
+
+// A new str of the UTF-8 text `s`.
+inline Ref text(const char* s) { return Ref::steal(PyUnicode_FromString(s)); }
+
+// o.name(...), with `format` and `args` as PyObject_CallMethod reads them.
+template <class... Args>
+Ref call_method(PyObject* o, const char* name, const char* format = nullptr, Args... args) {
+    return Ref::steal(PyObject_CallMethod(o, name, format, args...));
+}
+
+// bool(value), as an if statement reads it: 1, 0, or -1 with an exception
+// (a null `value` is the failed call that made it).
+inline int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; }
+
+// The value of the Python expression `expression` in a copy of the
+// namespace as it stands now.
+inline Ref evaluate(PyObject* module, const char* expression) {
+    Ref globals = namespace_copy(module);
+    if (!globals) return Ref();
+    return Ref::steal(PyRun_String(expression, Py_eval_input, globals.get(), globals.get()));
+}
+
+// `code == 0` (op Py_EQ) or `code != 0` (op Py_NE) for git's return code, as
+// an if statement reads it: 1, 0, or -1 with an exception. An exact int is
+// read natively; anything else compares through its own methods.
+inline int code_compare(PyObject* code, int op) {
+    if (PyLong_CheckExact(code)) {
+        int overflow = 0;
+        const bool zero = PyLong_AsLongAndOverflow(code, &overflow) == 0 && overflow == 0;
+        return zero == (op == Py_EQ) ? 1 : 0;
+    }
+    Ref zero = Ref::steal(PyLong_FromLong(0));
+    return zero ? truth(Ref::steal(PyObject_RichCompare(code, zero.get(), op))) : -1;
+}
+
+// moment.strftime(...) in the form git reads as local time, to the second.
+inline Ref git_moment(PyObject* moment) { return call_method(moment, "strftime", "s", "%Y-%m-%d %H:%M:%S"); }
+
+// f"{head}{value}{tail}"
+inline Ref formatted(const char* head, PyObject* value, const char* tail = "") {
+    Ref middle = Ref::steal(PyObject_Format(value, nullptr));
+    if (!middle) return Ref();
+    return Ref::steal(PyUnicode_FromFormat("%s%U%s", head, middle.get(), tail));
+}
+
+// One argument of a git command line: a C text, or an object put in as it is.
+struct Arg {
+    Arg(const char* s) : text(s) {}
+    Arg(PyObject* o) : object(o) {}
+    const char* text = nullptr;
+    PyObject* object = nullptr;
+};
+
+// A new list of the arguments, in order.
+inline Ref arg_list(std::initializer_list<Arg> args) {
+    Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(args.size())));
+    if (!list) return Ref();
+    Py_ssize_t i = 0;
+    for (const Arg& a : args) {
+        Ref item = a.object ? Ref::borrow(a.object) : text(a.text);
+        if (!item) return Ref();
+        PyList_SET_ITEM(list.get(), i++, item.release());
+    }
+    return list;
+}
+
+}  // namespace gu
