@@ -44,7 +44,7 @@ using FromGit = PyObject* (*)(PyObject* module, std::string_view output);
 
 PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, Name parser, FromGit from_git) {
     GitOutput output;
-    if (!git_output_for_parser(module, repo_root, args, output)) return nullptr;
+    if (git_output_for_parser(module, repo_root, args, output) < 0) return nullptr;
     Ref parse = lookup(module, parser);
     if (!parse) return nullptr;
     if (output.is_bytes) {
@@ -57,14 +57,14 @@ PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, N
 }
 
 PyObject* diff_file_changes(PyObject* module, PyObject* const* a) {
-    if (!refuse_option_like(module, {a[1], a[2]})) return nullptr;
+    if (refuse_option_like(module, {a[1], a[2]}) < 0) return nullptr;
     Ref args = text_list({"diff", "--raw", "--numstat", "-M", "-z", "--no-textconv"});
     if (!args || !append(args, three_dots(a[1], a[2]))) return nullptr;
     return run_and_parse(module, a[0], args.get(), Name::parse_file_changes, parse_file_changes_from_git);
 }
 
 PyObject* log_commit_changes(PyObject* module, PyObject* const* a) {
-    if (!refuse_option_like(module, {a[2]})) return nullptr;
+    if (refuse_option_like(module, {a[2]}) < 0) return nullptr;
     PyObject* since = a[1];
     PyObject* ref = a[2];
     PyObject* max_commits = a[3];
@@ -116,7 +116,7 @@ Ref batch_arguments(PyObject* command, PyObject* batch) {
 }
 
 PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
-    if (!refuse_option_like(module, {a[1], a[2]})) return nullptr;
+    if (refuse_option_like(module, {a[1], a[2]}) < 0) return nullptr;
     PyObject* repo_root = a[0];
     PyObject* paths = a[4];
     Ref command = patch_command(module, a[1], a[2], a[3], a[5]);

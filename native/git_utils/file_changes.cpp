@@ -129,7 +129,7 @@ Ref count_of(const core::FileRecord& r, std::uint32_t exact, bool first, const T
 // or, for a commit, a tuple, of the records' size). `fill`: the records may
 // be filled natively without asking again (no Python code runs meanwhile).
 template <class Unit>
-bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const std::vector<core::FileRecord>& records,
+int fill_file_changes(PyObject* module, const NativeFileChanges& native, const std::vector<core::FileRecord>& records,
                        const Text<Unit>& text, Collaborator& file_change, bool fill, PyObject* out) {
     const ModuleState* st = state_of(module);
     const bool is_tuple = PyTuple_Check(out);
@@ -139,22 +139,22 @@ bool fill_file_changes(PyObject* module, const NativeFileChanges& native, const 
         Ref path = text.str(core::path_of(r, base));
         const std::optional<core::Piece<Unit>> old = core::old_path_of(r, base);
         Ref old_path = old ? text.str(*old) : Ref::borrow(Py_None);
-        if (!path || !old_path) return false;
+        if (!path || !old_path) return -1;
         Ref added = count_of(r, r.added, true, text);
         Ref deleted = count_of(r, r.deleted, false, text);
         PyObject* cls = file_change.get();
-        if (!added || !deleted || cls == nullptr) return false;
+        if (!added || !deleted || cls == nullptr) return -1;
         PyObject* values[] = {path.get(), native.words.word[static_cast<int>(r.status)].get(), added.get(),
                               deleted.get(), old_path.get()};
         Ref record = fill ? fill_record(st, Record::file_change, cls, values)
                           : make_record(st, Record::file_change, cls, values);
-        if (!record) return false;
+        if (!record) return -1;
         if (is_tuple)
             PyTuple_SET_ITEM(out, static_cast<Py_ssize_t>(i), record.release());
         else
             PyList_SET_ITEM(out, static_cast<Py_ssize_t>(i), record.release());
     }
-    return true;
+    return 0;
 }
 
 // Whether the core can hold offsets into `text`; a longer one is parsed
@@ -180,7 +180,7 @@ PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& nativ
     const bool fill =
         file_change.is_original() && fills_natively(state_of(module), Record::file_change, file_change.get());
     GcPause pause(fill);
-    if (!fill_file_changes(module, native, records, text, file_change, fill, list.get())) return nullptr;
+    if (fill_file_changes(module, native, records, text, file_change, fill, list.get()) < 0) return nullptr;
     return list.release();
 }
 
@@ -396,7 +396,7 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, co
             if (!time) return nullptr;
             collector.collect(log, text.base(), records, false);
             Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
-            if (!files || !fill_file_changes(module, native, records, text, file_change, fill, files.get()))
+            if (!files || fill_file_changes(module, native, records, text, file_change, fill, files.get()) < 0)
                 return nullptr;
             PyObject* cls = commit_changes.get();
             if (cls == nullptr) return nullptr;

@@ -47,6 +47,21 @@ inline int code_compare(PyObject* code, int op) {
     return zero ? truth(Ref::steal(PyObject_RichCompare(code, zero.get(), op))) : -1;
 }
 
+// raise GitError(message), with the class the namespace holds now: -1.
+inline int raise_git_error(PyObject* module, Ref message) {
+    if (!message) return -1;
+    Ref error_class = lookup(module, Name::GitError);
+    if (!error_class) return -1;
+    Ref error = Ref::steal(PyObject_CallOneArg(error_class.get(), message.get()));
+    if (!error) return -1;
+    if (!PyExceptionInstance_Check(error.get())) {
+        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
+        return -1;
+    }
+    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
+    return -1;
+}
+
 // moment.strftime(...) in the form git reads as local time, to the second.
 inline Ref git_moment(PyObject* moment) { return call_method(moment, "strftime", "s", "%Y-%m-%d %H:%M:%S"); }
 

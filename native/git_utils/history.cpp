@@ -2,8 +2,6 @@
 // commit at a moment (time specs have a file of their own).
 #include "git_utils/history.hpp"
 
-#include <utility>
-
 #include "git_utils/helpers.hpp"
 #include "git_utils/log_line.hpp"
 #include "git_utils/revisions.hpp"
@@ -20,10 +18,8 @@ Ref formatted(PyObject* value) { return Ref::steal(PyObject_Format(value, nullpt
 
 // ---- author statistics -----------------------------------------------------
 
-// One "count<TAB>name <email>" line into its entry; null with no error for a
-// line to skip.
-Ref author_entry(PyObject* raw_line, bool& failed) {
-    failed = true;
+// One "count<TAB>name <email>" line into its entry; None for a line to skip.
+Ref author_entry(PyObject* raw_line) {
     Ref line = call_method(raw_line, "strip");
     if (!line) return Ref();
     if (!PyUnicode_Check(line.get())) {
@@ -33,9 +29,7 @@ Ref author_entry(PyObject* raw_line, bool& failed) {
     const Py_ssize_t length = PyUnicode_GET_LENGTH(line.get());
     const Py_ssize_t tab = PyUnicode_FindChar(line.get(), '\t', 0, length, 1);
     if (tab == -2) return Ref();
-    failed = false;
-    if (tab < 0) return Ref();
-    failed = true;
+    if (tab < 0) return Ref::borrow(Py_None);
     Ref count_text = Ref::steal(PyUnicode_Substring(line.get(), 0, tab));
     Ref rest = Ref::steal(PyUnicode_Substring(line.get(), tab + 1, length));
     if (!count_text || !rest) return Ref();
@@ -70,7 +64,6 @@ Ref author_entry(PyObject* raw_line, bool& failed) {
         PyDict_SetItemString(entry.get(), "email", email.get()) < 0 ||
         PyDict_SetItemString(entry.get(), "commits", count.get()) < 0)
         return Ref();
-    failed = false;
     return entry;
 }
 
@@ -90,7 +83,7 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     Ref result = call_run_git_command(module, repo_root, args.get());
     if (!result) return nullptr;
     Ref parts[3];
-    if (!unpack_git_result(result.get(), parts)) return nullptr;
+    if (unpack_git_result(result.get(), parts) < 0) return nullptr;
     PyObject* out = parts[0].get();
     PyObject* err = parts[1].get();
     PyObject* code = parts[2].get();
@@ -124,28 +117,22 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
             return nullptr;
         }
         if (PyUnicode_GET_LENGTH(line) == 0) continue;
-        bool entry_failed = false;
-        Ref entry = author_entry(line, entry_failed);
-        if (entry_failed) return nullptr;
-        if (entry && PyList_Append(authors.get(), entry.get()) < 0) return nullptr;
+        Ref entry = author_entry(line);
+        if (!entry || (entry.get() != Py_None && PyList_Append(authors.get(), entry.get()) < 0)) return nullptr;
     }
     return authors.release();
 }
 
 // ---- counting and lookup ---------------------------------------------------
 
-// _git_output(...).strip(), and whether anything is left of it.
-Ref stripped_output(PyObject* module, PyObject* repo_root, PyObject* args, int& has_text) {
+// _git_output(...).strip()
+Ref stripped_output(PyObject* module, PyObject* repo_root, PyObject* args) {
     Ref out = call_git_output(module, repo_root, args);
-    if (!out) return Ref();
-    Ref stripped = call_method(out.get(), "strip");
-    if (!stripped) return Ref();
-    has_text = PyObject_IsTrue(stripped.get());
-    return has_text < 0 ? Ref() : std::move(stripped);
+    return out ? call_method(out.get(), "strip") : Ref();
 }
 
 PyObject* count_commits(PyObject* module, PyObject* const* a) {
-    if (!refuse_option_like(module, {a[1], a[2]})) return nullptr;
+    if (refuse_option_like(module, {a[1], a[2]}) < 0) return nullptr;
     Ref base = formatted(a[1]);
     Ref head = formatted(a[2]);
     Ref dots = text("..");
@@ -156,15 +143,15 @@ PyObject* count_commits(PyObject* module, PyObject* const* a) {
     if (!range) return nullptr;
     Ref args = Ref::steal(Py_BuildValue("[ssO]", "rev-list", "--count", range.get()));
     if (!args) return nullptr;
-    int has_text = 0;
-    Ref stripped = stripped_output(module, a[0], args.get(), has_text);
-    if (!stripped) return nullptr;
+    Ref stripped = stripped_output(module, a[0], args.get());
+    const int has_text = truth(stripped);
+    if (has_text < 0) return nullptr;
     if (!has_text) return PyLong_FromLong(0);
     return PyNumber_Long(stripped.get());  // int(): str, bytes and bytearray alike
 }
 
 PyObject* commit_before(PyObject* module, PyObject* const* a) {
-    if (!refuse_option_like(module, {a[1]})) return nullptr;
+    if (refuse_option_like(module, {a[1]}) < 0) return nullptr;
     Ref when = git_moment(a[2]);
     Ref prefix = text("--before=");
     if (!when || !prefix) return nullptr;
@@ -172,9 +159,9 @@ PyObject* commit_before(PyObject* module, PyObject* const* a) {
     if (!before) return nullptr;
     Ref args = Ref::steal(Py_BuildValue("[ssOO]", "rev-list", "-1", before.get(), a[1]));
     if (!args) return nullptr;
-    int has_text = 0;
-    Ref stripped = stripped_output(module, a[0], args.get(), has_text);
-    if (!stripped) return nullptr;
+    Ref stripped = stripped_output(module, a[0], args.get());
+    const int has_text = truth(stripped);
+    if (has_text < 0) return nullptr;
     if (!has_text) Py_RETURN_NONE;
     return stripped.release();
 }

@@ -24,10 +24,6 @@
 namespace gu {
 namespace {
 
-// Thrown out of the core's walk when a Python call failed; the exception
-// is set.
-struct PythonError {};
-
 // The message of bytearray.append() for a value outside a byte.
 constexpr const char* kByteRange = "byte must be in range(0, 256)";
 
@@ -85,38 +81,38 @@ Ref unquote_natively(std::string_view escaped) {
 }
 
 // Appends text[from:to] as UTF-8.
-bool append_utf8(PyObject* text, Py_ssize_t from, Py_ssize_t to, std::string& out) {
+int append_utf8(PyObject* text, Py_ssize_t from, Py_ssize_t to, std::string& out) {
     Ref piece = Ref::steal(PySequence_GetSlice(text, from, to));
-    if (!piece) return false;
+    if (!piece) return -1;
     Ref encoded = call_method(piece.get(), "encode", "s", "utf-8");
-    if (!encoded) return false;
+    if (!encoded) return -1;
     char* data = nullptr;
     Py_ssize_t size = 0;
-    if (PyBytes_AsStringAndSize(encoded.get(), &data, &size) < 0) return false;
+    if (PyBytes_AsStringAndSize(encoded.get(), &data, &size) < 0) return -1;
     out.append(data, static_cast<std::size_t>(size));
-    return true;
+    return 0;
 }
 
 // The escape a match of _C_ESCAPE captured, appended as bytes.
-bool append_escape(PyObject* code, PyObject* escapes, std::string& out) {
+int append_escape(PyObject* code, PyObject* escapes, std::string& out) {
     const Py_ssize_t length = PyObject_Length(code);
-    if (length < 0) return false;
+    if (length < 0) return -1;
     if (length == 3) {  // an octal byte
         Ref value = Ref::steal(PyLong_FromUnicodeObject(code, 8));
-        if (!value) return false;
+        if (!value) return -1;
         const long byte = PyLong_AsLong(value.get());
-        if (byte == -1 && PyErr_Occurred()) return false;
+        if (byte == -1 && PyErr_Occurred()) return -1;
         if (byte < 0 || byte > 255) {
             PyErr_SetString(PyExc_ValueError, kByteRange);
-            return false;
+            return -1;
         }
         out.push_back(static_cast<char>(byte));
-        return true;
+        return 0;
     }
     Ref character = call_method(escapes, "get", "OO", code, code);
-    if (!character) return false;
+    if (!character) return -1;
     const Py_ssize_t size = PyObject_Length(character.get());
-    return size >= 0 && append_utf8(character.get(), 0, size, out);
+    return size < 0 ? -1 : append_utf8(character.get(), 0, size, out);
 }
 
 // The algorithm over what the namespace holds: every match of _C_ESCAPE
@@ -139,12 +135,12 @@ Ref unquote_through_objects(PyObject* module, PyObject* text) {
         const Py_ssize_t from = PyLong_AsSsize_t(start.get());
         const Py_ssize_t to = PyLong_AsSsize_t(end.get());
         if ((from == -1 || to == -1) && PyErr_Occurred()) return Ref();
-        if (!append_utf8(text, position, from, bytes) || escapes.get() == nullptr ||
-            !append_escape(code.get(), escapes.get(), bytes))
+        if (append_utf8(text, position, from, bytes) < 0 || escapes.get() == nullptr ||
+            append_escape(code.get(), escapes.get(), bytes) < 0)
             return Ref();
         position = to;
     }
-    if (PyErr_Occurred() || !append_utf8(text, position, PY_SSIZE_T_MAX, bytes)) return Ref();
+    if (PyErr_Occurred() || append_utf8(text, position, PY_SSIZE_T_MAX, bytes) < 0) return Ref();
     return Ref::steal(PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), "replace"));
 }
 
@@ -152,7 +148,7 @@ PyObject* unquote(PyObject* module, PyObject* const* a) {
     PyObject* text = a[0];
     if (PyUnicode_Check(text) && native_unquote(module)) {
         Utf8View bytes;
-        if (!bytes.open(text)) return nullptr;
+        if (bytes.open(text) < 0) return nullptr;
         // A surrogate fails the encoding: the object tier raises what Python does.
         if (!has_surrogate(bytes.view())) return unquote_natively(bytes.view()).release();
     }
@@ -266,7 +262,9 @@ PyObject* span(PyObject* module, PyObject* const* a) {
 // ---- parse_line_spans ------------------------------------------------------
 
 // The parser's state and the helpers of this call. The core's walk reports
-// each "+++ " line and asks about every other line outside a hunk.
+// each "+++ " line and asks about every other line outside a hunk. The first
+// Python call that fails leaves its exception set and the collector failed:
+// the walk's remaining lines are passed over without calling anything.
 template <class Unit>
 class SpanCollector {
 public:
@@ -280,17 +278,17 @@ public:
           path_function_(module, Name::_patch_path),
           line_span_(module, Name::LineSpan) {}
 
-    bool start() {
+    int start() {
         spans_ = Ref::steal(PyDict_New());
         native_header_ = unchanged(module_, Name::_HUNK_HEADER);
         native_span_ = unchanged(module_, Name::_span);
         native_path_ = unchanged(module_, Name::_patch_path);
         native_unquote_ = native_path_ && unchanged(module_, Name::_unquote) && native_unquote(module_);
         path_ = Ref::borrow(Py_None);
-        return static_cast<bool>(spans_);
+        return spans_ ? 0 : -1;
     }
 
-    PyObject* result() { return spans_.release(); }
+    PyObject* result() { return failed_ ? nullptr : spans_.release(); }
 
     // Whether the whole parse runs without calling Python code: every
     // helper native and the records filled natively, which then need not
@@ -302,12 +300,14 @@ public:
     }
 
     void path_line(Piece rest) {
+        if (failed_) return;
         path_ = native_path_ ? path_natively(rest) : call_helper(path_function_, text_.str(rest));
-        if (!path_) throw PythonError{};
+        failed_ = !path_;
         list_.reset();
     }
 
     std::optional<std::pair<std::int64_t, std::int64_t>> header(Piece line) {
+        if (failed_) return std::nullopt;
         if (native_header_) {
             if (const std::optional<core::BasicHunkHeader<Unit>> h = core::match_hunk_header(line)) return record(*h);
             std::size_t at = 0;
@@ -322,6 +322,7 @@ private:
     const Text<Unit>& text_;
     Collaborator header_pattern_, span_function_, path_function_, line_span_;
     bool native_header_ = false, native_span_ = false, native_path_ = false, native_unquote_ = false, fill_ = false;
+    bool failed_ = false;
     Ref spans_;
     Ref path_;                  // None, or the key of the current file's spans
     Ref list_;                  // the current file's list, once looked up
@@ -347,7 +348,7 @@ private:
         Ref name = text_.str(p.text);
         if (name && native_unquote_) {
             Utf8View bytes;
-            if (!bytes.open(name.get())) return Ref();
+            if (bytes.open(name.get()) < 0) return Ref();
             if (!has_surrogate(bytes.view())) return unquote_natively(bytes.view());
         }
         Collaborator unquote_found(module_, Name::_unquote);
@@ -370,7 +371,7 @@ private:
 
     void append(Ref span) {
         PyObject* list = span ? current_list() : nullptr;
-        if (list == nullptr || PyList_Append(list, span.get()) < 0) throw PythonError{};
+        failed_ = list == nullptr || PyList_Append(list, span.get()) < 0;
     }
 
     // A head the core matched: its counts, and its span when a file is open.
@@ -388,7 +389,10 @@ private:
             Ref old_count = h.old_count.empty() ? int_of(1) : int_of_digits(h.old_count);
             Ref start = int_of_digits(h.new_start);
             Ref new_count = h.new_count.empty() ? int_of(1) : int_of_digits(h.new_count);
-            if (!old_count || !start || !new_count) throw PythonError{};
+            if (!old_count || !start || !new_count) {
+                failed_ = true;
+                return counts;
+            }
             append_span(start.get(), new_count.get(), old_count.get());
         }
         return counts;
@@ -399,7 +403,10 @@ private:
             append(span_of(module_, line_span_, start, new_count, old_count));
             return;
         }
-        if (span_function_.get() == nullptr) throw PythonError{};
+        if (span_function_.get() == nullptr) {
+            failed_ = true;
+            return;
+        }
         PyObject* args[] = {start, new_count, old_count};
         append(Ref::steal(PyObject_Vectorcall(span_function_.get(), args, 3, nullptr)));
     }
@@ -414,18 +421,19 @@ private:
 
     std::optional<std::pair<std::int64_t, std::int64_t>> header_through_pattern(Piece line) {
         Ref text = text_.str(line);
-        if (!text || header_pattern_.get() == nullptr) throw PythonError{};
-        Ref match = call_method(header_pattern_.get(), "match", "O", text.get());
-        if (!match) throw PythonError{};
-        const int matched = PyObject_IsTrue(match.get());  // None, or a match (always true)
-        if (matched < 0) throw PythonError{};
-        if (!matched) return std::nullopt;
+        Ref match = text && header_pattern_.get() ? call_method(header_pattern_.get(), "match", "O", text.get()) : Ref();
+        const int matched = truth(match);  // None, or a match (always true)
+        if (matched <= 0) {
+            failed_ = matched < 0;
+            return std::nullopt;
+        }
         Ref old_count = group_count(match.get(), 1, true);
-        if (!old_count) throw PythonError{};
-        Ref start = group_count(match.get(), 2, false);
-        if (!start) throw PythonError{};
-        Ref new_count = group_count(match.get(), 3, true);
-        if (!new_count) throw PythonError{};
+        Ref start = old_count ? group_count(match.get(), 2, false) : Ref();
+        Ref new_count = start ? group_count(match.get(), 3, true) : Ref();
+        if (!new_count) {
+            failed_ = true;
+            return std::nullopt;
+        }
         if (path_.get() != Py_None) append_span(start.get(), new_count.get(), old_count.get());
         return std::make_pair(saturated(old_count.get()), saturated(new_count.get()));
     }
@@ -434,12 +442,10 @@ private:
 template <class Unit>
 PyObject* spans_of(PyObject* module, const Text<Unit>& text) {
     SpanCollector<Unit> collector(module, text);
-    if (!collector.start()) return nullptr;
+    if (collector.start() < 0) return nullptr;
     GcPause pause(collector.all_native());
     try {
         core::walk_patch(text.view(), collector);
-    } catch (const PythonError&) {
-        return nullptr;
     } catch (const std::bad_alloc&) {
         return PyErr_NoMemory();
     }

@@ -351,34 +351,20 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
 // ---------------------------------------------------------------------------
 // Queries
 
-// A fresh argument list for one git run: the fixed texts, then `last`.
-Ref arg_list(std::initializer_list<const char*> fixed, PyObject* last = nullptr) {
-    Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(fixed.size()) + (last ? 1 : 0)));
-    if (!list) return Ref();
-    Py_ssize_t i = 0;
-    for (const char* s : fixed) {
-        Ref item = text(s);
-        if (!item) return Ref();
-        PyList_SET_ITEM(list.get(), i++, item.release());
-    }
-    if (last) PyList_SET_ITEM(list.get(), i, Ref::borrow(last).release());
-    return list;
-}
-
 struct GitResult {
     Ref out;
     Ref code;
 };
 
 // stdout, _, returncode = run_git_command(repo_root, args)
-bool run_git(PyObject* module, PyObject* repo_root, Ref args, GitResult& result) {
-    if (!args) return false;
+int run_git(PyObject* module, PyObject* repo_root, Ref args, GitResult& result) {
+    if (!args) return -1;
     Ref triple = call_run_git_command(module, repo_root, args.get());
     Ref parts[3];
-    if (!triple || !unpack_git_result(triple.get(), parts)) return false;
+    if (!triple || unpack_git_result(triple.get(), parts) < 0) return -1;
     result.out = std::move(parts[0]);
     result.code = std::move(parts[2]);
-    return true;
+    return 0;
 }
 
 // bool(returncode == 0)
@@ -404,7 +390,7 @@ PyObject* stripped_output(PyObject* module, GitResult& result, bool strip_first)
 
 PyObject* resolve_display_branch(PyObject* module, PyObject* const* a) {
     GitResult result;
-    if (!run_git(module, a[0], arg_list({"branch", "--show-current"}), result)) return nullptr;
+    if (run_git(module, a[0], arg_list({"branch", "--show-current"}), result) < 0) return nullptr;
     return stripped_output(module, result, false);
 }
 
@@ -413,14 +399,14 @@ PyObject* get_head_commit(PyObject* module, PyObject* const* a) {
     if (short_form < 0) return nullptr;
     GitResult result;
     Ref args = short_form ? arg_list({"rev-parse", "--short", "HEAD"}) : arg_list({"rev-parse", "HEAD"});
-    if (!run_git(module, a[0], std::move(args), result)) return nullptr;
+    if (run_git(module, a[0], std::move(args), result) < 0) return nullptr;
     return stripped_output(module, result, true);
 }
 
 PyObject* get_default_branch(PyObject* module, PyObject* const* a) {
     constexpr const char* kRemotePrefix = "refs/remotes/origin/";
     GitResult result;
-    if (!run_git(module, a[0], arg_list({"symbolic-ref", "refs/remotes/origin/HEAD"}), result)) return nullptr;
+    if (run_git(module, a[0], arg_list({"symbolic-ref", "refs/remotes/origin/HEAD"}), result) < 0) return nullptr;
     Ref remote_head = Ref::steal(stripped_output(module, result, false));
     if (!remote_head) return nullptr;
     if (remote_head.get() != Py_None) {
@@ -429,7 +415,7 @@ PyObject* get_default_branch(PyObject* module, PyObject* const* a) {
         return prefixed ? cut(remote_head.get(), kRemotePrefix).release() : remote_head.release();
     }
     for (const char* candidate : {"main", "master"}) {
-        if (!run_git(module, a[0], arg_list({"rev-parse", "--verify", candidate}), result)) return nullptr;
+        if (run_git(module, a[0], arg_list({"rev-parse", "--verify", candidate}), result) < 0) return nullptr;
         const int ok = succeeded(result.code.get());
         if (ok < 0) return nullptr;
         if (ok) return PyUnicode_FromString(candidate);
@@ -441,7 +427,7 @@ PyObject* branch_exists(PyObject* module, PyObject* const* a) {
     PyObject* repo_root = a[0];
     PyObject* branch = a[1];
     GitResult result;
-    if (!run_git(module, repo_root, arg_list({"rev-parse", "--verify"}, branch), result)) return nullptr;
+    if (run_git(module, repo_root, arg_list({"rev-parse", "--verify", branch}), result) < 0) return nullptr;
     int ok = succeeded(result.code.get());
     if (ok < 0) return nullptr;
     if (ok) Py_RETURN_TRUE;
@@ -450,7 +436,7 @@ PyObject* branch_exists(PyObject* module, PyObject* const* a) {
     if (!remote) {
         Ref spelled = formatted("origin/", branch, "");
         if (!spelled) return nullptr;
-        if (!run_git(module, repo_root, arg_list({"rev-parse", "--verify"}, spelled.get()), result)) return nullptr;
+        if (run_git(module, repo_root, arg_list({"rev-parse", "--verify", spelled.get()}), result) < 0) return nullptr;
         ok = succeeded(result.code.get());
         if (ok < 0) return nullptr;
         if (ok) Py_RETURN_TRUE;
@@ -470,7 +456,7 @@ PyObject* resolve_commit(PyObject* module, PyObject* const* a) {
     Ref revision = formatted("", name, "^{commit}");
     if (!revision) return nullptr;
     GitResult result;
-    if (!run_git(module, a[0], arg_list({"rev-parse", "--verify", "--quiet"}, revision.get()), result))
+    if (run_git(module, a[0], arg_list({"rev-parse", "--verify", "--quiet", revision.get()}), result) < 0)
         return nullptr;
     return stripped_output(module, result, true);
 }

@@ -10,10 +10,10 @@
 
 namespace gu {
 
-// True when no str among `revisions` begins with "--" (None and other types
-// pass). Otherwise false, with GitError("revision looks like an option: "
+// 0 when no str among `revisions` begins with "--" (None and other types
+// pass). Otherwise -1, with GitError("revision looks like an option: "
 // + repr(revision)) raised for the first such revision; GitError is the one
 // the namespace holds now.
-bool refuse_option_like(PyObject* module, std::initializer_list<PyObject*> revisions);
+int refuse_option_like(PyObject* module, std::initializer_list<PyObject*> revisions);
 
 }  // namespace gu

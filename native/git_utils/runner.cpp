@@ -376,7 +376,7 @@ PyObject* run_git_command(PyObject* module, PyObject* const* a) { return run_git
 // What _git_output makes of the runner's result: stdout, or GitError.
 PyObject* output_or_error(PyObject* module, PyObject* result) {
     Ref parts[3];
-    if (!unpack_git_result(result, parts)) return nullptr;
+    if (unpack_git_result(result, parts) < 0) return nullptr;
     const int failed = code_compare(parts[2].get(), Py_NE);
     if (failed < 0) return nullptr;
     if (!failed) return parts[0].release();
@@ -392,15 +392,7 @@ PyObject* output_or_error(PyObject* module, PyObject* result) {
         message = Ref::steal(PyUnicode_FromFormat("git exited with code %U", code.get()));
         if (!message) return nullptr;
     }
-    Ref error_class = lookup(module, Name::GitError);
-    if (!error_class) return nullptr;
-    Ref error = Ref::steal(PyObject_CallOneArg(error_class.get(), message.get()));
-    if (!error) return nullptr;
-    if (!PyExceptionInstance_Check(error.get())) {
-        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
-        return nullptr;
-    }
-    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
+    raise_git_error(module, std::move(message));
     return nullptr;
 }
 
@@ -468,10 +460,10 @@ int record_runner_originals(PyObject* module) {
     return 0;
 }
 
-bool unpack_git_result(PyObject* value, Ref out[3]) {
+int unpack_git_result(PyObject* value, Ref out[3]) {
     if (PyTuple_CheckExact(value) && PyTuple_GET_SIZE(value) == 3) {
         for (Py_ssize_t i = 0; i < 3; ++i) out[i] = Ref::borrow(PyTuple_GET_ITEM(value, i));
-        return true;
+        return 0;
     }
     Ref iter = Ref::steal(PyObject_GetIter(value));
     if (!iter) {
@@ -480,14 +472,14 @@ bool unpack_git_result(PyObject* value, Ref out[3]) {
             PyErr_Clear();
             PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value)->tp_name);
         }
-        return false;
+        return -1;
     }
     for (int i = 0; i < 3; ++i) {
         out[i] = Ref::steal(PyIter_Next(iter.get()));
         if (!out[i]) {
             if (!PyErr_Occurred())
                 PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %d)", i);
-            return false;
+            return -1;
         }
     }
     Ref extra = Ref::steal(PyIter_Next(iter.get()));
@@ -501,13 +493,13 @@ bool unpack_git_result(PyObject* value, Ref out[3]) {
         else if (PyTuple_CheckExact(value)) got = PyTuple_GET_SIZE(value);
         if (got > 3) {
             PyErr_Format(PyExc_ValueError, "too many values to unpack (expected 3, got %zd)", got);
-            return false;
+            return -1;
         }
 #endif
         PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
-        return false;
+        return -1;
     }
-    return !PyErr_Occurred();
+    return PyErr_Occurred() ? -1 : 0;
 }
 
 Ref call_run_git_command(PyObject* module, PyObject* repo_root, PyObject* args) {
@@ -518,26 +510,26 @@ Ref call_git_output(PyObject* module, PyObject* repo_root, PyObject* args) {
     return call_named(module, Name::_git_output, repo_root, args);
 }
 
-bool git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args, GitOutput& out) {
+int git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args, GitOutput& out) {
     const ModuleState* st = state_of(module);
     Ref strict = lookup(module, Name::_git_output);
-    if (!strict) return false;
+    if (!strict) return -1;
     if (is_original(st, Name::_git_output, strict.get())) {
         Ref lenient = lookup(module, Name::run_git_command);
-        if (!lenient) return false;
+        if (!lenient) return -1;
         Ref timeout = is_original(st, Name::run_git_command, lenient.get()) ? default_timeout(lenient.get())
                                                                             : Ref::borrow(Py_None);
-        if (!timeout) return false;
+        if (!timeout) return -1;
         if (timeout.get() != Py_None) {
             Ref result = Ref::steal(run_git(module, repo_root, args, timeout.get(), &out.bytes));
-            if (!result) return false;
+            if (!result) return -1;
             out.is_bytes = result.get() == Py_None;
             if (!out.is_bytes) out.text = Ref::steal(output_or_error(module, result.get()));
-            return out.is_bytes || out.text;
+            return out.is_bytes || out.text ? 0 : -1;
         }
     }
     out.text = call_one(strict.get(), repo_root, args);
-    return static_cast<bool>(out.text);
+    return out.text ? 0 : -1;
 }
 
 const FunctionDef kRunGitCommand = {

@@ -29,16 +29,16 @@ Ref call_git_output(PyObject* module, PyObject* repo_root, PyObject* args);
 // parser: while _git_output, run_git_command and the spawn are all as bound
 // at load and git exits with 0, stdout stays bytes (line ends normalised,
 // not decoded: is_bytes); otherwise `text` is what _git_output returned.
-// False with an exception set (GitError among them).
+// 0, or -1 with an exception set (GitError among them).
 struct GitOutput {
     bool is_bytes = false;
     core::ByteBuffer bytes;
     Ref text;
 };
-bool git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args, GitOutput& out);
+int git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args, GitOutput& out);
 
 // stdout, stderr, returncode = value, with the interpreter's unpacking
-// errors; false with an exception set.
-bool unpack_git_result(PyObject* value, Ref out[3]);
+// errors; 0, or -1 with an exception set.
+int unpack_git_result(PyObject* value, Ref out[3]);
 
 }  // namespace gu

@@ -11,11 +11,11 @@
 
 namespace gu {
 
-// False with a TypeError unless `text` is a str.
-inline bool require_str(PyObject* text) {
-    if (PyUnicode_Check(text)) return true;
+// -1 with a TypeError unless `text` is a str.
+inline int require_str(PyObject* text) {
+    if (PyUnicode_Check(text)) return 0;
     PyErr_Format(PyExc_TypeError, "expected str, not %.200s", Py_TYPE(text)->tp_name);
-    return false;
+    return -1;
 }
 
 // The bytes of a str as UTF-8, for undoing C-style escapes, which work on
@@ -24,17 +24,17 @@ inline bool require_str(PyObject* text) {
 // their three-byte forms, for has_surrogate to find).
 class Utf8View {
 public:
-    // False with an exception set when `text` is not a str or can't be encoded.
-    bool open(PyObject* text) {
-        if (!require_str(text)) return false;
+    // -1 with an exception set when `text` is not a str or can't be encoded.
+    int open(PyObject* text) {
+        if (require_str(text) < 0) return -1;
         if (PyUnicode_IS_ASCII(text)) {
             view_ = {static_cast<const char*>(PyUnicode_DATA(text)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
-            return true;
+            return 0;
         }
         owner_ = Ref::steal(PyUnicode_AsEncodedString(text, "utf-8", "surrogatepass"));
-        if (!owner_) return false;
+        if (!owner_) return -1;
         view_ = {PyBytes_AS_STRING(owner_.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(owner_.get()))};
-        return true;
+        return 0;
     }
     std::string_view view() const noexcept { return view_; }
 

@@ -79,9 +79,9 @@ struct Spec {
     bool ranged = false;  // the spec is text[start:end] of an exact str
 };
 
-bool strip_spec(PyObject* module, PyObject* since, Spec& spec) {
+int strip_spec(PyObject* module, PyObject* since, Spec& spec) {
     if (PyUnicode_CheckExact(since)) {
-        if (!ready(since)) return false;
+        if (!ready(since)) return -1;
         const auto kind = PyUnicode_KIND(since);
         const void* data = PyUnicode_DATA(since);
         Py_ssize_t start = 0, end = PyUnicode_GET_LENGTH(since);
@@ -91,10 +91,10 @@ bool strip_spec(PyObject* module, PyObject* since, Spec& spec) {
         spec.start = start;
         spec.end = end;
         spec.ranged = true;
-        return true;
+        return 0;
     }
     spec.text = Ref::steal(PyObject_CallMethodNoArgs(since, state_of(module)->str_strip));
-    return spec.text && (!PyUnicode_Check(spec.text.get()) || ready(spec.text.get()));
+    return spec.text && (!PyUnicode_Check(spec.text.get()) || ready(spec.text.get())) ? 0 : -1;
 }
 
 // The spec as a str object; a new one only when blanks were cut off.
@@ -429,7 +429,7 @@ Ref iso_moment(PyObject* module, const Spec& spec) {
 PyObject* parse_time_spec(PyObject* module, PyObject* const* a) {
     PyObject* since = a[0];
     Spec spec;
-    if (!strip_spec(module, since, spec)) return nullptr;
+    if (strip_spec(module, since, spec) < 0) return nullptr;
     Relative rel;
     const int relative = match_relative(module, spec, rel);
     if (relative < 0) return guard_failure(module, since);
