@@ -2,8 +2,6 @@
 // strict runner found in the namespace and returns what the parser found
 // there makes of the output. diff_line_spans runs git once per batch of
 // paths and merges the answers.
-#include <initializer_list>
-#include <limits>
 
 #include "git_utils/changes.hpp"
 #include "git_utils/collaborators.hpp"
@@ -15,27 +13,61 @@
 namespace gu {
 namespace {
 
-// A new list of the texts in `fixed`.
-Ref text_list(std::initializer_list<const char*> fixed) {
-    Ref list = Ref::steal(PyList_New(0));
-    if (!list) return Ref();
-    for (const char* s : fixed) {
-        Ref item = Ref::steal(PyUnicode_FromString(s));
-        if (!item || PyList_Append(list.get(), item.get()) < 0) return Ref();
-    }
-    return list;
+// list.extend(items), item by item as a for loop appends them.
+int extend(PyObject* list, PyObject* items) {
+    Ref iterator = Ref::steal(PyObject_GetIter(items));
+    if (!iterator) return -1;
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get())))
+        if (PyList_Append(list, item.get()) < 0) return -1;
+    return PyErr_Occurred() ? -1 : 0;
 }
 
-bool append(const Ref& list, Ref item) { return item && PyList_Append(list.get(), item.get()) == 0; }
+// ---- git's command lines ---------------------------------------------------
 
-// f"{base}...{head}"
-Ref three_dots(PyObject* base, PyObject* head) {
-    Ref b = Ref::steal(PyObject_Format(base, nullptr));
-    if (!b) return Ref();
-    Ref h = Ref::steal(PyObject_Format(head, nullptr));
-    if (!h) return Ref();
-    return Ref::steal(PyUnicode_FromFormat("%U...%U", b.get(), h.get()));
+Ref diff_command(PyObject* base, PyObject* head) {
+    Ref range = revision_range(base, "...", head);
+    return arg_list({"diff", "--raw", "--numstat", "-M", "-z", "--no-textconv", range.get()});
 }
+
+Ref log_command(PyObject* since, PyObject* ref, PyObject* max_commits) {
+    Ref moment = git_moment(since);
+    Ref since_arg = moment ? formatted("--since=", moment.get()) : Ref();
+    Ref max_arg = since_arg ? formatted("--max-count=", max_commits) : Ref();
+    Ref args = arg_list({"log", since_arg.get(), max_arg.get(), "--no-show-signature", "--format=%x1e%ct", "--raw",
+                         "--numstat", "-M", "-z"});
+    if (args && ref != Py_None && PyList_Append(args.get(), ref) < 0) return Ref();
+    return args;
+}
+
+// The arguments every batch of diff_line_spans shares.
+Ref patch_command(PyObject* module, PyObject* base, PyObject* head, PyObject* merge_base, PyObject* diff_filter) {
+    Ref command = arg_list({"-c", "core.quotepath=off", "--literal-pathspecs", "diff"});
+    Ref options = command ? lookup(module, Name::_PATCH_OPTIONS) : Ref();
+    if (!options || extend(command.get(), options.get()) < 0) return Ref();
+    Ref filter = formatted("--diff-filter=", diff_filter);
+    if (!filter || PyList_Append(command.get(), filter.get()) < 0) return Ref();
+    const int three_dot = PyObject_IsTrue(merge_base);
+    if (three_dot < 0) return Ref();
+    Ref range = three_dot ? revision_range(base, "...", head) : Ref();
+    if (three_dot ? !range || PyList_Append(command.get(), range.get()) < 0
+                  : PyList_Append(command.get(), base) < 0 || PyList_Append(command.get(), head) < 0)
+        return Ref();
+    return command;
+}
+
+// [*command, "--", *batch] for a batch with paths, else a copy of command.
+Ref batch_command(PyObject* command, PyObject* batch) {
+    Ref arguments = Ref::steal(PyList_GetSlice(command, 0, PY_SSIZE_T_MAX));
+    if (!arguments) return Ref();
+    const int has_paths = PyObject_IsTrue(batch);
+    if (has_paths <= 0) return has_paths < 0 ? Ref() : std::move(arguments);
+    Ref separator = text("--");
+    if (!separator || PyList_Append(arguments.get(), separator.get()) < 0 || extend(arguments.get(), batch) < 0)
+        return Ref();
+    return arguments;
+}
+
+// ---- the queries -----------------------------------------------------------
 
 // parser(_git_output(repo_root, args)), both found in the namespace. While
 // both are the ones bound at load, git's stdout goes to the parser as the
@@ -58,61 +90,16 @@ PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, N
 
 PyObject* diff_file_changes(PyObject* module, PyObject* const* a) {
     if (refuse_option_like(module, {a[1], a[2]}) < 0) return nullptr;
-    Ref args = text_list({"diff", "--raw", "--numstat", "-M", "-z", "--no-textconv"});
-    if (!args || !append(args, three_dots(a[1], a[2]))) return nullptr;
+    Ref args = diff_command(a[1], a[2]);
+    if (!args) return nullptr;
     return run_and_parse(module, a[0], args.get(), Name::parse_file_changes, parse_file_changes_from_git);
 }
 
 PyObject* log_commit_changes(PyObject* module, PyObject* const* a) {
     if (refuse_option_like(module, {a[2]}) < 0) return nullptr;
-    PyObject* since = a[1];
-    PyObject* ref = a[2];
-    PyObject* max_commits = a[3];
-    Ref args = text_list({"log"});
+    Ref args = log_command(a[1], a[2], a[3]);
     if (!args) return nullptr;
-    Ref moment = git_moment(since);
-    if (!moment || !append(args, formatted("--since=", moment.get())) ||
-        !append(args, formatted("--max-count=", max_commits)))
-        return nullptr;
-    for (const char* fixed : {"--no-show-signature", "--format=%x1e%ct", "--raw", "--numstat", "-M", "-z"})
-        if (!append(args, Ref::steal(PyUnicode_FromString(fixed)))) return nullptr;
-    if (ref != Py_None && PyList_Append(args.get(), ref) < 0) return nullptr;
     return run_and_parse(module, a[0], args.get(), Name::parse_commit_changes, parse_commit_changes_from_git);
-}
-
-// The arguments every batch of diff_line_spans shares.
-Ref patch_command(PyObject* module, PyObject* base, PyObject* head, PyObject* merge_base, PyObject* diff_filter) {
-    Ref command = text_list({"-c", "core.quotepath=off", "--literal-pathspecs", "diff"});
-    Ref options = lookup(module, Name::_PATCH_OPTIONS);
-    if (!command || !options) return Ref();
-    Ref iterator = Ref::steal(PyObject_GetIter(options.get()));
-    if (!iterator) return Ref();
-    while (Ref option = Ref::steal(PyIter_Next(iterator.get())))
-        if (PyList_Append(command.get(), option.get()) < 0) return Ref();
-    if (PyErr_Occurred() || !append(command, formatted("--diff-filter=", diff_filter))) return Ref();
-    const int three_dot = PyObject_IsTrue(merge_base);
-    if (three_dot < 0) return Ref();
-    if (three_dot) {
-        if (!append(command, three_dots(base, head))) return Ref();
-    } else if (PyList_Append(command.get(), base) < 0 || PyList_Append(command.get(), head) < 0) {
-        return Ref();
-    }
-    return command;
-}
-
-// [*command, "--", *batch] for a batch with paths, else a copy of command.
-Ref batch_arguments(PyObject* command, PyObject* batch) {
-    Ref arguments = Ref::steal(PyList_GetSlice(command, 0, PY_SSIZE_T_MAX));
-    if (!arguments) return Ref();
-    const int has_paths = PyObject_IsTrue(batch);
-    if (has_paths < 0) return Ref();
-    if (!has_paths) return arguments;
-    if (!append(arguments, Ref::steal(PyUnicode_FromString("--")))) return Ref();
-    Ref iterator = Ref::steal(PyObject_GetIter(batch));
-    if (!iterator) return Ref();
-    while (Ref path = Ref::steal(PyIter_Next(iterator.get())))
-        if (PyList_Append(arguments.get(), path.get()) < 0) return Ref();
-    return PyErr_Occurred() ? Ref() : std::move(arguments);
 }
 
 PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
@@ -137,7 +124,7 @@ PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
     Ref iterator = Ref::steal(PyObject_GetIter(batches.get()));
     if (!iterator) return nullptr;
     while (Ref batch = Ref::steal(PyIter_Next(iterator.get()))) {
-        Ref arguments = batch_arguments(command.get(), batch.get());
+        Ref arguments = batch_command(command.get(), batch.get());
         if (!arguments) return nullptr;
         Ref spans = Ref::steal(
             run_and_parse(module, repo_root, arguments.get(), Name::parse_line_spans, parse_line_spans_from_git));

@@ -72,6 +72,13 @@ inline Ref formatted(const char* head, PyObject* value, const char* tail = "") {
     return Ref::steal(PyUnicode_FromFormat("%s%U%s", head, middle.get(), tail));
 }
 
+// f"{base}{dots}{head}": a revision range.
+inline Ref revision_range(PyObject* base, const char* dots, PyObject* head) {
+    Ref b = Ref::steal(PyObject_Format(base, nullptr));
+    Ref h = b ? Ref::steal(PyObject_Format(head, nullptr)) : Ref();
+    return h ? Ref::steal(PyUnicode_FromFormat("%U%s%U", b.get(), dots, h.get())) : Ref();
+}
+
 // One argument of a git command line: a C text, or an object put in as it is.
 struct Arg {
     Arg(const char* s) : text(s) {}
@@ -80,8 +87,11 @@ struct Arg {
     PyObject* object = nullptr;
 };
 
-// A new list of the arguments, in order.
+// A new list of the arguments, in order; null when an object is (the call
+// that made it failed).
 inline Ref arg_list(std::initializer_list<Arg> args) {
+    for (const Arg& a : args)
+        if (!a.object && !a.text) return Ref();
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(args.size())));
     if (!list) return Ref();
     Py_ssize_t i = 0;

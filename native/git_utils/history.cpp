@@ -11,10 +11,12 @@
 namespace gu {
 namespace {
 
-Ref concat(PyObject* a, PyObject* b) { return Ref::steal(PyUnicode_Concat(a, b)); }
-
-// f"{value}" for the parts of a git argument.
-Ref formatted(PyObject* value) { return Ref::steal(PyObject_Format(value, nullptr)); }
+// prefix + moment, for an option git reads a moment from (the TypeError of
+// str + for anything but a str).
+Ref moment_option(const char* prefix, PyObject* moment) {
+    Ref p = text(prefix);
+    return p ? Ref::steal(PyUnicode_Concat(p.get(), moment)) : Ref();
+}
 
 // ---- author statistics -----------------------------------------------------
 
@@ -74,11 +76,8 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     Ref start = Ref::steal(PyObject_CallOneArg(parse.get(), a[1]));
     if (!start) return nullptr;
     Ref when = git_moment(start.get());
-    Ref prefix = text("--since=");
-    if (!when || !prefix) return nullptr;
-    Ref since_arg = concat(prefix.get(), when.get());
-    if (!since_arg) return nullptr;
-    Ref args = Ref::steal(Py_BuildValue("[sOs]", "shortlog", since_arg.get(), "-sne"));
+    Ref since_arg = when ? moment_option("--since=", when.get()) : Ref();
+    Ref args = arg_list({"shortlog", since_arg.get(), "-sne"});
     if (!args) return nullptr;
     Ref result = call_run_git_command(module, repo_root, args.get());
     if (!result) return nullptr;
@@ -133,15 +132,8 @@ Ref stripped_output(PyObject* module, PyObject* repo_root, PyObject* args) {
 
 PyObject* count_commits(PyObject* module, PyObject* const* a) {
     if (refuse_option_like(module, {a[1], a[2]}) < 0) return nullptr;
-    Ref base = formatted(a[1]);
-    Ref head = formatted(a[2]);
-    Ref dots = text("..");
-    if (!base || !head || !dots) return nullptr;
-    Ref left = concat(base.get(), dots.get());
-    if (!left) return nullptr;
-    Ref range = concat(left.get(), head.get());
-    if (!range) return nullptr;
-    Ref args = Ref::steal(Py_BuildValue("[ssO]", "rev-list", "--count", range.get()));
+    Ref range = revision_range(a[1], "..", a[2]);
+    Ref args = arg_list({"rev-list", "--count", range.get()});
     if (!args) return nullptr;
     Ref stripped = stripped_output(module, a[0], args.get());
     const int has_text = truth(stripped);
@@ -153,11 +145,8 @@ PyObject* count_commits(PyObject* module, PyObject* const* a) {
 PyObject* commit_before(PyObject* module, PyObject* const* a) {
     if (refuse_option_like(module, {a[1]}) < 0) return nullptr;
     Ref when = git_moment(a[2]);
-    Ref prefix = text("--before=");
-    if (!when || !prefix) return nullptr;
-    Ref before = concat(prefix.get(), when.get());
-    if (!before) return nullptr;
-    Ref args = Ref::steal(Py_BuildValue("[ssOO]", "rev-list", "-1", before.get(), a[1]));
+    Ref before = when ? moment_option("--before=", when.get()) : Ref();
+    Ref args = arg_list({"rev-list", "-1", before.get(), a[1]});
     if (!args) return nullptr;
     Ref stripped = stripped_output(module, a[0], args.get());
     const int has_text = truth(stripped);

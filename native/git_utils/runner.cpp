@@ -345,7 +345,7 @@ PyObject* run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObjec
     if (!subprocess) return nullptr;
     Ref run = Ref::steal(PyObject_GetAttr(subprocess.get(), st->str_run));
     if (!run) return nullptr;
-    Ref prefix = Ref::steal(Py_BuildValue("[s]", "git"));
+    Ref prefix = arg_list({"git"});
     if (!prefix) return nullptr;
     Ref argv = Ref::steal(PyNumber_Add(prefix.get(), args));
     if (!argv) return nullptr;
