@@ -23,6 +23,24 @@ namespace gu::core {
 
 enum class Status : std::uint8_t { added, copied, deleted, modified, renamed };
 
+// The status letters of git's raw records and the word each stands for, in
+// the order of the namespace's letter mapping, which the binding makes from
+// this table and checks against it. Any other letter (and the empty one)
+// reads as modified.
+struct StatusLetter {
+    char letter;
+    Status status;
+    const char* word;
+};
+inline constexpr StatusLetter status_letters[] = {
+    {'A', Status::added, "added"},       {'C', Status::copied, "copied"},   {'D', Status::deleted, "deleted"},
+    {'M', Status::modified, "modified"}, {'R', Status::renamed, "renamed"}, {'T', Status::modified, "modified"},
+};
+
+// The letters whose raw records name the older path before the path (a
+// rename, a copy), in the order the namespace's letter set is made.
+inline constexpr std::string_view two_path_letters = "RC";
+
 // How a record's line counts are held.
 enum class Counts : std::uint8_t {
     none,    // no numstat record named the path: 0 and 0
@@ -82,18 +100,20 @@ Piece<Unit> raw_letter(Piece<Unit> head) noexcept {
         return tail.substr(0, tail.empty() ? 0 : 1);
 }
 
-// A added, C copied, D deleted, R renamed; M, T, any other letter and the
-// empty letter: modified.
 template <class Unit>
 Status status_of(Piece<Unit> letter) noexcept {
-    if (letter.size() != 1) return Status::modified;
-    switch (letter[0]) {
-        case Unit('A'): return Status::added;
-        case Unit('C'): return Status::copied;
-        case Unit('D'): return Status::deleted;
-        case Unit('R'): return Status::renamed;
-        default: return Status::modified;  // M, T and letters git may add later
-    }
+    if (letter.size() == 1)
+        for (const StatusLetter& s : status_letters)
+            if (letter[0] == Unit(s.letter)) return s.status;
+    return Status::modified;  // letters git may add later
+}
+
+template <class Unit>
+bool names_two_paths(Piece<Unit> letter) noexcept {
+    if (letter.size() == 1)
+        for (const char c : two_path_letters)
+            if (letter[0] == Unit(c)) return true;
+    return false;
 }
 
 // Sets `value` when `field` is 1 to 18 ASCII digits, which always fits in 64
@@ -179,7 +199,7 @@ void scan_file_records(Stream& stream, Handler& h) {
         if (!tok.empty() && tok[0] == Unit(':')) {
             const Piece<Unit> letter = raw_letter(tok);
             std::optional<Piece<Unit>> old_path;
-            if (letter.size() == 1 && (letter[0] == Unit('R') || letter[0] == Unit('C'))) old_path = stream.next();
+            if (names_two_paths(letter)) old_path = stream.next();
             const Piece<Unit> path = stream.next();
             h.raw(letter, old_path, path);
             continue;

@@ -21,6 +21,11 @@ extern const FunctionDef kPatchPath;
 extern const FunctionDef kUnquote;
 extern const FunctionDef kPathBatches;
 
+// At load: the namespace's _STATUS_BY_LETTER and _TWO_PATH_LETTERS, made
+// from the core's table of raw status letters.
+Ref make_status_by_letter(PyObject* module, Name name);
+Ref make_two_path_letters(PyObject* module, Name name);
+
 // The parsers over git's own stdout (line ends normalised, not decoded):
 // what parse_file_changes, parse_commit_changes and parse_line_spans give
 // for the decoded text, for a query that holds the bytes. New reference,

@@ -6,6 +6,7 @@
 // the same algorithm runs over Python objects and calls what the namespace
 // holds where the algorithm uses it.
 #include <cstdint>
+#include <iterator>
 #include <new>
 #include <optional>
 #include <type_traits>
@@ -62,8 +63,8 @@ Ref line_count_of(core::Piece<Unit> field, const Text<Unit>& text) {
 // ---- the native path -------------------------------------------------------
 
 // The status word of each core status, read from _STATUS_BY_LETTER when it
-// is still the mapping loading made, holding what it held then. Returns
-// false (no exception) when the mapping was replaced or changed.
+// is still the mapping loading made, holding what the core's letter table
+// says. Returns false (no exception) when the mapping was replaced or changed.
 struct StatusWords {
     Ref word[5];  // by core::Status
 
@@ -71,29 +72,18 @@ struct StatusWords {
         Ref held = peek(module, Name::_STATUS_BY_LETTER);
         PyObject* mapping = held.get();
         if (!is_original(state_of(module), Name::_STATUS_BY_LETTER, mapping) || !PyDict_CheckExact(mapping) ||
-            PyDict_GET_SIZE(mapping) != 6)
+            PyDict_GET_SIZE(mapping) != static_cast<Py_ssize_t>(std::size(core::status_letters)))
             return false;
-        struct Expected {
-            const char* letter;
-            const char* word;
-            int status;  // -1: checked only
-        };
-        static constexpr Expected kExpected[] = {
-            {"A", "added", static_cast<int>(core::Status::added)},
-            {"C", "copied", static_cast<int>(core::Status::copied)},
-            {"D", "deleted", static_cast<int>(core::Status::deleted)},
-            {"M", "modified", static_cast<int>(core::Status::modified)},
-            {"R", "renamed", static_cast<int>(core::Status::renamed)},
-            {"T", "modified", -1},
-        };
-        for (const Expected& e : kExpected) {
+        for (const core::StatusLetter& s : core::status_letters) {
+            const char letter[] = {s.letter, '\0'};
             Ref w;
-            if (dict_get(mapping, e.letter, w) <= 0) {
+            if (dict_get(mapping, letter, w) <= 0) {
                 PyErr_Clear();
                 return false;
             }
-            if (!PyUnicode_CheckExact(w.get()) || PyUnicode_CompareWithASCIIString(w.get(), e.word) != 0) return false;
-            if (e.status >= 0) word[e.status] = std::move(w);
+            if (!PyUnicode_CheckExact(w.get()) || PyUnicode_CompareWithASCIIString(w.get(), s.word) != 0) return false;
+            Ref& slot = word[static_cast<int>(s.status)];
+            if (!slot) slot = std::move(w);
         }
         return true;
     }
@@ -476,6 +466,24 @@ Ref decoded(std::string_view output) {
 }
 
 }  // namespace
+
+Ref make_status_by_letter(PyObject*, Name) {
+    Ref mapping = Ref::steal(PyDict_New());
+    if (!mapping) return Ref();
+    for (const core::StatusLetter& s : core::status_letters) {
+        const char letter[] = {s.letter, '\0'};
+        Ref key = Ref::steal(PyUnicode_InternFromString(letter));
+        Ref word = Ref::steal(PyUnicode_InternFromString(s.word));
+        if (!key || !word || PyDict_SetItem(mapping.get(), key.get(), word.get()) < 0) return Ref();
+    }
+    return mapping;
+}
+
+Ref make_two_path_letters(PyObject*, Name) {
+    Ref letters = Ref::steal(PyUnicode_FromStringAndSize(core::two_path_letters.data(),
+                                                         static_cast<Py_ssize_t>(core::two_path_letters.size())));
+    return letters ? Ref::steal(PyFrozenSet_New(letters.get())) : Ref();
+}
 
 // Git's bytes are parsed in place when they are well-formed UTF-8. Otherwise
 // different bytes may decode alike (each invalid sequence to U+FFFD), and

@@ -1,8 +1,10 @@
 // The module as the host imports it: multi-phase initialisation with module
 // state, and the registration of its namespace, one table entry per name in
-// the order loading binds them.
+// the order loading binds them (the order of names.hpp, checked at compile
+// time).
 #include <Python.h>
 
+#include <iterator>
 #include <variant>
 
 #include "git_utils/changes.hpp"
@@ -42,22 +44,35 @@ struct Import {
     const char* module;
     const char* attribute;  // null: the module itself
 };
-struct Logger {};
 struct Constant {
     const char* expression;  // Python source, evaluated in the namespace
 };
-struct ErrorClass {};
-struct Records {};  // the three record classes, in order
+struct Made {
+    Ref (*make)(PyObject* module, Name name);
+};
 struct Function {
     const FunctionDef* def;
 };
 
 struct Entry {
     Name name;
-    std::variant<Import, Logger, Constant, ErrorClass, Records, Function> what;
+    std::variant<Import, Constant, Made, Function> what;
 };
 
-const Entry kNamespace[] = {
+Ref make_logger(PyObject* module, Name) {
+    Ref logging = lookup(module, Name::logging);
+    if (!logging) return Ref();
+    return call_method(logging.get(), "getLogger", "O", state_of(module)->module_name);
+}
+
+Ref make_error_class(PyObject* module, Name) {
+    Ref qualified = Ref::steal(PyUnicode_FromFormat("%U.GitError", state_of(module)->module_name));
+    if (!qualified) return Ref();
+    return Ref::steal(
+        PyErr_NewExceptionWithDoc(PyUnicode_AsUTF8(qualified.get()), kGitErrorDoc, PyExc_RuntimeError, nullptr));
+}
+
+constexpr Entry kNamespace[] = {
     {Name::logging, Import{"logging", nullptr}},
     {Name::re, Import{"re", nullptr}},
     {Name::subprocess, Import{"subprocess", nullptr}},
@@ -68,15 +83,14 @@ const Entry kNamespace[] = {
     {Name::Path, Import{"pathlib", "Path"}},
     {Name::Any, Import{"typing", "Any"}},
     {Name::get_subprocess_hidden_kwargs, Import{"morvane_tessary.utils.process", "get_subprocess_hidden_kwargs"}},
-    {Name::logger, Logger{}},
+    {Name::logger, Made{make_logger}},
     {Name::TIME_SPEC_FORMS,
      Constant{"'a positive whole number followed by m (minutes), h (hours), d (days) or w (weeks), "
               "such as 7d or 24h, or an ISO date such as 2026-09-01'"}},
     {Name::_RELATIVE_SPEC, Constant{R"py(re.compile(r"(\d+)([mhdw])"))py"}},
     {Name::_SPEC_UNITS, Constant{R"py({"m": "minutes", "h": "hours", "d": "days", "w": "weeks"})py"}},
-    {Name::_STATUS_BY_LETTER,
-     Constant{R"py({"A": "added", "C": "copied", "D": "deleted", "M": "modified", "R": "renamed", "T": "modified"})py"}},
-    {Name::_TWO_PATH_LETTERS, Constant{R"py(frozenset({"R", "C"}))py"}},
+    {Name::_STATUS_BY_LETTER, Made{make_status_by_letter}},
+    {Name::_TWO_PATH_LETTERS, Made{make_two_path_letters}},
     {Name::_COMMIT_START, Constant{R"py("\x1e")py"}},
     {Name::_PATCH_OPTIONS,
      Constant{R"py(("--no-color", "--no-ext-diff", "--no-textconv", "--no-prefix", "-M", "-U0"))py"}},
@@ -84,8 +98,10 @@ const Entry kNamespace[] = {
     {Name::_C_ESCAPE, Constant{R"py(re.compile(r"\\([0-7]{3}|.)", re.DOTALL))py"}},
     {Name::_C_ESCAPES,
      Constant{R"py({"a": "\a", "b": "\b", "f": "\f", "n": "\n", "r": "\r", "t": "\t", "v": "\v"})py"}},
-    {Name::GitError, ErrorClass{}},
-    {Name::FileChange, Records{}},
+    {Name::GitError, Made{make_error_class}},
+    {Name::FileChange, Made{make_record_class}},
+    {Name::CommitChanges, Made{make_record_class}},
+    {Name::LineSpan, Made{make_record_class}},
     {Name::find_git_root, Function{&kFindGitRoot}},
     {Name::find_repo_root, Function{&kFindRepoRoot}},
     {Name::resolve_display_branch, Function{&kResolveDisplayBranch}},
@@ -118,6 +134,14 @@ const Entry kNamespace[] = {
     {Name::_git_output, Function{&kGitOutput}},
 };
 
+constexpr bool follows_name_order() {
+    if (std::size(kNamespace) != kNameCount) return false;
+    for (std::size_t i = 0; i < kNameCount; ++i)
+        if (index(kNamespace[i].name) != i) return false;
+    return true;
+}
+static_assert(follows_name_order(), "one entry per name of GU_NAMESPACE, in its order");
+
 int bind(PyObject* module, Name name, Ref value) {
     ModuleState* st = state_of(module);
     if (!value || PyModule_AddObjectRef(module, kNameText[index(name)], value.get()) < 0) return -1;
@@ -139,26 +163,11 @@ Ref import(const Import& what) {
     return value;
 }
 
-Ref make_logger(PyObject* module) {
-    Ref logging = lookup(module, Name::logging);
-    if (!logging) return Ref();
-    return call_method(logging.get(), "getLogger", "O", state_of(module)->module_name);
-}
-
-Ref make_error_class(PyObject* module) {
-    Ref qualified = Ref::steal(PyUnicode_FromFormat("%U.GitError", state_of(module)->module_name));
-    if (!qualified) return Ref();
-    return Ref::steal(
-        PyErr_NewExceptionWithDoc(PyUnicode_AsUTF8(qualified.get()), kGitErrorDoc, PyExc_RuntimeError, nullptr));
-}
-
-int add_entry(PyObject* module, const Entry& entry) {
-    if (auto* i = std::get_if<Import>(&entry.what)) return bind(module, entry.name, import(*i));
-    if (std::holds_alternative<Logger>(entry.what)) return bind(module, entry.name, make_logger(module));
-    if (auto* c = std::get_if<Constant>(&entry.what)) return bind(module, entry.name, evaluate(module, c->expression));
-    if (std::holds_alternative<ErrorClass>(entry.what)) return bind(module, entry.name, make_error_class(module));
-    if (std::holds_alternative<Records>(entry.what)) return add_record_classes(module);
-    return bind(module, entry.name, make_function(module, *std::get<Function>(entry.what).def));
+Ref make_value(PyObject* module, const Entry& entry) {
+    if (auto* i = std::get_if<Import>(&entry.what)) return import(*i);
+    if (auto* c = std::get_if<Constant>(&entry.what)) return evaluate(module, c->expression);
+    if (auto* m = std::get_if<Made>(&entry.what)) return m->make(module, entry.name);
+    return make_function(module, *std::get<Function>(entry.what).def);
 }
 
 int init_state(PyObject* module) {
@@ -176,8 +185,9 @@ int init_state(PyObject* module) {
     st->str_is_enabled_for = PyUnicode_InternFromString("isEnabledFor");
     st->str_make_record = PyUnicode_InternFromString("makeRecord");
     st->str_handle = PyUnicode_InternFromString("handle");
+    st->str_init = PyUnicode_InternFromString("__init__");
     if (!st->str_run || !st->str_strip || !st->str_debug || !st->str_warning || !st->str_is_enabled_for ||
-        !st->str_make_record || !st->str_handle)
+        !st->str_make_record || !st->str_handle || !st->str_init)
         return -1;
     Ref type = create_function_type(module);
     if (!type) return -1;
@@ -195,7 +205,7 @@ int init_state(PyObject* module) {
 int exec_module(PyObject* module) {
     if (init_state(module) < 0) return -1;
     for (const Entry& entry : kNamespace)
-        if (add_entry(module, entry) < 0) return -1;
+        if (bind(module, entry.name, make_value(module, entry)) < 0) return -1;
     // What the native paths stand in for, if genuine now.
     if (record_runner_originals(module) < 0 || record_discovery_originals(module) < 0 ||
         record_clock_originals(module) < 0 || record_logging_originals(module) < 0)

@@ -88,30 +88,6 @@ Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
     return result;
 }
 
-}  // namespace
-
-int remember_record_inits(PyObject* module);
-
-int add_record_classes(PyObject* module) {
-    ModuleState* st = state_of(module);
-    PyObject* dict = PyModule_GetDict(module);
-    // dataclass runs generated code with the namespace as its globals, which
-    // leaves __builtins__ behind; the module's namespace does not carry it.
-    const bool had_builtins = PyDict_GetItemString(dict, "__builtins__") != nullptr;
-    Ref dataclass = lookup(module, Name::dataclass);
-    if (!dataclass) return -1;
-    for (const RecordSpec& spec : kRecords) {
-        Ref cls = build_class(module, spec, dataclass.get());
-        if (!cls || PyDict_SetItem(dict, st->names[index(spec.name)], cls.get()) < 0) return -1;
-        st->originals[index(spec.name)] = cls.release();
-    }
-    if (!had_builtins && PyDict_GetItemString(dict, "__builtins__") && PyDict_DelItemString(dict, "__builtins__") < 0)
-        return -1;
-    return remember_record_inits(module);
-}
-
-namespace {
-
 // The attribute dict of a class of its own (not its bases'), borrowed from
 // the class for as long as the caller holds no reference across Python code.
 Ref own_dict(PyObject* cls) {
@@ -131,6 +107,13 @@ PyObject* own_init(const ModuleState* st, PyObject* cls) {
     return init;
 }
 
+// The record spec of the class bound under `name`.
+const RecordSpec& spec_named(Name name) {
+    for (const RecordSpec& spec : kRecords)
+        if (spec.name == name) return spec;
+    return kRecords[0];  // every caller passes a record's name
+}
+
 Ref call_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
     PyObject* fields = st->record_fields[static_cast<int>(kind)];
     if (kind == Record::file_change) {
@@ -144,19 +127,25 @@ Ref call_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* con
 
 }  // namespace
 
-int remember_record_inits(PyObject* module) {
+Ref make_record_class(PyObject* module, Name name) {
+    const RecordSpec& spec = spec_named(name);
     ModuleState* st = state_of(module);
-    st->str_init = PyUnicode_InternFromString("__init__");
-    if (st->str_init == nullptr) return -1;
-    for (const RecordSpec& spec : kRecords) {
-        PyObject* init = own_init(st, st->originals[index(spec.name)]);
-        if (init == nullptr) {
-            if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "record class without __init__");
-            return -1;
-        }
-        st->record_inits[static_cast<int>(spec.kind)] = Py_NewRef(init);
+    PyObject* dict = PyModule_GetDict(module);
+    // dataclass runs generated code with the namespace as its globals, which
+    // leaves __builtins__ behind; the module's namespace does not carry it.
+    const bool had_builtins = PyDict_GetItemString(dict, "__builtins__") != nullptr;
+    Ref dataclass = lookup(module, Name::dataclass);
+    Ref cls = dataclass ? build_class(module, spec, dataclass.get()) : Ref();
+    if (!cls || (!had_builtins && PyDict_GetItemString(dict, "__builtins__") &&
+                 PyDict_DelItemString(dict, "__builtins__") < 0))
+        return Ref();
+    PyObject* init = own_init(st, cls.get());
+    if (init == nullptr) {
+        if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "record class without __init__");
+        return Ref();
     }
-    return 0;
+    st->record_inits[static_cast<int>(spec.kind)] = Py_NewRef(init);
+    return cls;
 }
 
 bool fills_natively(const ModuleState* st, Record kind, PyObject* cls) {

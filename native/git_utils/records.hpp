@@ -12,8 +12,9 @@ namespace gu {
 
 enum class Record { file_change, commit_changes, line_span };
 
-// Creates the record classes and binds them in the namespace, in order.
-int add_record_classes(PyObject* module);
+// At load: the record class bound under `name` (FileChange, CommitChanges
+// or LineSpan), a frozen dataclass.
+Ref make_record_class(PyObject* module, Name name);
 
 // Whether instances of `cls` may be filled natively: it is the class that
 // loading made, with the __init__ and __new__ it had then (a host may patch
