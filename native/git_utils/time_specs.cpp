@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -59,12 +60,12 @@ PyObject* guard_failure(PyObject* module, PyObject* since) {
 
 // 3.10 and 3.11 may still meet a str made by the old API, whose characters
 // are not in place until it is readied; later versions have no such str.
-bool ready(PyObject* text) {
+int ready(PyObject* text) {
 #if PY_VERSION_HEX < 0x030C0000
-    return PyUnicode_READY(text) == 0;
+    return PyUnicode_READY(text);
 #else
     (void)text;
-    return true;
+    return 0;
 #endif
 }
 
@@ -81,7 +82,7 @@ struct Spec {
 
 int strip_spec(PyObject* module, PyObject* since, Spec& spec) {
     if (PyUnicode_CheckExact(since)) {
-        if (!ready(since)) return -1;
+        if (ready(since) < 0) return -1;
         const auto kind = PyUnicode_KIND(since);
         const void* data = PyUnicode_DATA(since);
         Py_ssize_t start = 0, end = PyUnicode_GET_LENGTH(since);
@@ -94,7 +95,7 @@ int strip_spec(PyObject* module, PyObject* since, Spec& spec) {
         return 0;
     }
     spec.text = Ref::steal(PyObject_CallMethodNoArgs(since, state_of(module)->str_strip));
-    return spec.text && (!PyUnicode_Check(spec.text.get()) || ready(spec.text.get())) ? 0 : -1;
+    return spec.text && (!PyUnicode_Check(spec.text.get()) || ready(spec.text.get()) == 0) ? 0 : -1;
 }
 
 // The spec as a str object; a new one only when blanks were cut off.
@@ -261,24 +262,24 @@ long long unit_seconds(PyObject* unit_name) {
     return 0;
 }
 
-// now - timedelta(**{unit_name: count}) with the C types. False, with `out`
-// untouched, when the delta is beyond what the native path builds: then the
-// timedelta constructor itself runs, and raises what Python raises. The
-// subtraction is the type's own, with its OverflowError before year 1.
-bool native_relative(const PyDateTime_CAPI* api, std::string_view digits, PyObject* unit_name, Ref& out) {
+// now - timedelta(**{unit_name: count}) with the C types (null with an
+// exception on failure). Nothing when the delta is beyond what the native
+// path builds: then the timedelta constructor itself runs, and raises what
+// Python raises. The subtraction is the type's own, with its OverflowError
+// before year 1.
+std::optional<Ref> native_relative(const PyDateTime_CAPI* api, std::string_view digits, PyObject* unit_name) {
     const long long unit = unit_seconds(unit_name);
-    if (unit == 0) return false;
+    if (unit == 0) return std::nullopt;
     unsigned long long count = 0;
     for (const char c : digits) {
         count = count * 10 + static_cast<unsigned>(c - '0');
-        if (count > kMaxNativeCount) return false;
+        if (count > kMaxNativeCount) return std::nullopt;
     }
     const long long seconds = static_cast<long long>(count) * unit;
-    if (seconds / kSecondsPerDay > kMaxDeltaDays) return false;
+    if (seconds / kSecondsPerDay > kMaxDeltaDays) return std::nullopt;
     Ref span = new_delta(api, static_cast<int>(seconds / kSecondsPerDay), static_cast<int>(seconds % kSecondsPerDay), 0);
     Ref now = span ? local_now(api) : Ref();
-    out = now ? Ref::steal(PyNumber_Subtract(now.get(), span.get())) : Ref();
-    return true;
+    return now ? Ref::steal(PyNumber_Subtract(now.get(), span.get())) : Ref();
 }
 
 // Days from 1970-01-01 to a date of the proleptic Gregorian calendar.
@@ -342,8 +343,8 @@ Ref relative_moment(PyObject* module, const Relative& rel) {
 #ifndef _WIN32
     if (!rel.count && native_datetime(module, datetime.get()) && native_timedelta(module, timedelta.get()) &&
         genuine_clock(state_of(module))) {
-        Ref moment;
-        if (native_relative(datetime_api(module), rel.digits, unit_name.get(), moment)) return moment;
+        if (std::optional<Ref> moment = native_relative(datetime_api(module), rel.digits, unit_name.get()))
+            return std::move(*moment);
     }
 #endif
     Ref count = count_object(rel);
