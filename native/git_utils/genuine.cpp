@@ -67,11 +67,11 @@ int runs_python_call(PyObject* x) {
 // Whether the function `f` is foreign to `files`. A method that a
 // contextlib decorator made counts as the function it wraps.
 int foreign_function(PyObject* f, PyObject* files) {
-    if (defined_in(f, files)) return 0;
-    if (PyErr_Occurred()) return -1;
+    const int own = defined_in(f, files);
+    if (own != 0) return own < 0 ? -1 : 0;
     Ref decorators = module_files("contextlib");
-    if (!decorators) return -1;
-    if (!defined_in(f, decorators.get())) return PyErr_Occurred() ? -1 : 1;
+    const int decorated = decorators ? defined_in(f, decorators.get()) : -1;
+    if (decorated <= 0) return decorated < 0 ? -1 : 1;
     Ref wrapped = Ref::steal(PyObject_GetAttrString(f, "__wrapped__"));
     if (!wrapped) {
         PyErr_Clear();
@@ -154,8 +154,9 @@ void GuardBuilder::empty_dict(PyObject* dict) {
 
 void GuardBuilder::genuine_function(PyObject* f, PyObject* files) {
     if (failed_ || !genuine_) return;
-    if (!defined_in(f, files)) {
-        if (PyErr_Occurred()) failed_ = true;
+    const int own = defined_in(f, files);
+    if (own <= 0) {
+        failed_ = own < 0;
         reject();
     }
 }
@@ -244,15 +245,13 @@ Ref module_files(const char* name) {
     return Ref::steal(PyList_AsTuple(files.get()));
 }
 
-bool defined_in(PyObject* f, PyObject* files) {
-    if (!PyFunction_Check(f)) return false;
+int defined_in(PyObject* f, PyObject* files) {
+    if (!PyFunction_Check(f)) return 0;
     Ref filename = Ref::steal(PyObject_GetAttrString(PyFunction_GET_CODE(f), "co_filename"));
-    if (!filename) return false;
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(files); ++i) {
-        const int same = PyObject_RichCompareBool(filename.get(), PyTuple_GET_ITEM(files, i), Py_EQ);
-        if (same != 0) return same > 0;
-    }
-    return false;
+    if (!filename) return -1;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(files); ++i)
+        if (const int same = PyObject_RichCompareBool(filename.get(), PyTuple_GET_ITEM(files, i), Py_EQ)) return same;
+    return 0;
 }
 
 }  // namespace gu

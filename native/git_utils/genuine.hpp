@@ -63,7 +63,8 @@ private:
 // loaded (a package such as pathlib spreads over several), as a tuple.
 Ref module_files(const char* name);
 
-// Whether `f` is a function whose code was compiled from one of `files`.
-bool defined_in(PyObject* f, PyObject* files);
+// Whether `f` is a function whose code was compiled from one of `files`:
+// 1, 0, or -1 with an exception.
+int defined_in(PyObject* f, PyObject* files);
 
 }  // namespace gu
