@@ -72,34 +72,34 @@ Ref batch_command(PyObject* command, PyObject* batch) {
 // parser(_git_output(repo_root, args)), both found in the namespace. While
 // both are the ones bound at load, git's stdout goes to the parser as the
 // bytes it printed, never decoded as a whole.
-using FromGit = PyObject* (*)(PyObject* module, std::string_view output);
+using FromGit = Ref (*)(PyObject* module, std::string_view output);
 
-PyObject* run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, Name parser, FromGit from_git) {
+Ref run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, Name parser, FromGit from_git) {
     GitOutput output;
-    if (git_output_for_parser(module, repo_root, args, output) < 0) return nullptr;
+    if (git_output_for_parser(module, repo_root, args, output) < 0) return Ref();
     Ref parse = lookup(module, parser);
-    if (!parse) return nullptr;
+    if (!parse) return Ref();
     if (output.is_bytes) {
         if (is_original(state_of(module), parser, parse.get())) return from_git(module, output.bytes.view());
         const GitText bytes(output.bytes.view());
         output.text = bytes.str(bytes.view());
-        if (!output.text) return nullptr;
+        if (!output.text) return Ref();
     }
-    return PyObject_CallOneArg(parse.get(), output.text.get());
+    return Ref::steal(PyObject_CallOneArg(parse.get(), output.text.get()));
 }
 
 PyObject* diff_file_changes(PyObject* module, PyObject* const* a) {
     if (refuse_option_like(module, {a[1], a[2]}) < 0) return nullptr;
     Ref args = diff_command(a[1], a[2]);
     if (!args) return nullptr;
-    return run_and_parse(module, a[0], args.get(), Name::parse_file_changes, parse_file_changes_from_git);
+    return run_and_parse(module, a[0], args.get(), Name::parse_file_changes, parse_file_changes_from_git).release();
 }
 
 PyObject* log_commit_changes(PyObject* module, PyObject* const* a) {
     if (refuse_option_like(module, {a[2]}) < 0) return nullptr;
     Ref args = log_command(a[1], a[2], a[3]);
     if (!args) return nullptr;
-    return run_and_parse(module, a[0], args.get(), Name::parse_commit_changes, parse_commit_changes_from_git);
+    return run_and_parse(module, a[0], args.get(), Name::parse_commit_changes, parse_commit_changes_from_git).release();
 }
 
 PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
@@ -126,8 +126,8 @@ PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
     while (Ref batch = Ref::steal(PyIter_Next(iterator.get()))) {
         Ref arguments = batch_command(command.get(), batch.get());
         if (!arguments) return nullptr;
-        Ref spans = Ref::steal(
-            run_and_parse(module, repo_root, arguments.get(), Name::parse_line_spans, parse_line_spans_from_git));
+        Ref spans =
+            run_and_parse(module, repo_root, arguments.get(), Name::parse_line_spans, parse_line_spans_from_git);
         if (!spans) return nullptr;
         // result.update(spans): a later batch's list replaces an earlier one's
         const int merged = PyDict_Check(spans.get())

@@ -28,10 +28,9 @@ Ref make_two_path_letters(PyObject* module, Name name);
 
 // The parsers over git's own stdout (line ends normalised, not decoded):
 // what parse_file_changes, parse_commit_changes and parse_line_spans give
-// for the decoded text, for a query that holds the bytes. New reference,
-// or null with an exception set.
-PyObject* parse_file_changes_from_git(PyObject* module, std::string_view output);
-PyObject* parse_commit_changes_from_git(PyObject* module, std::string_view output);
-PyObject* parse_line_spans_from_git(PyObject* module, std::string_view patch);
+// for the decoded text, for a query that holds the bytes.
+Ref parse_file_changes_from_git(PyObject* module, std::string_view output);
+Ref parse_commit_changes_from_git(PyObject* module, std::string_view output);
+Ref parse_line_spans_from_git(PyObject* module, std::string_view patch);
 
 }  // namespace gu

@@ -155,23 +155,23 @@ bool fits_records(const Text<Unit>& text) {
 }
 
 template <class Unit>
-PyObject* file_changes_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
+Ref file_changes_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
                                 core::BasicTokenStream<Unit>& stream) {
     std::vector<core::FileRecord> records;
     try {
         core::FileCollector<Unit>().collect(stream, text.base(), records);  // its table is gone before the records are made
     } catch (const std::bad_alloc&) {
-        return PyErr_NoMemory();
+        return Ref::steal(PyErr_NoMemory());
     }
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(records.size())));
-    if (!list) return nullptr;
+    if (!list) return Ref();
     Collaborator file_change(module, Name::FileChange);
     // Filled natively, the records are made without running Python code.
     const bool fill =
         file_change.is_original() && fills_natively(state_of(module), Record::file_change, file_change.get());
     GcPause pause(fill);
-    if (fill_file_changes(module, native, records, text, file_change, fill, list.get()) < 0) return nullptr;
-    return list.release();
+    if (fill_file_changes(module, native, records, text, file_change, fill, list.get()) < 0) return Ref();
+    return list;
 }
 
 // ---- the same algorithm over Python objects --------------------------------
@@ -234,7 +234,7 @@ int read_numstat_record(PyObject* token, PyObject* iterator, Collaborator& line_
     return value ? PyObject_SetItem(counts, path.get(), value.get()) : -1;
 }
 
-PyObject* file_changes_through_objects(PyObject* module, PyObject* tokens) {
+Ref file_changes_through_objects(PyObject* module, PyObject* tokens) {
     Collaborator two_path_letters(module, Name::_TWO_PATH_LETTERS);
     Collaborator status_by_letter(module, Name::_STATUS_BY_LETTER);
     Collaborator line_count(module, Name::_line_count);
@@ -242,23 +242,23 @@ PyObject* file_changes_through_objects(PyObject* module, PyObject* tokens) {
     Ref statuses = Ref::steal(PyDict_New());
     Ref counts = Ref::steal(PyDict_New());
     Ref iterator = Ref::steal(PyObject_GetIter(tokens));
-    if (!statuses || !counts || !iterator) return nullptr;
+    if (!statuses || !counts || !iterator) return Ref();
     while (Ref raw = Ref::steal(PyIter_Next(iterator.get()))) {
         Ref token = call_method(raw.get(), "lstrip", "s", "\n");
         const int head = truth(token ? call_method(token.get(), "startswith", "s", ":") : Ref());
-        if (head < 0) return nullptr;
+        if (head < 0) return Ref();
         const int done = head ? read_raw_record(token.get(), iterator.get(), two_path_letters, status_by_letter,
                                                 statuses.get())
                               : read_numstat_record(token.get(), iterator.get(), line_count, counts.get());
-        if (done < 0) return nullptr;
+        if (done < 0) return Ref();
     }
-    if (PyErr_Occurred()) return nullptr;
+    if (PyErr_Occurred()) return Ref();
 
     Ref result = Ref::steal(PyList_New(0));
     Ref zero = Ref::steal(PyLong_FromLong(0));
-    if (!result || !zero) return nullptr;
+    if (!result || !zero) return Ref();
     Ref no_counts = pair(zero.get(), zero.get());
-    if (!no_counts) return nullptr;
+    if (!no_counts) return Ref();
     // The class may be Python code: each entry is held strongly while it is called.
     Py_ssize_t pos = 0;
     PyObject *path_found, *status_found;
@@ -267,17 +267,17 @@ PyObject* file_changes_through_objects(PyObject* module, PyObject* tokens) {
         Ref status_pair = Ref::borrow(status_found);
         Ref counted = Ref::borrow(PyDict_GetItemWithError(counts.get(), path.get()));
         if (!counted) {
-            if (PyErr_Occurred()) return nullptr;
+            if (PyErr_Occurred()) return Ref();
             counted = Ref::borrow(no_counts.get());
         }
         PyObject* cls = file_change.get();
-        if (cls == nullptr) return nullptr;
+        if (cls == nullptr) return Ref();
         PyObject* values[] = {path.get(), PyTuple_GET_ITEM(status_pair.get(), 0), PyTuple_GET_ITEM(counted.get(), 0),
                               PyTuple_GET_ITEM(counted.get(), 1), PyTuple_GET_ITEM(status_pair.get(), 1)};
         Ref record = make_record(state_of(module), Record::file_change, cls, values);
-        if (!record || PyList_Append(result.get(), record.get()) < 0) return nullptr;
+        if (!record || PyList_Append(result.get(), record.get()) < 0) return Ref();
     }
-    return result.release();
+    return result;
 }
 
 // ---- the functions ---------------------------------------------------------
@@ -298,17 +298,17 @@ bool joinable(PyObject* tokens) {
 PyObject* file_changes(PyObject* module, PyObject* const* a) {
     PyObject* tokens = a[0];
     NativeFileChanges native(module);
-    if (!native.ready || !joinable(tokens)) return file_changes_through_objects(module, tokens);
+    if (!native.ready || !joinable(tokens)) return file_changes_through_objects(module, tokens).release();
     const auto count = static_cast<std::size_t>(PySequence_Fast_GET_SIZE(tokens));
     Ref nul = Ref::steal(PyUnicode_FromStringAndSize("\0", 1));
     if (!nul) return nullptr;
     Ref joined = Ref::steal(PyUnicode_Join(nul.get(), tokens));
     if (!joined) return nullptr;
-    return with_text(joined.get(), [&](const auto& text) -> PyObject* {
+    return with_text(joined.get(), [&](const auto& text) {
         if (!fits_records(text)) return file_changes_through_objects(module, tokens);
         core::BasicTokenStream stream(core::BasicTokenRun{text.view(), count});
         return file_changes_natively(module, native, text, stream);
-    });
+    }).release();
 }
 
 // output.split("\x00"), with the errors of that call for a non-str.
@@ -317,24 +317,24 @@ Ref nul_tokens(PyObject* output) {
     return nul ? call_method(output, "split", "O", nul.get()) : Ref();
 }
 
-PyObject* file_changes_of_tokens(PyObject* module, PyObject* output) {
+Ref file_changes_of_tokens(PyObject* module, PyObject* output) {
     Ref tokens = nul_tokens(output);
-    if (!tokens) return nullptr;
+    if (!tokens) return Ref();
     Ref parse = lookup(module, Name::_file_changes);
-    if (!parse) return nullptr;
-    return PyObject_CallOneArg(parse.get(), tokens.get());
+    if (!parse) return Ref();
+    return Ref::steal(PyObject_CallOneArg(parse.get(), tokens.get()));
 }
 
 PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
     PyObject* output = a[0];
     NativeFileChanges native(module);
     if (!PyUnicode_Check(output) || !native.ready || !unchanged(module, Name::_file_changes))
-        return file_changes_of_tokens(module, output);
-    return with_text(output, [&](const auto& text) -> PyObject* {
+        return file_changes_of_tokens(module, output).release();
+    return with_text(output, [&](const auto& text) {
         if (!fits_records(text)) return file_changes_of_tokens(module, output);
         core::BasicTokenStream stream(text.view());
         return file_changes_natively(module, native, text, stream);
-    });
+    }).release();
 }
 
 PyObject* line_count(PyObject*, PyObject* const* a) {
@@ -366,9 +366,9 @@ Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
 // One pass over the log: each commit's body is read straight off it, by
 // one collector into one buffer of core records that serve every commit.
 template <class Unit>
-PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text) {
+Ref commits_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text) {
     Ref commits = Ref::steal(PyList_New(0));
-    if (!commits) return nullptr;
+    if (!commits) return Ref();
     Collaborator file_change(module, Name::FileChange);
     Collaborator commit_changes(module, Name::CommitChanges);
     const ModuleState* st = state_of(module);
@@ -383,22 +383,22 @@ PyObject* commits_natively(PyObject* module, const NativeFileChanges& native, co
     try {
         while (log.next_commit(time_text)) {
             Ref time = commit_time(time_text, text);
-            if (!time) return nullptr;
+            if (!time) return Ref();
             collector.collect(log, text.base(), records, false);
             Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
             if (!files || fill_file_changes(module, native, records, text, file_change, fill, files.get()) < 0)
-                return nullptr;
+                return Ref();
             PyObject* cls = commit_changes.get();
-            if (cls == nullptr) return nullptr;
+            if (cls == nullptr) return Ref();
             PyObject* values[] = {time.get(), files.get()};
             Ref commit = fill ? fill_record(st, Record::commit_changes, cls, values)
                               : make_record(st, Record::commit_changes, cls, values);
-            if (!commit || PyList_Append(commits.get(), commit.get()) < 0) return nullptr;
+            if (!commit || PyList_Append(commits.get(), commit.get()) < 0) return Ref();
         }
     } catch (const std::bad_alloc&) {
-        return PyErr_NoMemory();
+        return Ref::steal(PyErr_NoMemory());
     }
-    return commits.release();
+    return commits;
 }
 
 // The commit that `time` heads, with the files of its body.
@@ -415,37 +415,37 @@ int close_commit(PyObject* module, PyObject* time_text, PyObject* body, Collabor
     return commit ? PyList_Append(commits, commit.get()) : -1;
 }
 
-PyObject* commits_through_objects(PyObject* module, PyObject* output) {
+Ref commits_through_objects(PyObject* module, PyObject* output) {
     Ref tokens = nul_tokens(output);
-    if (!tokens) return nullptr;
+    if (!tokens) return Ref();
     Collaborator commit_start(module, Name::_COMMIT_START);
     Collaborator file_changes(module, Name::_file_changes);
     Collaborator commit_changes(module, Name::CommitChanges);
     Ref commits = Ref::steal(PyList_New(0));
     Ref iterator = Ref::steal(PyObject_GetIter(tokens.get()));
-    if (!commits || !iterator) return nullptr;
+    if (!commits || !iterator) return Ref();
     Ref time, body;  // no current commit while time is null
     while (Ref token = Ref::steal(PyIter_Next(iterator.get()))) {
         Ref stripped = call_method(token.get(), "lstrip", "s", "\n");
-        if (!stripped || commit_start.get() == nullptr) return nullptr;
+        if (!stripped || commit_start.get() == nullptr) return Ref();
         const int header = truth(call_method(stripped.get(), "startswith", "O", commit_start.get()));
-        if (header < 0) return nullptr;
+        if (header < 0) return Ref();
         if (header) {
             if (time && close_commit(module, time.get(), body.get(), file_changes, commit_changes, commits.get()) < 0)
-                return nullptr;
+                return Ref();
             Ref rest = Ref::steal(PySequence_GetSlice(stripped.get(), 1, PY_SSIZE_T_MAX));
-            if (!rest) return nullptr;
+            if (!rest) return Ref();
             time = call_method(rest.get(), "strip");
             body = Ref::steal(PyList_New(0));
-            if (!time || !body) return nullptr;
+            if (!time || !body) return Ref();
         } else if (time && PyList_Append(body.get(), token.get()) < 0) {
-            return nullptr;
+            return Ref();
         }
     }
-    if (PyErr_Occurred()) return nullptr;
+    if (PyErr_Occurred()) return Ref();
     if (time && close_commit(module, time.get(), body.get(), file_changes, commit_changes, commits.get()) < 0)
-        return nullptr;
-    return commits.release();
+        return Ref();
+    return commits;
 }
 
 PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
@@ -453,11 +453,11 @@ PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
     NativeFileChanges native(module);
     if (!PyUnicode_Check(output) || !native.ready || !unchanged(module, Name::_file_changes) ||
         !unchanged(module, Name::_COMMIT_START))
-        return commits_through_objects(module, output);
-    return with_text(output, [&](const auto& text) -> PyObject* {
+        return commits_through_objects(module, output).release();
+    return with_text(output, [&](const auto& text) {
         if (!fits_records(text)) return commits_through_objects(module, output);
         return commits_natively(module, native, text);
-    });
+    }).release();
 }
 
 // What git printed, decoded as the runner decodes it.
@@ -490,7 +490,7 @@ Ref make_two_path_letters(PyObject*, Name) {
 // paths must be told apart as their decoded text is, so the output is
 // decoded first, as the runner would, and parsed as that str.
 
-PyObject* parse_file_changes_from_git(PyObject* module, std::string_view output) {
+Ref parse_file_changes_from_git(PyObject* module, std::string_view output) {
     NativeFileChanges native(module);
     if (native.ready && unchanged(module, Name::_file_changes) && output.size() <= core::max_record_text &&
         core::valid_utf8(output)) {
@@ -499,20 +499,20 @@ PyObject* parse_file_changes_from_git(PyObject* module, std::string_view output)
         return file_changes_natively<char>(module, native, text, stream);
     }
     Ref text = decoded(output);
-    if (!text) return nullptr;
+    if (!text) return Ref();
     PyObject* args[] = {text.get()};
-    return parse_file_changes(module, args);
+    return Ref::steal(parse_file_changes(module, args));
 }
 
-PyObject* parse_commit_changes_from_git(PyObject* module, std::string_view output) {
+Ref parse_commit_changes_from_git(PyObject* module, std::string_view output) {
     NativeFileChanges native(module);
     if (native.ready && unchanged(module, Name::_file_changes) && unchanged(module, Name::_COMMIT_START) &&
         output.size() <= core::max_record_text && core::valid_utf8(output))
         return commits_natively<char>(module, native, GitText(output));
     Ref text = decoded(output);
-    if (!text) return nullptr;
+    if (!text) return Ref();
     PyObject* args[] = {text.get()};
-    return parse_commit_changes(module, args);
+    return Ref::steal(parse_commit_changes(module, args));
 }
 
 const FunctionDef kParseFileChanges = {

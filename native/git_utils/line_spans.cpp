@@ -288,7 +288,7 @@ public:
         return spans_ ? 0 : -1;
     }
 
-    PyObject* result() { return failed_ ? nullptr : spans_.release(); }
+    Ref result() { return failed_ ? Ref() : std::move(spans_); }
 
     // Whether the whole parse runs without calling Python code: every
     // helper native and the records filled natively, which then need not
@@ -440,14 +440,14 @@ private:
 };
 
 template <class Unit>
-PyObject* spans_of(PyObject* module, const Text<Unit>& text) {
+Ref spans_of(PyObject* module, const Text<Unit>& text) {
     SpanCollector<Unit> collector(module, text);
-    if (collector.start() < 0) return nullptr;
+    if (collector.start() < 0) return Ref();
     GcPause pause(collector.all_native());
     try {
         core::walk_patch(text.view(), collector);
     } catch (const std::bad_alloc&) {
-        return PyErr_NoMemory();
+        return Ref::steal(PyErr_NoMemory());
     }
     return collector.result();
 }
@@ -463,14 +463,14 @@ PyObject* parse_line_spans(PyObject* module, PyObject* const* a) {
                          Py_TYPE(patch)->tp_name);
         return nullptr;
     }
-    return with_text(patch, [&](const auto& text) { return spans_of(module, text); });
+    return with_text(patch, [&](const auto& text) { return spans_of(module, text); }).release();
 }
 
 }  // namespace
 
 // Paths decode with invalid bytes replaced; names that decode alike are
 // one key of the result, as they are when the decoded text is parsed.
-PyObject* parse_line_spans_from_git(PyObject* module, std::string_view patch) {
+Ref parse_line_spans_from_git(PyObject* module, std::string_view patch) {
     return spans_of<char>(module, GitText(patch));
 }
 

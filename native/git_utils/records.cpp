@@ -3,6 +3,7 @@
 #include <array>
 
 #include "git_utils/helpers.hpp"
+
 namespace gu {
 namespace {
 

@@ -57,7 +57,7 @@ Ref cut(PyObject* s, const char* prefix) {
 
 // normalize_branch_name of an exact str: strip white space as str.strip()
 // does, then cut the ref prefixes in passes until a pass changes nothing.
-PyObject* normalize_text(PyObject* name) {
+Ref normalize_text(PyObject* name) {
     const Py_ssize_t length = PyUnicode_GET_LENGTH(name);
     const int kind = PyUnicode_KIND(name);
     const void* data = PyUnicode_DATA(name);
@@ -74,31 +74,31 @@ PyObject* normalize_text(PyObject* name) {
             }
         }
     }
-    if (start == end) Py_RETURN_NONE;
-    return PyUnicode_Substring(name, start, end);
+    if (start == end) return Ref::borrow(Py_None);
+    return Ref::steal(PyUnicode_Substring(name, start, end));
 }
 
 // The same steps through the object's own methods, for anything but an
 // exact str.
-PyObject* normalize_object(PyObject* name) {
+Ref normalize_object(PyObject* name) {
     Ref current = call_method(name, "strip");
-    if (!current) return nullptr;
+    if (!current) return Ref();
     for (bool changed = true; changed;) {
         changed = false;
         for (const char* prefix : kRefPrefixes) {
             const int found = starts_with(current.get(), prefix);
-            if (found < 0) return nullptr;
+            if (found < 0) return Ref();
             if (found) {
                 current = cut(current.get(), prefix);
-                if (!current) return nullptr;
+                if (!current) return Ref();
                 changed = true;
             }
         }
     }
     const int truth = PyObject_IsTrue(current.get());
-    if (truth < 0) return nullptr;
-    if (!truth) Py_RETURN_NONE;
-    return current.release();
+    if (truth < 0) return Ref();
+    if (!truth) return Ref::borrow(Py_None);
+    return current;
 }
 
 bool kept_in_directory_name(Py_UCS4 c) { return Py_UNICODE_ISALNUM(c) || c == '-' || c == '_' || c == '.'; }
@@ -106,7 +106,7 @@ bool kept_in_directory_name(Py_UCS4 c) { return Py_UNICODE_ISALNUM(c) || c == '-
 // The directory name of an exact str: with `expand_separators` every "/"
 // and "\" first becomes "__"; then letters, digits and "-_." stay and every
 // other code point becomes "_"; the first 100 code points, or "default".
-PyObject* sanitize_text(PyObject* s, bool expand_separators) {
+Ref sanitize_text(PyObject* s, bool expand_separators) {
     Py_UCS4 out[kMaxDirectoryName];
     Py_ssize_t n = 0;
     const Py_ssize_t length = PyUnicode_GET_LENGTH(s);
@@ -121,38 +121,38 @@ PyObject* sanitize_text(PyObject* s, bool expand_separators) {
             out[n++] = kept_in_directory_name(c) ? c : '_';
         }
     }
-    if (n == 0) return PyUnicode_FromString("default");
-    return PyUnicode_FromKindAndData(PyUnicode_4BYTE_KIND, out, n);
+    if (n == 0) return text("default");
+    return Ref::steal(PyUnicode_FromKindAndData(PyUnicode_4BYTE_KIND, out, n));
 }
 
 // The same steps through the object's own methods: replace, iteration,
 // isalnum, "".join and slicing.
-PyObject* sanitize_object(PyObject* branch) {
+Ref sanitize_object(PyObject* branch) {
     Ref safe = call_method(branch, "replace", "ss", "/", "__");
-    if (!safe) return nullptr;
+    if (!safe) return Ref();
     safe = call_method(safe.get(), "replace", "ss", "\\", "__");
-    if (!safe) return nullptr;
+    if (!safe) return Ref();
     if (PyUnicode_CheckExact(safe.get())) return sanitize_text(safe.get(), false);
 
     Ref keep = text("-_.");
     Ref underscore = text("_");
     Ref pieces = Ref::steal(PyList_New(0));
     Ref iter = Ref::steal(PyObject_GetIter(safe.get()));
-    if (!keep || !underscore || !pieces || !iter) return nullptr;
+    if (!keep || !underscore || !pieces || !iter) return Ref();
     while (Ref c = Ref::steal(PyIter_Next(iter.get()))) {
         Ref alnum = call_method(c.get(), "isalnum");
-        if (!alnum) return nullptr;
+        if (!alnum) return Ref();
         int kept = PyObject_IsTrue(alnum.get());
         if (kept == 0) kept = PySequence_Contains(keep.get(), c.get());
-        if (kept < 0 || PyList_Append(pieces.get(), kept ? c.get() : underscore.get()) < 0) return nullptr;
+        if (kept < 0 || PyList_Append(pieces.get(), kept ? c.get() : underscore.get()) < 0) return Ref();
     }
-    if (PyErr_Occurred()) return nullptr;
+    if (PyErr_Occurred()) return Ref();
     Ref empty = text("");
-    if (!empty) return nullptr;
+    if (!empty) return Ref();
     Ref joined = Ref::steal(PyUnicode_Join(empty.get(), pieces.get()));
-    if (!joined) return nullptr;
-    if (PyUnicode_GET_LENGTH(joined.get()) == 0) return PyUnicode_FromString("default");
-    return PyUnicode_Substring(joined.get(), 0, kMaxDirectoryName);
+    if (!joined) return Ref();
+    if (PyUnicode_GET_LENGTH(joined.get()) == 0) return text("default");
+    return Ref::steal(PyUnicode_Substring(joined.get(), 0, kMaxDirectoryName));
 }
 
 // ---------------------------------------------------------------------------
@@ -232,16 +232,16 @@ int git_entry_exists(PyObject* module, PyObject* candidate, bool native) {
 }
 
 // Path.cwd() through the namespace.
-PyObject* current_directory(PyObject* module) {
+Ref current_directory(PyObject* module) {
     Ref path_class = lookup(module, Name::Path);
-    if (!path_class) return nullptr;
-    return call_method(path_class.get(), "cwd").release();
+    if (!path_class) return Ref();
+    return call_method(path_class.get(), "cwd");
 }
 
 PyObject* find_git_root(PyObject* module, PyObject* const* a) {
     Ref start = Ref::borrow(a[0]);
     if (start.get() == Py_None) {
-        start = Ref::steal(current_directory(module));
+        start = current_directory(module);
         if (!start) return nullptr;
     }
     Ref current = call_method(start.get(), "absolute");
@@ -270,49 +270,48 @@ PyObject* find_repo_root(PyObject* module, PyObject* const*) {
     Ref root = Ref::steal(PyObject_CallNoArgs(find.get()));
     if (!root) return nullptr;
     if (root.get() != Py_None) return root.release();
-    return current_directory(module);
+    return current_directory(module).release();
 }
 
 // repo_root / "memory" / "lorebook", then / name when one is given. For
 // pathlib's own class (`plain`) one join of the whole tail makes the same
 // path as the chain of joins, at a third of the cost: the tail never holds an
 // empty or absolute component, since name is a sanitized directory name.
-PyObject* wiki_join(PyObject* repo_root, PyObject* name, bool plain) {
+Ref wiki_join(PyObject* repo_root, PyObject* name, bool plain) {
     if (plain) {
         Ref tail = name ? Ref::steal(PyUnicode_FromFormat("memory/lorebook/%U", name)) : text("memory/lorebook");
-        if (!tail) return nullptr;
-        return PyNumber_TrueDivide(repo_root, tail.get());
+        if (!tail) return Ref();
+        return Ref::steal(PyNumber_TrueDivide(repo_root, tail.get()));
     }
     Ref path = Ref::borrow(repo_root);
     for (const char* component : {"memory", "lorebook"}) {
         Ref part = text(component);
-        if (!part) return nullptr;
+        if (!part) return Ref();
         path = Ref::steal(PyNumber_TrueDivide(path.get(), part.get()));
-        if (!path) return nullptr;
+        if (!path) return Ref();
     }
-    if (name == nullptr) return path.release();
-    return PyNumber_TrueDivide(path.get(), name);
+    if (name == nullptr) return path;
+    return Ref::steal(PyNumber_TrueDivide(path.get(), name));
 }
 
 PyObject* normalize_branch_name(PyObject*, PyObject* const* a) {
     PyObject* name = a[0];
     if (PyUnicode_CheckExact(name)) {
         if (PyUnicode_GET_LENGTH(name) == 0) Py_RETURN_NONE;
-        return normalize_text(name);
+        return normalize_text(name).release();
     }
     const int truth = PyObject_IsTrue(name);
     if (truth < 0) return nullptr;
     if (!truth) Py_RETURN_NONE;
-    return normalize_object(name);
+    return normalize_object(name).release();
 }
 
 PyObject* sanitize_branch_name(PyObject*, PyObject* const* a) {
-    if (PyUnicode_CheckExact(a[0])) return sanitize_text(a[0], true);
-    return sanitize_object(a[0]);
+    return (PyUnicode_CheckExact(a[0]) ? sanitize_text(a[0], true) : sanitize_object(a[0])).release();
 }
 
 PyObject* wiki_root(PyObject* module, PyObject* const* a) {
-    return wiki_join(a[0], nullptr, is_plain_path(module, a[0]));
+    return wiki_join(a[0], nullptr, is_plain_path(module, a[0])).release();
 }
 
 // wiki_root(repo_root) / sanitize_branch_name(branch), both reached through
@@ -328,19 +327,19 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
     const bool plain = own_root && is_plain_path(module, repo_root);
     Ref root;
     if (!plain) {
-        root = own_root ? Ref::steal(wiki_join(repo_root, nullptr, false))
+        root = own_root ? wiki_join(repo_root, nullptr, false)
                         : Ref::steal(PyObject_CallOneArg(root_function.get(), repo_root));
         if (!root) return nullptr;
     }
     Ref sanitize = lookup(module, Name::sanitize_branch_name);
     if (!sanitize) return nullptr;
     if (plain && is_original(st, Name::sanitize_branch_name, sanitize.get()) && PyUnicode_CheckExact(branch)) {
-        Ref name = Ref::steal(sanitize_text(branch, true));
+        Ref name = sanitize_text(branch, true);
         if (!name) return nullptr;
-        return wiki_join(repo_root, name.get(), true);
+        return wiki_join(repo_root, name.get(), true).release();
     }
     if (!root) {
-        root = Ref::steal(wiki_join(repo_root, nullptr, plain));
+        root = wiki_join(repo_root, nullptr, plain);
         if (!root) return nullptr;
     }
     Ref name = Ref::steal(PyObject_CallOneArg(sanitize.get(), branch));
@@ -374,24 +373,24 @@ int succeeded(PyObject* code) { return code_compare(code, Py_EQ); }
 // With `strip_first` the output is stripped before the code is looked at
 // (`out = stdout.strip(); if returncode == 0 and out`), else only once the
 // code says git succeeded (`if returncode == 0 and stdout.strip()`).
-PyObject* stripped_output(PyObject* module, GitResult& result, bool strip_first) {
+Ref stripped_output(PyObject* module, GitResult& result, bool strip_first) {
     PyObject* strip = state_of(module)->str_strip;
     Ref out;
-    if (strip_first && !(out = Ref::steal(PyObject_CallMethodNoArgs(result.out.get(), strip)))) return nullptr;
+    if (strip_first && !(out = Ref::steal(PyObject_CallMethodNoArgs(result.out.get(), strip)))) return Ref();
     const int ok = succeeded(result.code.get());
-    if (ok < 0) return nullptr;
-    if (!ok) Py_RETURN_NONE;
-    if (!out && !(out = Ref::steal(PyObject_CallMethodNoArgs(result.out.get(), strip)))) return nullptr;
+    if (ok < 0) return Ref();
+    if (!ok) return Ref::borrow(Py_None);
+    if (!out && !(out = Ref::steal(PyObject_CallMethodNoArgs(result.out.get(), strip)))) return Ref();
     const int truth = PyObject_IsTrue(out.get());
-    if (truth < 0) return nullptr;
-    if (!truth) Py_RETURN_NONE;
-    return out.release();
+    if (truth < 0) return Ref();
+    if (!truth) return Ref::borrow(Py_None);
+    return out;
 }
 
 PyObject* resolve_display_branch(PyObject* module, PyObject* const* a) {
     GitResult result;
     if (run_git(module, a[0], arg_list({"branch", "--show-current"}), result) < 0) return nullptr;
-    return stripped_output(module, result, false);
+    return stripped_output(module, result, false).release();
 }
 
 PyObject* get_head_commit(PyObject* module, PyObject* const* a) {
@@ -400,14 +399,14 @@ PyObject* get_head_commit(PyObject* module, PyObject* const* a) {
     GitResult result;
     Ref args = short_form ? arg_list({"rev-parse", "--short", "HEAD"}) : arg_list({"rev-parse", "HEAD"});
     if (run_git(module, a[0], std::move(args), result) < 0) return nullptr;
-    return stripped_output(module, result, true);
+    return stripped_output(module, result, true).release();
 }
 
 PyObject* get_default_branch(PyObject* module, PyObject* const* a) {
     constexpr const char* kRemotePrefix = "refs/remotes/origin/";
     GitResult result;
     if (run_git(module, a[0], arg_list({"symbolic-ref", "refs/remotes/origin/HEAD"}), result) < 0) return nullptr;
-    Ref remote_head = Ref::steal(stripped_output(module, result, false));
+    Ref remote_head = stripped_output(module, result, false);
     if (!remote_head) return nullptr;
     if (remote_head.get() != Py_None) {
         const int prefixed = starts_with(remote_head.get(), kRemotePrefix);
@@ -458,7 +457,7 @@ PyObject* resolve_commit(PyObject* module, PyObject* const* a) {
     GitResult result;
     if (run_git(module, a[0], arg_list({"rev-parse", "--verify", "--quiet", revision.get()}), result) < 0)
         return nullptr;
-    return stripped_output(module, result, true);
+    return stripped_output(module, result, true).release();
 }
 
 #ifndef _WIN32

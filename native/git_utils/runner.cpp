@@ -28,12 +28,12 @@ constexpr double kMaxNativeTimeout = 1e6;
 Ref git_triple(PyObject* out, PyObject* err, PyObject* code) { return Ref::steal(PyTuple_Pack(3, out, err, code)); }
 
 // ("", message, 1): what a time-out or a missing git gives.
-PyObject* substitute(const char* message) {
+Ref substitute(const char* message) {
     Ref empty = text("");
     Ref msg = text(message);
     Ref one = Ref::steal(PyLong_FromLong(1));
-    if (!empty || !msg || !one) return nullptr;
-    return git_triple(empty.get(), msg.get(), one.get()).release();
+    if (!empty || !msg || !one) return Ref();
+    return git_triple(empty.get(), msg.get(), one.get());
 }
 
 // logger.<level>(format, *values) through the namespace's logger, as a line
@@ -42,15 +42,15 @@ int log(PyObject* module, LogLevel level, const char* format, std::initializer_l
     return log_line(module, level, "run_git_command", format, values);
 }
 
-PyObject* timed_out(PyObject* module, PyObject* args, PyObject* timeout) {
+Ref timed_out(PyObject* module, PyObject* args, PyObject* timeout) {
     if (log(module, LogLevel::warning, "git command timed out after %ss: args=%s", {timeout, args}) < 0)
-        return nullptr;
+        return Ref();
     return substitute("Command timed out");
 }
 
-PyObject* not_found(PyObject* module, PyObject* args) {
+Ref not_found(PyObject* module, PyObject* args) {
     if (log(module, LogLevel::warning, "git executable not found while running args=%s", {args}) < 0)
-        return nullptr;
+        return Ref();
     return substitute("git not found");
 }
 
@@ -116,31 +116,31 @@ int merge_options(PyObject* callee, PyObject* kwargs, PyObject* options) {
 // subprocess.run(argv, cwd=cwd, capture_output=True, encoding="utf-8",
 // errors="replace", timeout=timeout, **options), and what the runner makes
 // of its result or of a time-out or missing git.
-PyObject* run_through_subprocess(PyObject* module, PyObject* subprocess, PyObject* run, PyObject* argv,
+Ref run_through_subprocess(PyObject* module, PyObject* subprocess, PyObject* run, PyObject* argv,
                                  PyObject* cwd, PyObject* timeout, PyObject* options, PyObject* args) {
     Ref kwargs = Ref::steal(Py_BuildValue("{s:O,s:O,s:s,s:s,s:O}", "cwd", cwd, "capture_output", Py_True, "encoding",
                                           "utf-8", "errors", "replace", "timeout", timeout));
-    if (!kwargs || merge_options(run, kwargs.get(), options) < 0) return nullptr;
+    if (!kwargs || merge_options(run, kwargs.get(), options) < 0) return Ref();
     Ref call_args = Ref::steal(PyTuple_Pack(1, argv));
-    if (!call_args) return nullptr;
+    if (!call_args) return Ref();
     Ref result = Ref::steal(PyObject_Call(run, call_args.get(), kwargs.get()));
     if (!result) {
         Ref pending = Ref::steal(PyErr_GetRaisedException());
         // A failing lookup replaces the pending error, as a failing except clause does.
         Ref expired = Ref::steal(PyObject_GetAttrString(subprocess, "TimeoutExpired"));
-        if (!expired) return nullptr;
+        if (!expired) return Ref();
         if (PyErr_GivenExceptionMatches(pending.get(), expired.get())) return timed_out(module, args, timeout);
         if (PyErr_GivenExceptionMatches(pending.get(), PyExc_FileNotFoundError)) return not_found(module, args);
         PyErr_SetRaisedException(pending.release());
-        return nullptr;
+        return Ref();
     }
     Ref code = Ref::steal(PyObject_GetAttrString(result.get(), "returncode"));
     Ref out = Ref::steal(PyObject_GetAttrString(result.get(), "stdout"));
     Ref err = Ref::steal(PyObject_GetAttrString(result.get(), "stderr"));
-    if (!code || !out || !err) return nullptr;
+    if (!code || !out || !err) return Ref();
     const int failed = code_compare(code.get(), Py_NE);
-    if (failed < 0 || (failed && log_failure(module, args, code.get(), err.get()) < 0)) return nullptr;
-    return git_triple(out.get(), err.get(), code.get()).release();
+    if (failed < 0 || (failed && log_failure(module, args, code.get(), err.get()) < 0)) return Ref();
+    return git_triple(out.get(), err.get(), code.get());
 }
 
 #ifndef _WIN32
@@ -270,16 +270,17 @@ Ref decode(core::ByteBuffer& bytes) {
     return s;
 }
 
-PyObject* raise_errno(int err, PyObject* filename) {
+Ref raise_errno(int err, PyObject* filename) {
     errno = err;
-    return filename ? PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, filename) : PyErr_SetFromErrno(PyExc_OSError);
+    return Ref::steal(filename ? PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, filename)
+                               : PyErr_SetFromErrno(PyExc_OSError));
 }
 
 // Spawns git natively with the interpreter's lock released: the same
 // triple, exceptions and log lines as the subprocess.run path.
-PyObject* run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObject* argv, PyObject* cwd,
+Ref run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObject* argv, PyObject* cwd,
                        PyObject* timeout, PyObject* args, core::ByteBuffer* capture) {
-    if (PySys_Audit("subprocess.Popen", "OOOO", PyList_GET_ITEM(argv, 0), argv, cwd, Py_None) < 0) return nullptr;
+    if (PySys_Audit("subprocess.Popen", "OOOO", PyList_GET_ITEM(argv, 0), argv, cwd, Py_None) < 0) return Ref();
     core::Child child;
     core::Finished done;
     bool out_of_memory = false;
@@ -293,7 +294,7 @@ PyObject* run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, 
         child = core::Child();  // kills and reaps a started child
     }
     PyEval_RestoreThread(wait.saved);
-    if (out_of_memory) return PyErr_NoMemory();
+    if (out_of_memory) return Ref::steal(PyErr_NoMemory());
 
     switch (child.failure()) {
         case core::StartFailure::none:
@@ -314,20 +315,20 @@ PyObject* run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, 
             return timed_out(module, args, timeout);
         case core::Outcome::interrupted:
             if (!PyErr_Occurred()) PyErr_SetString(PyExc_OSError, "waiting for git failed");
-            return nullptr;
+            return Ref();
     }
     if (capture != nullptr && done.returncode == 0) {
         done.out.resize_down(core::normalize_line_ends(done.out.data(), done.out.size()));
         *capture = std::move(done.out);
-        Py_RETURN_NONE;
+        return Ref::borrow(Py_None);
     }
     Ref out = decode(done.out);
-    if (!out) return nullptr;
+    if (!out) return Ref();
     Ref err = decode(done.err);
     Ref code = Ref::steal(PyLong_FromLong(done.returncode));
-    if (!err || !code) return nullptr;
-    if (done.returncode != 0 && log_failure(module, args, code.get(), err.get()) < 0) return nullptr;
-    return git_triple(out.get(), err.get(), code.get()).release();
+    if (!err || !code) return Ref();
+    if (done.returncode != 0 && log_failure(module, args, code.get(), err.get()) < 0) return Ref();
+    return git_triple(out.get(), err.get(), code.get());
 }
 
 #endif
@@ -336,25 +337,25 @@ PyObject* run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, 
 // given): when git runs natively and exits with 0, stdout is left in
 // `capture` as bytes with line ends normalised, not decoded, and the result
 // is None instead of the triple.
-PyObject* run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObject* timeout,
+Ref run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObject* timeout,
                   [[maybe_unused]] core::ByteBuffer* capture) {
     ModuleState* st = state_of(module);
 
     // The order in which Python code would evaluate the call's parts.
     Ref subprocess = lookup(module, Name::subprocess);
-    if (!subprocess) return nullptr;
+    if (!subprocess) return Ref();
     Ref run = Ref::steal(PyObject_GetAttr(subprocess.get(), st->str_run));
-    if (!run) return nullptr;
+    if (!run) return Ref();
     Ref prefix = arg_list({"git"});
-    if (!prefix) return nullptr;
+    if (!prefix) return Ref();
     Ref argv = Ref::steal(PyNumber_Add(prefix.get(), args));
-    if (!argv) return nullptr;
+    if (!argv) return Ref();
     Ref cwd = Ref::steal(PyObject_Str(repo_root));
-    if (!cwd) return nullptr;
+    if (!cwd) return Ref();
     Ref helper = lookup(module, Name::get_subprocess_hidden_kwargs);
-    if (!helper) return nullptr;
+    if (!helper) return Ref();
     Ref options = Ref::steal(PyObject_CallNoArgs(helper.get()));
-    if (!options) return nullptr;
+    if (!options) return Ref();
 
 #ifndef _WIN32
     double seconds = 0;
@@ -363,7 +364,7 @@ PyObject* run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObjec
         PyList_CheckExact(argv.get()) && plain_timeout(timeout, seconds)) {
         core::SpawnSpec spec;
         const int ready = prepare(st, argv.get(), cwd.get(), spec);
-        if (ready < 0) return nullptr;
+        if (ready < 0) return Ref();
         if (ready > 0) return run_natively(module, spec, seconds, argv.get(), cwd.get(), timeout, args, capture);
     }
 #endif
@@ -371,34 +372,36 @@ PyObject* run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObjec
                                   options.get(), args);
 }
 
-PyObject* run_git_command(PyObject* module, PyObject* const* a) { return run_git(module, a[0], a[1], a[2], nullptr); }
+PyObject* run_git_command(PyObject* module, PyObject* const* a) {
+    return run_git(module, a[0], a[1], a[2], nullptr).release();
+}
 
 // What _git_output makes of the runner's result: stdout, or GitError.
-PyObject* output_or_error(PyObject* module, PyObject* result) {
+Ref output_or_error(PyObject* module, PyObject* result) {
     Ref parts[3];
-    if (unpack_git_result(result, parts) < 0) return nullptr;
+    if (unpack_git_result(result, parts) < 0) return Ref();
     const int failed = code_compare(parts[2].get(), Py_NE);
-    if (failed < 0) return nullptr;
-    if (!failed) return parts[0].release();
+    if (failed < 0) return Ref();
+    if (!failed) return std::move(parts[0]);
 
     // GitError(stderr.strip() or f"git exited with code {returncode}")
     Ref message = Ref::steal(PyObject_CallMethodNoArgs(parts[1].get(), state_of(module)->str_strip));
-    if (!message) return nullptr;
+    if (!message) return Ref();
     const int has_text = PyObject_IsTrue(message.get());
-    if (has_text < 0) return nullptr;
+    if (has_text < 0) return Ref();
     if (!has_text) {
         Ref code = Ref::steal(PyObject_Format(parts[2].get(), nullptr));
-        if (!code) return nullptr;
+        if (!code) return Ref();
         message = Ref::steal(PyUnicode_FromFormat("git exited with code %U", code.get()));
-        if (!message) return nullptr;
+        if (!message) return Ref();
     }
     raise_git_error(module, std::move(message));
-    return nullptr;
+    return Ref();
 }
 
 PyObject* git_output(PyObject* module, PyObject* const* a) {
     Ref result = call_run_git_command(module, a[0], a[1]);
-    return result ? output_or_error(module, result.get()) : nullptr;
+    return result ? output_or_error(module, result.get()).release() : nullptr;
 }
 
 // The time-out run_git_command(repo_root, args) runs with: its last default.
@@ -521,10 +524,10 @@ int git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args,
                                                                             : Ref::borrow(Py_None);
         if (!timeout) return -1;
         if (timeout.get() != Py_None) {
-            Ref result = Ref::steal(run_git(module, repo_root, args, timeout.get(), &out.bytes));
+            Ref result = run_git(module, repo_root, args, timeout.get(), &out.bytes);
             if (!result) return -1;
             out.is_bytes = result.get() == Py_None;
-            if (!out.is_bytes) out.text = Ref::steal(output_or_error(module, result.get()));
+            if (!out.is_bytes) out.text = output_or_error(module, result.get());
             return out.is_bytes || out.text ? 0 : -1;
         }
     }
