@@ -148,9 +148,7 @@ int exceeds(PyObject* limit, Py_ssize_t total) {
         return static_cast<long long>(total) > max ? 1 : 0;
     }
     Ref t = Ref::steal(PyLong_FromSsize_t(total));
-    if (!t) return -1;
-    Ref r = Ref::steal(PyObject_RichCompare(t.get(), limit, Py_GT));
-    return r ? PyObject_IsTrue(r.get()) : -1;
+    return t ? truth(Ref::steal(PyObject_RichCompare(t.get(), limit, Py_GT))) : -1;
 }
 
 PyObject* path_batches(PyObject* module, PyObject* const* a) {

@@ -26,6 +26,12 @@ Ref call_method(PyObject* o, const char* name, const char* format = nullptr, Arg
 // (a null `value` is the failed call that made it).
 inline int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; }
 
+// `value or None`: null only when `value` is, or its truth fails.
+inline Ref or_none(Ref value) {
+    const int t = truth(value);
+    return t < 0 ? Ref() : t ? std::move(value) : Ref::borrow(Py_None);
+}
+
 // The value of the Python expression `expression` in a copy of the
 // namespace as it stands now.
 inline Ref evaluate(PyObject* module, const char* expression) {

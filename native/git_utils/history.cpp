@@ -148,11 +148,7 @@ PyObject* commit_before(PyObject* module, PyObject* const* a) {
     Ref before = when ? moment_option("--before=", when.get()) : Ref();
     Ref args = arg_list({"rev-list", "-1", before.get(), a[1]});
     if (!args) return nullptr;
-    Ref stripped = stripped_output(module, a[0], args.get());
-    const int has_text = truth(stripped);
-    if (has_text < 0) return nullptr;
-    if (!has_text) Py_RETURN_NONE;
-    return stripped.release();
+    return or_none(stripped_output(module, a[0], args.get())).release();
 }
 
 }  // namespace

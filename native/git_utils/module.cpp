@@ -178,17 +178,8 @@ int init_state(PyObject* module) {
         st->names[i] = PyUnicode_InternFromString(kNameText[i]);
         if (st->names[i] == nullptr) return -1;
     }
-    st->str_run = PyUnicode_InternFromString("run");
-    st->str_strip = PyUnicode_InternFromString("strip");
-    st->str_debug = PyUnicode_InternFromString("debug");
-    st->str_warning = PyUnicode_InternFromString("warning");
-    st->str_is_enabled_for = PyUnicode_InternFromString("isEnabledFor");
-    st->str_make_record = PyUnicode_InternFromString("makeRecord");
-    st->str_handle = PyUnicode_InternFromString("handle");
-    st->str_init = PyUnicode_InternFromString("__init__");
-    if (!st->str_run || !st->str_strip || !st->str_debug || !st->str_warning || !st->str_is_enabled_for ||
-        !st->str_make_record || !st->str_handle || !st->str_init)
-        return -1;
+    for (const auto& [slot, name] : kInterned)
+        if ((st->*slot = PyUnicode_InternFromString(name)) == nullptr) return -1;
     Ref type = create_function_type(module);
     if (!type) return -1;
     st->function_type = type.release();

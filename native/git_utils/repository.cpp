@@ -41,8 +41,7 @@ bool has_prefix_at(int kind, const void* data, Py_ssize_t at, Py_ssize_t end, co
 int starts_with(PyObject* s, const char* prefix) {
     if (PyUnicode_CheckExact(s))
         return has_prefix_at(PyUnicode_KIND(s), PyUnicode_DATA(s), 0, PyUnicode_GET_LENGTH(s), prefix) ? 1 : 0;
-    Ref r = call_method(s, "startswith", "s", prefix);
-    return r ? PyObject_IsTrue(r.get()) : -1;
+    return truth(call_method(s, "startswith", "s", prefix));
 }
 
 // s[len(prefix):]
@@ -95,10 +94,7 @@ Ref normalize_object(PyObject* name) {
             }
         }
     }
-    const int truth = PyObject_IsTrue(current.get());
-    if (truth < 0) return Ref();
-    if (!truth) return Ref::borrow(Py_None);
-    return current;
+    return or_none(std::move(current));
 }
 
 bool kept_in_directory_name(Py_UCS4 c) { return Py_UNICODE_ISALNUM(c) || c == '-' || c == '_' || c == '.'; }
@@ -227,8 +223,7 @@ int git_entry_exists(PyObject* module, PyObject* candidate, bool native) {
     if (!name) return -1;
     Ref entry = Ref::steal(PyNumber_TrueDivide(candidate, name.get()));
     if (!entry) return -1;
-    Ref exists = call_method(entry.get(), "exists");
-    return exists ? PyObject_IsTrue(exists.get()) : -1;
+    return truth(call_method(entry.get(), "exists"));
 }
 
 // Path.cwd() through the namespace.
@@ -380,11 +375,7 @@ Ref stripped_output(PyObject* module, GitResult& result, bool strip_first) {
     const int ok = succeeded(result.code.get());
     if (ok < 0) return Ref();
     if (!ok) return Ref::borrow(Py_None);
-    if (!out && !(out = Ref::steal(PyObject_CallMethodNoArgs(result.out.get(), strip)))) return Ref();
-    const int truth = PyObject_IsTrue(out.get());
-    if (truth < 0) return Ref();
-    if (!truth) return Ref::borrow(Py_None);
-    return out;
+    return or_none(out ? std::move(out) : Ref::steal(PyObject_CallMethodNoArgs(result.out.get(), strip)));
 }
 
 PyObject* resolve_display_branch(PyObject* module, PyObject* const* a) {

@@ -47,18 +47,11 @@ void clear_state(ModuleState* st) {
     Py_CLEAR(st->datetime_now);
     Py_CLEAR(st->logger_class);
     for (Guard* g : {&st->runner_guard, &st->path_guard, &st->stat_guard, &st->logger_guard}) clear_guard(*g);
-    Py_CLEAR(st->str_is_enabled_for);
-    Py_CLEAR(st->str_make_record);
-    Py_CLEAR(st->str_handle);
     Py_CLEAR(st->os_get_exec_path);
     Py_CLEAR(st->builtins);
-    Py_CLEAR(st->str_run);
-    Py_CLEAR(st->str_strip);
-    Py_CLEAR(st->str_debug);
-    Py_CLEAR(st->str_warning);
+    for (const auto& interned : kInterned) Py_CLEAR(st->*interned.first);
     for (PyObject*& o : st->record_fields) Py_CLEAR(o);
     for (PyObject*& o : st->record_inits) Py_CLEAR(o);
-    Py_CLEAR(st->str_init);
 }
 
 }  // namespace gu

@@ -6,6 +6,8 @@
 
 #include <Python.h>
 
+#include <utility>
+
 #include "git_utils/genuine.hpp"
 #include "git_utils/names.hpp"
 #include "git_utils/ref.hpp"
@@ -40,6 +42,14 @@ struct ModuleState {
     PyObject* record_fields[3];       // field names of each record class, in order
     PyObject* record_inits[3];        // each record class's own __init__ as loading made it
     PyObject* str_init;               // interned "__init__"
+};
+
+// The interned names above and their texts.
+inline constexpr std::pair<PyObject* ModuleState::*, const char*> kInterned[] = {
+    {&ModuleState::str_is_enabled_for, "isEnabledFor"}, {&ModuleState::str_make_record, "makeRecord"},
+    {&ModuleState::str_handle, "handle"},               {&ModuleState::str_run, "run"},
+    {&ModuleState::str_strip, "strip"},                 {&ModuleState::str_debug, "debug"},
+    {&ModuleState::str_warning, "warning"},             {&ModuleState::str_init, "__init__"},
 };
 
 ModuleState* state_of(PyObject* module);
