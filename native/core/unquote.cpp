@@ -11,16 +11,9 @@ namespace {
 bool is_octal(char c) noexcept { return c >= '0' && c <= '7'; }
 
 char control_byte(char c) noexcept {
-    switch (c) {
-        case 'a': return '\a';
-        case 'b': return '\b';
-        case 'f': return '\f';
-        case 'n': return '\n';
-        case 'r': return '\r';
-        case 't': return '\t';
-        case 'v': return '\v';
-        default: return c;
-    }
+    for (const ControlEscape& e : control_escapes)
+        if (e.letter == c) return e.byte;
+    return c;
 }
 
 }  // namespace

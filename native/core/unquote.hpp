@@ -7,6 +7,16 @@
 
 namespace gu::core {
 
+// The escapes that stand for control bytes, in the order of the namespace's
+// escape mapping, which the binding makes from this table and checks
+// against it. Any other escaped character stands for itself.
+struct ControlEscape {
+    char letter, byte;
+};
+inline constexpr ControlEscape control_escapes[] = {
+    {'a', '\a'}, {'b', '\b'}, {'f', '\f'}, {'n', '\n'}, {'r', '\r'}, {'t', '\t'}, {'v', '\v'},
+};
+
 // Appends the bytes `text` stands for to `out`, left to right: a backslash
 // and three octal digits is one byte, a backslash and any other character
 // is that character (a, b, f, n, r, t, v give their control bytes), and a

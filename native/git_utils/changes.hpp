@@ -22,9 +22,11 @@ extern const FunctionDef kUnquote;
 extern const FunctionDef kPathBatches;
 
 // At load: the namespace's _STATUS_BY_LETTER and _TWO_PATH_LETTERS, made
-// from the core's table of raw status letters.
+// from the core's table of raw status letters, and _C_ESCAPES from its
+// table of control escapes.
 Ref make_status_by_letter(PyObject* module, Name name);
 Ref make_two_path_letters(PyObject* module, Name name);
+Ref make_c_escapes(PyObject* module, Name name);
 
 // The parsers over git's own stdout (line ends normalised, not decoded):
 // what parse_file_changes, parse_commit_changes and parse_line_spans give

@@ -6,6 +6,7 @@
 // per call: what loading bound runs natively, a replacement is called where
 // the algorithm calls the helper.
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <optional>
@@ -48,24 +49,24 @@ std::int64_t saturated(PyObject* value) {
 
 // ---- _unquote --------------------------------------------------------------
 
-// Whether _C_ESCAPE and _C_ESCAPES are still what loading made, so the
-// core's unquoting gives what they would.
+// Whether _C_ESCAPE and _C_ESCAPES are still what loading made, holding what
+// the core's escape table says, so the core's unquoting gives what they would.
 bool native_unquote(PyObject* module) {
     if (!unchanged(module, Name::_C_ESCAPE)) return false;
     Ref held = peek(module, Name::_C_ESCAPES);
     PyObject* escapes = held.get();
     if (!is_original(state_of(module), Name::_C_ESCAPES, escapes) || !PyDict_CheckExact(escapes) ||
-        PyDict_GET_SIZE(escapes) != 7)
+        PyDict_GET_SIZE(escapes) != static_cast<Py_ssize_t>(std::size(core::control_escapes)))
         return false;
-    static constexpr std::pair<const char*, Py_UCS4> kExpected[] = {
-        {"a", 0x07}, {"b", 0x08}, {"f", 0x0C}, {"n", 0x0A}, {"r", 0x0D}, {"t", 0x09}, {"v", 0x0B}};
-    for (const auto& [letter, code] : kExpected) {
+    for (const core::ControlEscape& e : core::control_escapes) {
+        const char letter[] = {e.letter, '\0'};
         Ref c;
         if (dict_get(escapes, letter, c) <= 0) {
             PyErr_Clear();
             return false;
         }
-        if (!PyUnicode_CheckExact(c.get()) || PyUnicode_GET_LENGTH(c.get()) != 1 || PyUnicode_READ_CHAR(c.get(), 0) != code)
+        if (!PyUnicode_CheckExact(c.get()) || PyUnicode_GET_LENGTH(c.get()) != 1 ||
+            PyUnicode_READ_CHAR(c.get(), 0) != static_cast<Py_UCS4>(e.byte))
             return false;
     }
     return true;
@@ -467,6 +468,17 @@ PyObject* parse_line_spans(PyObject* module, PyObject* const* a) {
 }
 
 }  // namespace
+
+Ref make_c_escapes(PyObject*, Name) {
+    Ref mapping = Ref::steal(PyDict_New());
+    if (!mapping) return Ref();
+    for (const core::ControlEscape& e : core::control_escapes) {
+        Ref key = Ref::steal(PyUnicode_FromStringAndSize(&e.letter, 1));
+        Ref value = Ref::steal(PyUnicode_FromStringAndSize(&e.byte, 1));
+        if (!key || !value || PyDict_SetItem(mapping.get(), key.get(), value.get()) < 0) return Ref();
+    }
+    return mapping;
+}
 
 // Paths decode with invalid bytes replaced; names that decode alike are
 // one key of the result, as they are when the decoded text is parsed.
