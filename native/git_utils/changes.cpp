@@ -181,50 +181,43 @@ PyObject* path_batches(PyObject* module, PyObject* const* a) {
 
 }  // namespace
 
-const FunctionDef kDiffFileChanges = {
-    Name::diff_file_changes,
-    "(repo_root: Path, base: str, head: str) -> list[FileChange]",
-    "List the files that head changed since it left base (git diff base...head,\n"
-    "against their merge base), as FileChange records in git's order, with\n"
-    "renames detected. Raises GitError when git fails, and before git runs for\n"
-    "a base or head that begins with \"--\".",
-    diff_file_changes,
+const FunctionDef kDefs[] = {
+    {Name::diff_file_changes,
+     "(repo_root: Path, base: str, head: str) -> list[FileChange]",
+     "List the files that head changed since it left base (git diff base...head,\n"
+     "against their merge base), as FileChange records in git's order, with\n"
+     "renames detected. Raises GitError when git fails, and before git runs for\n"
+     "a base or head that begins with \"--\".",
+     diff_file_changes},
+    {Name::log_commit_changes,
+     "(repo_root: Path, *, since: datetime, ref: str | None, max_commits: int) -> list[CommitChanges]",
+     "List the commits of ref's history (HEAD's when ref is None) made since\n"
+     "the local moment since, at most max_commits of them, newest first, as\n"
+     "CommitChanges records with the files each changed (none for a merge).\n"
+     "All three are keyword-only and required. Raises GitError when git fails,\n"
+     "and before git runs for a ref that begins with \"--\".",
+     log_commit_changes},
+    {Name::diff_line_spans,
+     "(repo_root: Path, base: str, head: str, *, merge_base: bool, paths: Sequence[str] = (), "
+     "diff_filter: str = \"MR\") -> dict[str, list[LineSpan]]",
+     "Map each file a diff changed to the LineSpan records of its newer side.\n\n"
+     "merge_base (keyword-only, required) compares head with the point where it\n"
+     "left base (base...head) rather than with base itself. paths, when given,\n"
+     "limits the diff to those literal paths; a long list runs git once per\n"
+     "batch of paths that fits on a command line, a later batch's answer for a\n"
+     "path replacing an earlier one. diff_filter names the kinds of change to\n"
+     "read (git's --diff-filter letters; modified and renamed by default).\n"
+     "Raises GitError when any git run fails, and before git runs for a base or\n"
+     "head that begins with \"--\".",
+     diff_line_spans},
+    {Name::_path_batches,
+     "(paths: Sequence[str]) -> list[list[str]]",
+     "Cut paths, in order, into batches whose lengths (one extra character per\n"
+     "path) add up to at most _MAX_PATHSPEC_CHARS; a longer path makes a batch\n"
+     "of its own. No paths give one empty batch.",
+     path_batches},
 };
 
-const FunctionDef kLogCommitChanges = {
-    Name::log_commit_changes,
-    "(repo_root: Path, *, since: datetime, ref: str | None, max_commits: int) -> list[CommitChanges]",
-    "List the commits of ref's history (HEAD's when ref is None) made since\n"
-    "the local moment since, at most max_commits of them, newest first, as\n"
-    "CommitChanges records with the files each changed (none for a merge).\n"
-    "All three are keyword-only and required. Raises GitError when git fails,\n"
-    "and before git runs for a ref that begins with \"--\".",
-    log_commit_changes,
-};
-
-const FunctionDef kDiffLineSpans = {
-    Name::diff_line_spans,
-    "(repo_root: Path, base: str, head: str, *, merge_base: bool, paths: Sequence[str] = (), "
-    "diff_filter: str = \"MR\") -> dict[str, list[LineSpan]]",
-    "Map each file a diff changed to the LineSpan records of its newer side.\n\n"
-    "merge_base (keyword-only, required) compares head with the point where it\n"
-    "left base (base...head) rather than with base itself. paths, when given,\n"
-    "limits the diff to those literal paths; a long list runs git once per\n"
-    "batch of paths that fits on a command line, a later batch's answer for a\n"
-    "path replacing an earlier one. diff_filter names the kinds of change to\n"
-    "read (git's --diff-filter letters; modified and renamed by default).\n"
-    "Raises GitError when any git run fails, and before git runs for a base or\n"
-    "head that begins with \"--\".",
-    diff_line_spans,
-};
-
-const FunctionDef kPathBatches = {
-    Name::_path_batches,
-    "(paths: Sequence[str]) -> list[list[str]]",
-    "Cut paths, in order, into batches whose lengths (one extra character per\n"
-    "path) add up to at most _MAX_PATHSPEC_CHARS; a longer path makes a batch\n"
-    "of its own. No paths give one empty batch.",
-    path_batches,
-};
+const std::span<const FunctionDef> kChangeQueryFunctions = kDefs;
 
 }  // namespace gu

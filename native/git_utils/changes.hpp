@@ -8,19 +8,6 @@
 
 namespace gu {
 
-extern const FunctionDef kDiffFileChanges;
-extern const FunctionDef kLogCommitChanges;
-extern const FunctionDef kDiffLineSpans;
-extern const FunctionDef kParseFileChanges;
-extern const FunctionDef kParseCommitChanges;
-extern const FunctionDef kParseLineSpans;
-extern const FunctionDef kSpan;
-extern const FunctionDef kFileChanges;
-extern const FunctionDef kLineCount;
-extern const FunctionDef kPatchPath;
-extern const FunctionDef kUnquote;
-extern const FunctionDef kPathBatches;
-
 // At load: the namespace's _STATUS_BY_LETTER and _TWO_PATH_LETTERS, made
 // from the core's table of raw status letters, and _C_ESCAPES from its
 // table of control escapes.

@@ -515,47 +515,40 @@ Ref parse_commit_changes_from_git(PyObject* module, std::string_view output) {
     return Ref::steal(parse_commit_changes(module, args));
 }
 
-const FunctionDef kParseFileChanges = {
-    Name::parse_file_changes,
-    "(output: str) -> list[FileChange]",
-    "Parse what git diff --raw --numstat -z printed into FileChange records.\n\n"
-    "One record per file named by a raw record, in the order of the raw\n"
-    "records, with the counts of its numstat record (0 and 0 for a binary file\n"
-    "or a file without one). Renames and copies carry old_path. Odd or\n"
-    "truncated output never fails: what is not recognised is skipped.",
-    parse_file_changes,
+const FunctionDef kDefs[] = {
+    {Name::parse_file_changes,
+     "(output: str) -> list[FileChange]",
+     "Parse what git diff --raw --numstat -z printed into FileChange records.\n\n"
+     "One record per file named by a raw record, in the order of the raw\n"
+     "records, with the counts of its numstat record (0 and 0 for a binary file\n"
+     "or a file without one). Renames and copies carry old_path. Odd or\n"
+     "truncated output never fails: what is not recognised is skipped.",
+     parse_file_changes},
+    {Name::parse_commit_changes,
+     "(output: str) -> list[CommitChanges]",
+     "Parse what git log --format=%x1e%ct --raw --numstat -z printed into\n"
+     "CommitChanges records, one per commit in the order of the output.\n\n"
+     "Each commit header (the RS character and the commit time) starts a\n"
+     "commit whose files are the raw and numstat records up to the next header;\n"
+     "a commit without shown changes (a merge) has no files. Tokens before the\n"
+     "first header are ignored. Raises ValueError when a header's time is not a\n"
+     "whole number.",
+     parse_commit_changes},
+    {Name::_file_changes,
+     "(tokens: Sequence[str]) -> list[FileChange]",
+     "Pair the raw and numstat records among the NUL-separated tokens of one\n"
+     "diff (or one commit) by path into FileChange records, in the order of\n"
+     "each path's first raw record, with the status of its last raw record and\n"
+     "the counts of its last numstat record. Numstat records never add a file;\n"
+     "missing tokens read as empty texts.",
+     file_changes},
+    {Name::_line_count,
+     "(field: str) -> int",
+     "Read one count of a numstat record: its value when the field is made of\n"
+     "digits, else 0 (git writes \"-\" for a binary file).",
+     line_count},
 };
 
-const FunctionDef kParseCommitChanges = {
-    Name::parse_commit_changes,
-    "(output: str) -> list[CommitChanges]",
-    "Parse what git log --format=%x1e%ct --raw --numstat -z printed into\n"
-    "CommitChanges records, one per commit in the order of the output.\n\n"
-    "Each commit header (the RS character and the commit time) starts a\n"
-    "commit whose files are the raw and numstat records up to the next header;\n"
-    "a commit without shown changes (a merge) has no files. Tokens before the\n"
-    "first header are ignored. Raises ValueError when a header's time is not a\n"
-    "whole number.",
-    parse_commit_changes,
-};
-
-const FunctionDef kFileChanges = {
-    Name::_file_changes,
-    "(tokens: Sequence[str]) -> list[FileChange]",
-    "Pair the raw and numstat records among the NUL-separated tokens of one\n"
-    "diff (or one commit) by path into FileChange records, in the order of\n"
-    "each path's first raw record, with the status of its last raw record and\n"
-    "the counts of its last numstat record. Numstat records never add a file;\n"
-    "missing tokens read as empty texts.",
-    file_changes,
-};
-
-const FunctionDef kLineCount = {
-    Name::_line_count,
-    "(field: str) -> int",
-    "Read one count of a numstat record: its value when the field is made of\n"
-    "digits, else 0 (git writes \"-\" for a binary file).",
-    line_count,
-};
+const std::span<const FunctionDef> kFileChangeFunctions = kDefs;
 
 }  // namespace gu

@@ -7,6 +7,8 @@
 
 #include <Python.h>
 
+#include <span>
+
 #include "git_utils/names.hpp"
 #include "git_utils/ref.hpp"
 
@@ -27,6 +29,10 @@ struct FunctionDef {
     const char* doc;
     Impl impl;
 };
+
+// The functions each subsystem defines; loading finds each by its name.
+extern const std::span<const FunctionDef> kChangeQueryFunctions, kFileChangeFunctions, kLineSpanFunctions,
+    kHistoryFunctions, kTimeSpecFunctions, kRepositoryFunctions, kRunnerFunctions;
 
 // The most parameters a function of the module takes.
 inline constexpr Py_ssize_t kMaxParams = 8;

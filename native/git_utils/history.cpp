@@ -153,34 +153,30 @@ PyObject* commit_before(PyObject* module, PyObject* const* a) {
 
 }  // namespace
 
-const FunctionDef kGetAuthorsForPeriod = {
-    Name::get_authors_for_period,
-    "(repo_root: Path, since: str = \"30d\") -> list[dict[str, Any]]",
-    "List the authors of the period since `since` (a time spec), most commits\n"
-    "first, as git's shortlog counts them: dicts with \"name\", \"email\" and\n"
-    "\"commits\". A refused spec raises ValueError before git runs; a failed,\n"
-    "timed-out or missing git gives an empty list (logged at debug level).\n"
-    "git reads the log from standard input when that is not a terminal.",
-    get_authors_for_period,
+const FunctionDef kDefs[] = {
+    {Name::get_authors_for_period,
+     "(repo_root: Path, since: str = \"30d\") -> list[dict[str, Any]]",
+     "List the authors of the period since `since` (a time spec), most commits\n"
+     "first, as git's shortlog counts them: dicts with \"name\", \"email\" and\n"
+     "\"commits\". A refused spec raises ValueError before git runs; a failed,\n"
+     "timed-out or missing git gives an empty list (logged at debug level).\n"
+     "git reads the log from standard input when that is not a terminal.",
+     get_authors_for_period},
+    {Name::count_commits,
+     "(repo_root: Path, base: str, head: str) -> int",
+     "Count the commits reachable from head and not from base (git rev-list\n"
+     "--count base..head). Raises GitError when git fails, and before git runs\n"
+     "for a base or head that begins with \"--\".",
+     count_commits},
+    {Name::commit_before,
+     "(repo_root: Path, ref: str, moment: datetime) -> str | None",
+     "Return the full id of the newest commit of ref's history committed at or\n"
+     "before moment (written to git as local time, to the second), or None when\n"
+     "there is none. Raises GitError when git fails, and before git runs for a\n"
+     "ref that begins with \"--\".",
+     commit_before},
 };
 
-const FunctionDef kCountCommits = {
-    Name::count_commits,
-    "(repo_root: Path, base: str, head: str) -> int",
-    "Count the commits reachable from head and not from base (git rev-list\n"
-    "--count base..head). Raises GitError when git fails, and before git runs\n"
-    "for a base or head that begins with \"--\".",
-    count_commits,
-};
-
-const FunctionDef kCommitBefore = {
-    Name::commit_before,
-    "(repo_root: Path, ref: str, moment: datetime) -> str | None",
-    "Return the full id of the newest commit of ref's history committed at or\n"
-    "before moment (written to git as local time, to the second), or None when\n"
-    "there is none. Raises GitError when git fails, and before git runs for a\n"
-    "ref that begins with \"--\".",
-    commit_before,
-};
+const std::span<const FunctionDef> kHistoryFunctions = kDefs;
 
 }  // namespace gu

@@ -8,11 +8,6 @@
 
 namespace gu {
 
-extern const FunctionDef kParseTimeSpec;
-extern const FunctionDef kGetAuthorsForPeriod;
-extern const FunctionDef kCountCommits;
-extern const FunctionDef kCommitBefore;
-
 // At load: the datetime C API, and datetime.now as the original clock when it
 // is datetime's own C function.
 int record_clock_originals(PyObject* module);

@@ -486,46 +486,39 @@ Ref parse_line_spans_from_git(PyObject* module, std::string_view patch) {
     return spans_of<char>(module, GitText(patch));
 }
 
-const FunctionDef kParseLineSpans = {
-    Name::parse_line_spans,
-    "(patch: str) -> dict[str, list[LineSpan]]",
-    "Parse a zero-context patch (git diff -U0 --no-prefix) into the lines each\n"
-    "file's newer side had touched: a dict from path to its LineSpan records,\n"
-    "one per hunk, in patch order.\n\n"
-    "The lines of each hunk are counted off its header, so content that looks\n"
-    "like a file or hunk header is never read as one. A deleted file (newer\n"
-    "side /dev/null) and a file without hunks get no key; quoted names are\n"
-    "unquoted. Odd or truncated patches never fail: unknown lines are skipped.",
-    parse_line_spans,
+const FunctionDef kDefs[] = {
+    {Name::parse_line_spans,
+     "(patch: str) -> dict[str, list[LineSpan]]",
+     "Parse a zero-context patch (git diff -U0 --no-prefix) into the lines each\n"
+     "file's newer side had touched: a dict from path to its LineSpan records,\n"
+     "one per hunk, in patch order.\n\n"
+     "The lines of each hunk are counted off its header, so content that looks\n"
+     "like a file or hunk header is never read as one. A deleted file (newer\n"
+     "side /dev/null) and a file without hunks get no key; quoted names are\n"
+     "unquoted. Odd or truncated patches never fail: unknown lines are skipped.",
+     parse_line_spans},
+    {Name::_span,
+     "(start: int, new_count: int, old_count: int) -> LineSpan",
+     "The LineSpan of one hunk header: lines start to start + new_count - 1,\n"
+     "added when the hunk removes no line; a hunk that only removes lines marks\n"
+     "the line above the removal (at least line 1), not added.",
+     span},
+    {Name::_patch_path,
+     "(text: str) -> str | None",
+     "The path of a \"+++ \" line (the text after those four characters): one\n"
+     "trailing tab removed, None for /dev/null, a name in double quotes\n"
+     "unquoted, any other name as it stands.",
+     patch_path},
+    {Name::_unquote,
+     "(text: str) -> str",
+     "Undo git's C-style quoting of a name (the text between the quotes):\n"
+     "\\ooo octal escapes are bytes, \\a \\b \\f \\n \\r \\t \\v control\n"
+     "characters, any other escaped character stands for itself; the bytes are\n"
+     "decoded as UTF-8 with invalid sequences replaced. Raises ValueError for\n"
+     "an octal escape above \\377.",
+     unquote},
 };
 
-const FunctionDef kSpan = {
-    Name::_span,
-    "(start: int, new_count: int, old_count: int) -> LineSpan",
-    "The LineSpan of one hunk header: lines start to start + new_count - 1,\n"
-    "added when the hunk removes no line; a hunk that only removes lines marks\n"
-    "the line above the removal (at least line 1), not added.",
-    span,
-};
-
-const FunctionDef kPatchPath = {
-    Name::_patch_path,
-    "(text: str) -> str | None",
-    "The path of a \"+++ \" line (the text after those four characters): one\n"
-    "trailing tab removed, None for /dev/null, a name in double quotes\n"
-    "unquoted, any other name as it stands.",
-    patch_path,
-};
-
-const FunctionDef kUnquote = {
-    Name::_unquote,
-    "(text: str) -> str",
-    "Undo git's C-style quoting of a name (the text between the quotes):\n"
-    "\\ooo octal escapes are bytes, \\a \\b \\f \\n \\r \\t \\v control\n"
-    "characters, any other escaped character stands for itself; the bytes are\n"
-    "decoded as UTF-8 with invalid sequences replaced. Raises ValueError for\n"
-    "an octal escape above \\377.",
-    unquote,
-};
+const std::span<const FunctionDef> kLineSpanFunctions = kDefs;
 
 }  // namespace gu

@@ -1,7 +1,7 @@
 // The module as the host imports it: multi-phase initialisation with module
-// state, and the registration of its namespace, one table entry per name in
-// the order loading binds them (the order of names.hpp, checked at compile
-// time).
+// state, and the registration of its namespace: loading binds each name in
+// the order of names.hpp, with the value its table entry or function
+// definition (found by the name) makes.
 #include <Python.h>
 
 #include <iterator>
@@ -50,13 +50,9 @@ struct Constant {
 struct Made {
     Ref (*make)(PyObject* module, Name name);
 };
-struct Function {
-    const FunctionDef* def;
-};
-
 struct Entry {
     Name name;
-    std::variant<Import, Constant, Made, Function> what;
+    std::variant<Import, Constant, Made> what;
 };
 
 Ref make_logger(PyObject* module, Name) {
@@ -101,45 +97,20 @@ constexpr Entry kNamespace[] = {
     {Name::FileChange, Made{make_record_class}},
     {Name::CommitChanges, Made{make_record_class}},
     {Name::LineSpan, Made{make_record_class}},
-    {Name::find_git_root, Function{&kFindGitRoot}},
-    {Name::find_repo_root, Function{&kFindRepoRoot}},
-    {Name::resolve_display_branch, Function{&kResolveDisplayBranch}},
-    {Name::normalize_branch_name, Function{&kNormalizeBranchName}},
-    {Name::parse_time_spec, Function{&kParseTimeSpec}},
-    {Name::sanitize_branch_name, Function{&kSanitizeBranchName}},
-    {Name::wiki_root, Function{&kWikiRoot}},
-    {Name::wiki_directory, Function{&kWikiDirectory}},
-    {Name::run_git_command, Function{&kRunGitCommand}},
-    {Name::get_head_commit, Function{&kGetHeadCommit}},
-    {Name::get_default_branch, Function{&kGetDefaultBranch}},
-    {Name::branch_exists, Function{&kBranchExists}},
-    {Name::get_authors_for_period, Function{&kGetAuthorsForPeriod}},
     {Name::_MAX_PATHSPEC_CHARS, Constant{"16000"}},
-    {Name::resolve_commit, Function{&kResolveCommit}},
-    {Name::count_commits, Function{&kCountCommits}},
-    {Name::commit_before, Function{&kCommitBefore}},
-    {Name::diff_file_changes, Function{&kDiffFileChanges}},
-    {Name::log_commit_changes, Function{&kLogCommitChanges}},
-    {Name::diff_line_spans, Function{&kDiffLineSpans}},
-    {Name::parse_file_changes, Function{&kParseFileChanges}},
-    {Name::parse_commit_changes, Function{&kParseCommitChanges}},
-    {Name::parse_line_spans, Function{&kParseLineSpans}},
-    {Name::_span, Function{&kSpan}},
-    {Name::_file_changes, Function{&kFileChanges}},
-    {Name::_line_count, Function{&kLineCount}},
-    {Name::_patch_path, Function{&kPatchPath}},
-    {Name::_unquote, Function{&kUnquote}},
-    {Name::_path_batches, Function{&kPathBatches}},
-    {Name::_git_output, Function{&kGitOutput}},
 };
 
 constexpr bool follows_name_order() {
-    if (std::size(kNamespace) != kNameCount) return false;
-    for (std::size_t i = 0; i < kNameCount; ++i)
-        if (index(kNamespace[i].name) != i) return false;
+    for (std::size_t i = 1; i < std::size(kNamespace); ++i)
+        if (index(kNamespace[i].name) <= index(kNamespace[i - 1].name)) return false;
     return true;
 }
-static_assert(follows_name_order(), "one entry per name of GU_NAMESPACE, in its order");
+static_assert(follows_name_order(), "the entries follow GU_NAMESPACE, each name once");
+
+const std::span<const FunctionDef> kFunctionTables[] = {
+    kRepositoryFunctions,  kTimeSpecFunctions,   kRunnerFunctions,   kHistoryFunctions,
+    kChangeQueryFunctions, kFileChangeFunctions, kLineSpanFunctions,
+};
 
 int bind(PyObject* module, Name name, Ref value) {
     ModuleState* st = state_of(module);
@@ -162,11 +133,19 @@ Ref import(const Import& what) {
     return value;
 }
 
-Ref make_value(PyObject* module, const Entry& entry) {
-    if (auto* i = std::get_if<Import>(&entry.what)) return import(*i);
-    if (auto* c = std::get_if<Constant>(&entry.what)) return evaluate(module, c->expression);
-    if (auto* m = std::get_if<Made>(&entry.what)) return m->make(module, entry.name);
-    return make_function(module, *std::get<Function>(entry.what).def);
+// The value loading binds under `name`: its entry's, or its function's.
+Ref make_value(PyObject* module, Name name) {
+    for (const Entry& entry : kNamespace) {
+        if (entry.name != name) continue;
+        if (auto* i = std::get_if<Import>(&entry.what)) return import(*i);
+        if (auto* c = std::get_if<Constant>(&entry.what)) return evaluate(module, c->expression);
+        return std::get<Made>(entry.what).make(module, name);
+    }
+    for (const std::span<const FunctionDef> table : kFunctionTables)
+        for (const FunctionDef& def : table)
+            if (def.name == name) return make_function(module, def);
+    PyErr_Format(PyExc_SystemError, "nothing defines %s", kNameText[index(name)]);
+    return Ref();
 }
 
 int init_state(PyObject* module) {
@@ -194,8 +173,8 @@ int init_state(PyObject* module) {
 
 int exec_module(PyObject* module) {
     if (init_state(module) < 0) return -1;
-    for (const Entry& entry : kNamespace)
-        if (bind(module, entry.name, make_value(module, entry)) < 0) return -1;
+    for (std::size_t i = 0; i < kNameCount; ++i)
+        if (bind(module, Name(i), make_value(module, Name(i))) < 0) return -1;
     // What the native paths stand in for, if genuine now.
     if (record_runner_originals(module) < 0 || record_discovery_originals(module) < 0 ||
         record_clock_originals(module) < 0 || record_logging_originals(module) < 0)

@@ -538,107 +538,79 @@ int record_discovery_originals([[maybe_unused]] PyObject* module) {
     return 0;
 }
 
-const FunctionDef kFindGitRoot = {
-    Name::find_git_root,
-    "(start: Path | None = None) -> Path | None",
-    "Return the root of the git repository that holds start, or None.\n\n"
-    "start (default: the current working directory) is made absolute without\n"
-    "resolving links or collapsing \"..\"; it and then its parents, nearest\n"
-    "first, are searched for a \".git\" entry of any kind (a directory, or the\n"
-    "file of a worktree or submodule), following symbolic links. The first\n"
-    "directory that holds one is returned in the spelling of start. A missing\n"
-    "entry is no error; other file-system errors, such as permission denied,\n"
-    "are raised.",
-    find_git_root,
+const FunctionDef kDefs[] = {
+    {Name::find_git_root,
+     "(start: Path | None = None) -> Path | None",
+     "Return the root of the git repository that holds start, or None.\n\n"
+     "start (default: the current working directory) is made absolute without\n"
+     "resolving links or collapsing \"..\"; it and then its parents, nearest\n"
+     "first, are searched for a \".git\" entry of any kind (a directory, or the\n"
+     "file of a worktree or submodule), following symbolic links. The first\n"
+     "directory that holds one is returned in the spelling of start. A missing\n"
+     "entry is no error; other file-system errors, such as permission denied,\n"
+     "are raised.",
+     find_git_root},
+    {Name::find_repo_root,
+     "() -> Path",
+     "Return find_git_root() of the current working directory, or else the\n"
+     "current working directory itself; never None.",
+     find_repo_root},
+    {Name::resolve_display_branch,
+     "(repo_root: Path) -> str | None",
+     "Return the name of the checked-out branch (git branch --show-current),\n"
+     "or None for a detached HEAD or when git fails.",
+     resolve_display_branch},
+    {Name::normalize_branch_name,
+     "(name: str | None) -> str | None",
+     "Return the short form of a branch name, or None for an empty one.\n\n"
+     "White space is stripped, then the prefixes \"refs/heads/\", \"refs/remotes/\",\n"
+     "\"remotes/\" and \"origin/\" are cut in passes, each pass trying them in that\n"
+     "order, until a pass cuts nothing: refs/remotes/origin/main and\n"
+     "origin/main both give main. None, \"\" and a name that nothing is left of\n"
+     "give None.",
+     normalize_branch_name},
+    {Name::sanitize_branch_name,
+     "(branch: str) -> str",
+     "Return a directory name for a branch: \"/\" and \"\\\" become \"__\", letters,\n"
+     "digits (in the Unicode sense of str.isalnum) and \"-_.\" are kept, and\n"
+     "every other character becomes \"_\". The result is cut to 100 characters;\n"
+     "an empty branch gives \"default\".",
+     sanitize_branch_name},
+    {Name::wiki_root,
+     "(repo_root: Path) -> Path",
+     "Return the root of the branch wikis: repo_root / \"memory\" / \"lorebook\".",
+     wiki_root},
+    {Name::wiki_directory,
+     "(repo_root: Path, branch: str) -> Path",
+     "Return the wiki directory of a branch: wiki_root(repo_root) /\n"
+     "sanitize_branch_name(branch). The branch is not normalised.",
+     wiki_directory},
+    {Name::get_head_commit,
+     "(repo_root: Path, short: bool = True) -> str | None",
+     "Return the commit id HEAD points at, abbreviated when short, or None\n"
+     "when git fails (for instance in a repository without commits).",
+     get_head_commit},
+    {Name::get_default_branch,
+     "(repo_root: Path) -> str",
+     "Return the repository's default branch; never None.\n\n"
+     "The target of refs/remotes/origin/HEAD without its \"refs/remotes/origin/\"\n"
+     "prefix when that ref exists; else \"main\" when git resolves main, else\n"
+     "\"master\" when it resolves master; else \"main\".",
+     get_default_branch},
+    {Name::branch_exists,
+     "(repo_root: Path, branch: str) -> bool",
+     "Return whether git resolves branch (rev-parse --verify), or, for a name\n"
+     "not starting with \"origin/\", origin/ followed by it. Tags, commit ids and\n"
+     "other revisions count too. False when git fails.",
+     branch_exists},
+    {Name::resolve_commit,
+     "(repo_root: Path, name: str) -> str | None",
+     "Return the full id of the commit that name denotes (annotated tags are\n"
+     "peeled), or None when it denotes none or git fails. An empty name and one\n"
+     "that starts with \"-\" give None without running git.",
+     resolve_commit},
 };
 
-const FunctionDef kFindRepoRoot = {
-    Name::find_repo_root,
-    "() -> Path",
-    "Return find_git_root() of the current working directory, or else the\n"
-    "current working directory itself; never None.",
-    find_repo_root,
-};
-
-const FunctionDef kResolveDisplayBranch = {
-    Name::resolve_display_branch,
-    "(repo_root: Path) -> str | None",
-    "Return the name of the checked-out branch (git branch --show-current),\n"
-    "or None for a detached HEAD or when git fails.",
-    resolve_display_branch,
-};
-
-const FunctionDef kNormalizeBranchName = {
-    Name::normalize_branch_name,
-    "(name: str | None) -> str | None",
-    "Return the short form of a branch name, or None for an empty one.\n\n"
-    "White space is stripped, then the prefixes \"refs/heads/\", \"refs/remotes/\",\n"
-    "\"remotes/\" and \"origin/\" are cut in passes, each pass trying them in that\n"
-    "order, until a pass cuts nothing: refs/remotes/origin/main and\n"
-    "origin/main both give main. None, \"\" and a name that nothing is left of\n"
-    "give None.",
-    normalize_branch_name,
-};
-
-const FunctionDef kSanitizeBranchName = {
-    Name::sanitize_branch_name,
-    "(branch: str) -> str",
-    "Return a directory name for a branch: \"/\" and \"\\\" become \"__\", letters,\n"
-    "digits (in the Unicode sense of str.isalnum) and \"-_.\" are kept, and\n"
-    "every other character becomes \"_\". The result is cut to 100 characters;\n"
-    "an empty branch gives \"default\".",
-    sanitize_branch_name,
-};
-
-const FunctionDef kWikiRoot = {
-    Name::wiki_root,
-    "(repo_root: Path) -> Path",
-    "Return the root of the branch wikis: repo_root / \"memory\" / \"lorebook\".",
-    wiki_root,
-};
-
-const FunctionDef kWikiDirectory = {
-    Name::wiki_directory,
-    "(repo_root: Path, branch: str) -> Path",
-    "Return the wiki directory of a branch: wiki_root(repo_root) /\n"
-    "sanitize_branch_name(branch). The branch is not normalised.",
-    wiki_directory,
-};
-
-const FunctionDef kGetHeadCommit = {
-    Name::get_head_commit,
-    "(repo_root: Path, short: bool = True) -> str | None",
-    "Return the commit id HEAD points at, abbreviated when short, or None\n"
-    "when git fails (for instance in a repository without commits).",
-    get_head_commit,
-};
-
-const FunctionDef kGetDefaultBranch = {
-    Name::get_default_branch,
-    "(repo_root: Path) -> str",
-    "Return the repository's default branch; never None.\n\n"
-    "The target of refs/remotes/origin/HEAD without its \"refs/remotes/origin/\"\n"
-    "prefix when that ref exists; else \"main\" when git resolves main, else\n"
-    "\"master\" when it resolves master; else \"main\".",
-    get_default_branch,
-};
-
-const FunctionDef kBranchExists = {
-    Name::branch_exists,
-    "(repo_root: Path, branch: str) -> bool",
-    "Return whether git resolves branch (rev-parse --verify), or, for a name\n"
-    "not starting with \"origin/\", origin/ followed by it. Tags, commit ids and\n"
-    "other revisions count too. False when git fails.",
-    branch_exists,
-};
-
-const FunctionDef kResolveCommit = {
-    Name::resolve_commit,
-    "(repo_root: Path, name: str) -> str | None",
-    "Return the full id of the commit that name denotes (annotated tags are\n"
-    "peeled), or None when it denotes none or git fails. An empty name and one\n"
-    "that starts with \"-\" give None without running git.",
-    resolve_commit,
-};
+const std::span<const FunctionDef> kRepositoryFunctions = kDefs;
 
 }  // namespace gu

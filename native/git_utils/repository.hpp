@@ -9,18 +9,6 @@
 
 namespace gu {
 
-extern const FunctionDef kFindGitRoot;
-extern const FunctionDef kFindRepoRoot;
-extern const FunctionDef kResolveDisplayBranch;
-extern const FunctionDef kNormalizeBranchName;
-extern const FunctionDef kSanitizeBranchName;
-extern const FunctionDef kWikiRoot;
-extern const FunctionDef kWikiDirectory;
-extern const FunctionDef kGetHeadCommit;
-extern const FunctionDef kGetDefaultBranch;
-extern const FunctionDef kBranchExists;
-extern const FunctionDef kResolveCommit;
-
 // At load: pathlib's concrete path class, its methods and what its exists()
 // reaches for the stat, as the originals when they are the standard library's.
 int record_discovery_originals(PyObject* module);

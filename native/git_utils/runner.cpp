@@ -535,31 +535,30 @@ int git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args,
     return out.text ? 0 : -1;
 }
 
-const FunctionDef kRunGitCommand = {
-    Name::run_git_command,
-    "(repo_root: Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]",
-    "Run git with args in repo_root and return (stdout, stderr, returncode).\n\n"
-    "args are git's arguments without the leading \"git\", each passed as one\n"
-    "argument (no shell). Both streams are decoded as UTF-8 with invalid bytes\n"
-    "replaced and line ends normalised to LF; nothing is trimmed. A non-zero\n"
-    "exit is logged at debug level and returned as it is. Never raises for a\n"
-    "failed, timed-out or missing git: a run longer than timeout seconds is\n"
-    "killed and gives (\"\", \"Command timed out\", 1); a git (or, on POSIX, a\n"
-    "working directory) that does not exist gives (\"\", \"git not found\", 1);\n"
-    "both are logged at warning level. Other failures to start git, and a\n"
-    "non-list args, raise the interpreter's own errors.",
-    run_git_command,
+const FunctionDef kDefs[] = {
+    {Name::run_git_command,
+     "(repo_root: Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]",
+     "Run git with args in repo_root and return (stdout, stderr, returncode).\n\n"
+     "args are git's arguments without the leading \"git\", each passed as one\n"
+     "argument (no shell). Both streams are decoded as UTF-8 with invalid bytes\n"
+     "replaced and line ends normalised to LF; nothing is trimmed. A non-zero\n"
+     "exit is logged at debug level and returned as it is. Never raises for a\n"
+     "failed, timed-out or missing git: a run longer than timeout seconds is\n"
+     "killed and gives (\"\", \"Command timed out\", 1); a git (or, on POSIX, a\n"
+     "working directory) that does not exist gives (\"\", \"git not found\", 1);\n"
+     "both are logged at warning level. Other failures to start git, and a\n"
+     "non-list args, raise the interpreter's own errors.",
+     run_git_command},
+    {Name::_git_output,
+     "(repo_root: Path, args: list[str]) -> str",
+     "Run git through run_git_command (default time-out) and return its stdout.\n\n"
+     "Raises GitError when git exits with a non-zero code: the message is git's\n"
+     "stripped standard error, or \"git exited with code N\" when that is empty,\n"
+     "or the runner's \"Command timed out\" / \"git not found\". The output is not\n"
+     "stripped.",
+     git_output},
 };
 
-const FunctionDef kGitOutput = {
-    Name::_git_output,
-    "(repo_root: Path, args: list[str]) -> str",
-    "Run git through run_git_command (default time-out) and return its stdout.\n\n"
-    "Raises GitError when git exits with a non-zero code: the message is git's\n"
-    "stripped standard error, or \"git exited with code N\" when that is empty,\n"
-    "or the runner's \"Command timed out\" / \"git not found\". The output is not\n"
-    "stripped.",
-    git_output,
-};
+const std::span<const FunctionDef> kRunnerFunctions = kDefs;
 
 }  // namespace gu

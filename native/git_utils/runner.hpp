@@ -10,9 +10,6 @@
 
 namespace gu {
 
-extern const FunctionDef kRunGitCommand;
-extern const FunctionDef kGitOutput;
-
 // GitError's documentation text.
 extern const char* const kGitErrorDoc;
 

@@ -489,19 +489,21 @@ int record_clock_originals(PyObject* module) {
     return 0;
 }
 
-const FunctionDef kParseTimeSpec = {
-    Name::parse_time_spec,
-    "(since: str) -> datetime",
-    "Turn a time spec into the local moment at which the period starts.\n\n"
-    "A relative spec, a positive whole number followed by m, h, d or w (30m,\n"
-    "24h, 7d, 2w), means that long before now, on the local wall clock. An ISO\n"
-    "date or date-time (as Python 3.10's datetime.fromisoformat reads it, on\n"
-    "every version) means that moment; one with an offset is converted to local\n"
-    "time. The result never carries a zone. Blanks around the spec are ignored.\n"
-    "Raises ValueError naming the accepted forms for any other spec, and\n"
-    "ValueError \"since ... reaches outside the calendar\" for a moment beyond\n"
-    "the calendar.",
-    parse_time_spec,
+const FunctionDef kDefs[] = {
+    {Name::parse_time_spec,
+     "(since: str) -> datetime",
+     "Turn a time spec into the local moment at which the period starts.\n\n"
+     "A relative spec, a positive whole number followed by m, h, d or w (30m,\n"
+     "24h, 7d, 2w), means that long before now, on the local wall clock. An ISO\n"
+     "date or date-time (as Python 3.10's datetime.fromisoformat reads it, on\n"
+     "every version) means that moment; one with an offset is converted to local\n"
+     "time. The result never carries a zone. Blanks around the spec are ignored.\n"
+     "Raises ValueError naming the accepted forms for any other spec, and\n"
+     "ValueError \"since ... reaches outside the calendar\" for a moment beyond\n"
+     "the calendar.",
+     parse_time_spec},
 };
+
+const std::span<const FunctionDef> kTimeSpecFunctions = kDefs;
 
 }  // namespace gu
