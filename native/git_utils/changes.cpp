@@ -85,7 +85,7 @@ Ref run_and_parse(PyObject* module, PyObject* repo_root, PyObject* args, Name pa
         output.text = bytes.str(bytes.view());
         if (!output.text) return Ref();
     }
-    return Ref::steal(PyObject_CallOneArg(parse.get(), output.text.get()));
+    return call(parse.get(), output.text.get());
 }
 
 PyObject* diff_file_changes(PyObject* module, PyObject* const* a) {
@@ -114,9 +114,7 @@ PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
     if (has_paths < 0) return nullptr;
     Ref batches;
     if (has_paths) {
-        Ref batch_paths = lookup(module, Name::_path_batches);
-        if (!batch_paths) return nullptr;
-        batches = Ref::steal(PyObject_CallOneArg(batch_paths.get(), paths));
+        batches = call_name(module, Name::_path_batches, paths);
     } else {
         batches = Ref::steal(Py_BuildValue("[[]]"));
     }

@@ -226,9 +226,9 @@ int read_numstat_record(PyObject* token, PyObject* iterator, Collaborator& line_
         if (!path) return -1;
     }
     if (line_count.get() == nullptr) return -1;
-    Ref a = Ref::steal(PyObject_CallOneArg(line_count.get(), added.get()));
+    Ref a = call(line_count.get(), added.get());
     if (!a) return -1;
-    Ref d = Ref::steal(PyObject_CallOneArg(line_count.get(), deleted.get()));
+    Ref d = call(line_count.get(), deleted.get());
     if (!d) return -1;
     Ref value = pair(a.get(), d.get());
     return value ? PyObject_SetItem(counts, path.get(), value.get()) : -1;
@@ -320,9 +320,7 @@ Ref nul_tokens(PyObject* output) {
 Ref file_changes_of_tokens(PyObject* module, PyObject* output) {
     Ref tokens = nul_tokens(output);
     if (!tokens) return Ref();
-    Ref parse = lookup(module, Name::_file_changes);
-    if (!parse) return Ref();
-    return Ref::steal(PyObject_CallOneArg(parse.get(), tokens.get()));
+    return call_name(module, Name::_file_changes, tokens.get());
 }
 
 PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
@@ -406,7 +404,7 @@ int close_commit(PyObject* module, PyObject* time_text, PyObject* body, Collabor
                  Collaborator& commit_changes, PyObject* commits) {
     Ref time = Ref::steal(PyNumber_Long(time_text));
     if (!time || file_changes.get() == nullptr) return -1;
-    Ref listed = Ref::steal(PyObject_CallOneArg(file_changes.get(), body));
+    Ref listed = call(file_changes.get(), body);
     if (!listed) return -1;
     Ref files = Ref::steal(PySequence_Tuple(listed.get()));
     if (!files || commit_changes.get() == nullptr) return -1;

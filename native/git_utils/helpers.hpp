@@ -22,6 +22,21 @@ Ref call_method(PyObject* o, const char* name, const char* format = nullptr, Arg
     return Ref::steal(PyObject_CallMethod(o, name, format, args...));
 }
 
+// f(*args). The slot before the arguments lets a bound method's call reuse
+// the array for its self.
+template <class... Args>
+Ref call(PyObject* f, Args... args) {
+    PyObject* argv[] = {nullptr, args...};
+    return Ref::steal(PyObject_Vectorcall(f, argv + 1, sizeof...(Args) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+// What the namespace holds under `name` now, called with `args`.
+template <class... Args>
+Ref call_name(PyObject* module, Name name, Args... args) {
+    Ref f = lookup(module, name);
+    return f ? call(f.get(), args...) : Ref();
+}
+
 // bool(value), as an if statement reads it: 1, 0, or -1 with an exception
 // (a null `value` is the failed call that made it).
 inline int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; }

@@ -71,9 +71,7 @@ Ref author_entry(PyObject* raw_line) {
 
 PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     PyObject* repo_root = a[0];
-    Ref parse = lookup(module, Name::parse_time_spec);
-    if (!parse) return nullptr;
-    Ref start = Ref::steal(PyObject_CallOneArg(parse.get(), a[1]));
+    Ref start = call_name(module, Name::parse_time_spec, a[1]);
     if (!start) return nullptr;
     Ref when = git_moment(start.get());
     Ref since_arg = when ? moment_option("--since=", when.get()) : Ref();

@@ -158,8 +158,6 @@ PyObject* unquote(PyObject* module, PyObject* const* a) {
 
 // ---- _patch_path -----------------------------------------------------------
 
-Ref call_one(PyObject* f, PyObject* arg) { return Ref::steal(PyObject_CallOneArg(f, arg)); }
-
 // _patch_path over the object's own operations: what it gives for a str
 // and the errors Python code would raise for anything else.
 PyObject* patch_path(PyObject* module, PyObject* const* a) {
@@ -189,9 +187,7 @@ PyObject* patch_path(PyObject* module, PyObject* const* a) {
         if (quoted < 0) return nullptr;
         if (quoted) {
             Ref inner = Ref::steal(PySequence_GetSlice(name.get(), 1, -1));
-            Ref unquote_found = lookup(module, Name::_unquote);
-            if (!inner || !unquote_found) return nullptr;
-            return call_one(unquote_found.get(), inner.get()).release();
+            return inner ? call_name(module, Name::_unquote, inner.get()).release() : nullptr;
         }
     }
     return name.release();
@@ -330,7 +326,7 @@ private:
 
     Ref call_helper(Collaborator& helper, Ref arg) {
         if (!arg || helper.get() == nullptr) return Ref();
-        return call_one(helper.get(), arg.get());
+        return call(helper.get(), arg.get());
     }
 
     Ref path_natively(Piece rest) {
@@ -404,12 +400,8 @@ private:
             append(span_of(module_, line_span_, start, new_count, old_count));
             return;
         }
-        if (span_function_.get() == nullptr) {
-            failed_ = true;
-            return;
-        }
-        PyObject* args[] = {start, new_count, old_count};
-        append(Ref::steal(PyObject_Vectorcall(span_function_.get(), args, 3, nullptr)));
+        PyObject* f = span_function_.get();
+        append(f ? call(f, start, new_count, old_count) : Ref());
     }
 
     // int(match.group(n)), or 1 when the group did not take part.

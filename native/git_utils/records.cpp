@@ -83,7 +83,7 @@ Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
     if (!kwargs || !empty) return Ref();
     Ref decorator = Ref::steal(PyObject_Call(dataclass, empty.get(), kwargs.get()));
     if (!decorator) return Ref();
-    Ref result = Ref::steal(PyObject_CallOneArg(decorator.get(), cls.get()));
+    Ref result = call(decorator.get(), cls.get());
     if (!result) return Ref();
     st->record_fields[static_cast<int>(spec.kind)] = fields.release();
     return result;

@@ -260,9 +260,7 @@ PyObject* find_git_root(PyObject* module, PyObject* const* a) {
 }
 
 PyObject* find_repo_root(PyObject* module, PyObject* const*) {
-    Ref find = lookup(module, Name::find_git_root);
-    if (!find) return nullptr;
-    Ref root = Ref::steal(PyObject_CallNoArgs(find.get()));
+    Ref root = call_name(module, Name::find_git_root);
     if (!root) return nullptr;
     if (root.get() != Py_None) return root.release();
     return current_directory(module).release();
@@ -323,7 +321,7 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
     Ref root;
     if (!plain) {
         root = own_root ? wiki_join(repo_root, nullptr, false)
-                        : Ref::steal(PyObject_CallOneArg(root_function.get(), repo_root));
+                        : call(root_function.get(), repo_root);
         if (!root) return nullptr;
     }
     Ref sanitize = lookup(module, Name::sanitize_branch_name);
@@ -337,7 +335,7 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
         root = wiki_join(repo_root, nullptr, plain);
         if (!root) return nullptr;
     }
-    Ref name = Ref::steal(PyObject_CallOneArg(sanitize.get(), branch));
+    Ref name = call(sanitize.get(), branch);
     if (!name) return nullptr;
     return PyNumber_TrueDivide(root.get(), name.get());
 }

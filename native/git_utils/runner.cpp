@@ -237,7 +237,7 @@ int prepare(const ModuleState* st, PyObject* argv, PyObject* cwd, core::SpawnSpe
         add_candidate(spec, path.substr(from));
         return 1;
     }
-    Ref dirs = Ref::steal(PyObject_CallNoArgs(st->os_get_exec_path));
+    Ref dirs = call(st->os_get_exec_path);
     if (!dirs) return -1;
     Ref iter = Ref::steal(PyObject_GetIter(dirs.get()));
     if (!iter) return -1;
@@ -352,9 +352,7 @@ Ref run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObject* tim
     if (!argv) return Ref();
     Ref cwd = Ref::steal(PyObject_Str(repo_root));
     if (!cwd) return Ref();
-    Ref helper = lookup(module, Name::get_subprocess_hidden_kwargs);
-    if (!helper) return Ref();
-    Ref options = Ref::steal(PyObject_CallNoArgs(helper.get()));
+    Ref options = call_name(module, Name::get_subprocess_hidden_kwargs);
     if (!options) return Ref();
 
 #ifndef _WIN32
@@ -410,16 +408,6 @@ Ref default_timeout(PyObject* run_git_command) {
     if (!defaults) return Ref();
     if (!PyTuple_Check(defaults.get()) || PyTuple_GET_SIZE(defaults.get()) == 0) return Ref::borrow(Py_None);
     return Ref::borrow(PyTuple_GET_ITEM(defaults.get(), PyTuple_GET_SIZE(defaults.get()) - 1));
-}
-
-Ref call_one(PyObject* f, PyObject* repo_root, PyObject* args) {
-    PyObject* call_args[] = {repo_root, args};
-    return Ref::steal(PyObject_Vectorcall(f, call_args, 2, nullptr));
-}
-
-Ref call_named(PyObject* module, Name name, PyObject* repo_root, PyObject* args) {
-    Ref f = lookup(module, name);
-    return f ? call_one(f.get(), repo_root, args) : Ref();
 }
 
 // The methods of Popen that subprocess.run reaches on every run.
@@ -506,11 +494,11 @@ int unpack_git_result(PyObject* value, Ref out[3]) {
 }
 
 Ref call_run_git_command(PyObject* module, PyObject* repo_root, PyObject* args) {
-    return call_named(module, Name::run_git_command, repo_root, args);
+    return call_name(module, Name::run_git_command, repo_root, args);
 }
 
 Ref call_git_output(PyObject* module, PyObject* repo_root, PyObject* args) {
-    return call_named(module, Name::_git_output, repo_root, args);
+    return call_name(module, Name::_git_output, repo_root, args);
 }
 
 int git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args, GitOutput& out) {
@@ -531,7 +519,7 @@ int git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args,
             return out.is_bytes || out.text ? 0 : -1;
         }
     }
-    out.text = call_one(strict.get(), repo_root, args);
+    out.text = call(strict.get(), repo_root, args);
     return out.text ? 0 : -1;
 }
 

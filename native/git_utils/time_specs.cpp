@@ -50,7 +50,7 @@ PyObject* guard_failure(PyObject* module, PyObject* since) {
     if (!shown) return nullptr;
     Ref message = Ref::steal(PyUnicode_FromFormat("since %U reaches outside the calendar", shown.get()));
     if (!message) return nullptr;
-    Ref error = Ref::steal(PyObject_CallOneArg(PyExc_ValueError, message.get()));
+    Ref error = call(PyExc_ValueError, message.get());
     if (!error) return nullptr;
     PyException_SetContext(error.get(), overflow.newref());
     PyException_SetCause(error.get(), overflow.release());  // `from`: also suppresses the context
@@ -371,7 +371,7 @@ Ref generic_local_moment(PyObject* timedelta, PyObject* moment, const core::IsoM
     Ref offset = Ref::steal(
         PyObject_CallFunction(timedelta, "iiiiii", 0, sign * seconds, sign * m.offset_microseconds, 0, 0, 0));
     if (!timezone || !offset) return Ref();
-    Ref zone = Ref::steal(PyObject_CallOneArg(timezone.get(), offset.get()));
+    Ref zone = call(timezone.get(), offset.get());
     if (!zone) return Ref();
     Ref kwargs = Ref::steal(Py_BuildValue("{s:O}", "tzinfo", zone.get()));
     Ref empty = Ref::steal(PyTuple_New(0));
