@@ -1,12 +1,14 @@
 // The small pieces every subsystem of the binding layer uses, in one
-// spelling each: strs from C text, method calls, truth, source evaluated in
-// the namespace, git's return code, git's moment format and git's argument
-// lists. Each returns a null Ref (or -1) with an exception set on failure.
+// spelling each: strs from C text, calls, truth, source evaluated in the
+// namespace, git's return code, GitError, git's moment format and git's
+// argument lists. Each returns a null Ref (or -1) with an exception set on
+// failure.
 #pragma once
 
 #include <Python.h>
 
 #include <initializer_list>
+#include <utility>
 
 #include "git_utils/ref.hpp"
 #include "git_utils/state.hpp"
@@ -71,9 +73,7 @@ inline int code_compare(PyObject* code, int op) {
 // raise GitError(message), with the class the namespace holds now: -1.
 inline int raise_git_error(PyObject* module, Ref message) {
     if (!message) return -1;
-    Ref error_class = lookup(module, Name::GitError);
-    if (!error_class) return -1;
-    Ref error = Ref::steal(PyObject_CallOneArg(error_class.get(), message.get()));
+    Ref error = call_name(module, Name::GitError, message.get());
     if (!error) return -1;
     if (!PyExceptionInstance_Check(error.get())) {
         PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
