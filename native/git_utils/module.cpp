@@ -173,6 +173,13 @@ int init_state(PyObject* module) {
 
 int exec_module(PyObject* module) {
     if (init_state(module) < 0) return -1;
+    // As many definitions as names, and each name finds one: each is defined once.
+    std::size_t defined = std::size(kNamespace);
+    for (const std::span<const FunctionDef> table : kFunctionTables) defined += table.size();
+    if (defined != kNameCount) {
+        PyErr_Format(PyExc_SystemError, "%zu definitions for %zu names", defined, kNameCount);
+        return -1;
+    }
     for (std::size_t i = 0; i < kNameCount; ++i)
         if (bind(module, Name(i), make_value(module, Name(i))) < 0) return -1;
     // What the native paths stand in for, if genuine now.
