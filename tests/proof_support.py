@@ -1,4 +1,5 @@
-"""A small real repository, and snapshots of the process's memory, descriptors and children."""
+"""git with a clean configuration, a small real repository, and snapshots of the process's memory,
+descriptors and children."""
 import datetime as dt
 import os
 import subprocess
@@ -14,50 +15,49 @@ MB = 1 << 20
 DAY = 86400
 
 
-def git_env(home: Path) -> dict[str, str]:
+def git(cwd, *args, date="2024-01-02T03:04:05+00:00", who=("A", "a@x")) -> str:
+    """Runs git in cwd with no user or system configuration and a fixed identity and date; its stripped stdout."""
     env = {k: v for k, v in os.environ.items() if not k.startswith("GIT_")}
-    env.update(HOME=str(home), GIT_CONFIG_NOSYSTEM="1", GIT_COMMITTER_NAME="C", GIT_COMMITTER_EMAIL="c@x")
-    return env
+    env.update(GIT_CONFIG_NOSYSTEM="1", GIT_CONFIG_GLOBAL=os.devnull)
+    env.update({f"GIT_{role}_{key}": value for role in ("AUTHOR", "COMMITTER")
+                for key, value in (("NAME", who[0]), ("EMAIL", who[1]), ("DATE", date))})
+    return subprocess.run(["git", *args], cwd=cwd, env=env, check=True, capture_output=True, text=True).stdout.strip()
 
 
 def make_repo(root: Path) -> Path:
     """main: two commits; feature (checked out): modified, renamed, added, deleted and odd names, two authors."""
     repo = root / "repo"
     repo.mkdir(parents=True)
-    env = git_env(root)
     now = int(time.time())
 
-    def git(*args, author=("Ann", "ann@x"), at=0):
-        stamp = f"@{now - (10 - at) * DAY} +0000"
-        extra = {"GIT_AUTHOR_NAME": author[0], "GIT_AUTHOR_EMAIL": author[1], "GIT_AUTHOR_DATE": stamp,
-                 "GIT_COMMITTER_DATE": stamp}
-        subprocess.run(["git", *args], cwd=repo, env={**env, **extra}, check=True, capture_output=True)
+    def commit(message, author=("Ann", "ann@x"), at=0, *flags):
+        git(repo, "commit", "-q", *flags, "-m", message, date=f"@{now - (10 - at) * DAY} +0000", who=author)
 
     def write(name, lines):
         path = repo / name
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_text("".join(f"{line}\n" for line in lines))
 
-    git("init", "-q", "-b", "main")
+    git(repo, "init", "-q", "-b", "main")
     for i in range(8):
         write(f"src/m{i}.py", [f"line {j}" for j in range(40)])
     write("dir/c d.txt", ["keep"] * 30)
     write("ünï.txt", ["u"])
-    git("add", "-A")
-    git("commit", "-q", "-m", "one", at=1)
+    git(repo, "add", "-A")
+    commit("one", at=1)
     write("src/m0.py", [f"line {j}" if j % 7 else f"changed {j}" for j in range(40)])
-    git("commit", "-q", "-am", "two", author=("Bob", "bob@x"), at=2)
-    git("checkout", "-q", "-b", "feature")
+    commit("two", ("Bob", "bob@x"), 2, "-a")
+    git(repo, "checkout", "-q", "-b", "feature")
     for i in range(1, 6):
         write(f"src/m{i}.py", [f"line {j}" if j % (i + 2) else f"feature {i} {j}" for j in range(44)])
-    git("mv", "dir/c d.txt", "dir/e f.txt")
+    git(repo, "mv", "dir/c d.txt", "dir/e f.txt")
     write("dir/e f.txt", ["keep"] * 29 + ["moved"])
     write("new.txt", ["n"] * 5)
-    git("rm", "-q", "ünï.txt")
-    git("add", "-A")
-    git("commit", "-q", "-m", "three", at=3)
+    git(repo, "rm", "-q", "ünï.txt")
+    git(repo, "add", "-A")
+    commit("three", at=3)
     write("src/m6.py", [f"line {j}" for j in range(10, 50)])
-    git("commit", "-q", "-am", "four", author=("Bob", "bob@x"), at=4)
+    commit("four", ("Bob", "bob@x"), 4, "-a")
     return repo
 
 
@@ -82,6 +82,24 @@ def query_table(repo: Path):
         ("run_git_command", lambda: gu.run_git_command(repo, ["status", "--porcelain"])),
         ("_git_output", lambda: gu._git_output(repo, ["rev-list", "--count", "HEAD"])),
     ]
+
+
+def process_state(pid: int) -> str:  # the state letter, "" once reaped
+    try:
+        with open(f"/proc/{pid}/stat", "rb") as f:
+            stat = f.read()
+    except FileNotFoundError:
+        return ""
+    return stat[stat.rindex(b")") + 2:].split()[0].decode()
+
+
+def dead(pid: int, within: float = 2.0) -> bool:  # gone, or a zombie nobody has reaped yet
+    deadline = time.monotonic() + within
+    while process_state(pid) not in ("", "Z"):
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.01)
+    return True
 
 
 def children() -> list[int]:  # zombies included

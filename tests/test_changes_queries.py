@@ -1,7 +1,7 @@
 import datetime as dt
 import os
-import subprocess
 
+import proof_support
 import pytest
 
 from morvane_tessary.utils import git_utils as gu
@@ -121,11 +121,7 @@ def repo(tmp_path_factory):
     root = tmp_path_factory.mktemp("repo")
 
     def git(*args, day=1):
-        date = f"2026-01-0{day}T10:00:00+00:00"
-        env = {"PATH": os.environ["PATH"], "HOME": str(root), "GIT_CONFIG_NOSYSTEM": "1", "GIT_AUTHOR_NAME": "A",
-               "GIT_AUTHOR_EMAIL": "a@x", "GIT_COMMITTER_NAME": "A", "GIT_COMMITTER_EMAIL": "a@x",
-               "GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date}
-        subprocess.run(["git", *args], cwd=root, env=env, check=True, capture_output=True)
+        proof_support.git(root, *args, date=f"2026-01-0{day}T10:00:00+00:00")
 
     def write(name, data):
         (root / name).write_bytes(data.encode() if isinstance(data, str) else data)

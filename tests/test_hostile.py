@@ -11,6 +11,7 @@ import threading
 import time
 
 import pytest
+from proof_support import dead
 
 from morvane_tessary.utils import git_utils as gu
 
@@ -82,21 +83,6 @@ def test_clone_whose_remote_head_is_an_option(git, repo, tmp_path):
     assert victim.read_text() == VICTIM
 
 
-def dead(pid_file, within=2.0):  # gone, or a zombie nobody has reaped yet
-    deadline = time.monotonic() + within
-    while True:
-        try:
-            with open(f"/proc/{int(pid_file.read_text())}/stat", "rb") as f:
-                stat = f.read()
-        except FileNotFoundError:
-            return True
-        if stat[stat.rindex(b")") + 2:].split()[0] == b"Z":
-            return True
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.01)
-
-
 LONG_LIVED = "sleep 60 </dev/null >/dev/null 2>&1 & echo $! > {pids}"
 
 
@@ -133,7 +119,7 @@ def test_nothing_git_started_outlives_the_call(git, fake_git, tmp_path, how, git
         finally:
             timer.join()
     assert time.monotonic() - started < 2
-    assert dead(pids)
+    assert dead(int(pids.read_text()))
 
 
 TERMINAL_HOST = """
@@ -177,4 +163,4 @@ def test_git_on_the_hosts_terminal(repo, fake_git, tmp_path):
         os.close(follower)
     assert out.splitlines() == [
         "('ok\\n', '', 0) [{'name': 'A', 'email': 'a@x', 'commits': 2}]", "interrupted after 0 s"]
-    assert dead(pids)
+    assert dead(int(pids.read_text()))

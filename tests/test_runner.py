@@ -1,9 +1,13 @@
+import contextlib
 import logging
 import os
+import signal
 import subprocess
 import sys
+import time
 
 import pytest
+from proof_support import children, dead
 
 
 def run(gu, root, args, timeout=30):
@@ -18,16 +22,29 @@ def run(gu, root, args, timeout=30):
         ("printf 'caf\\303\\251 \\377\\376 x\\342\\202'", 30, ("café \ufffd\ufffd x\ufffd", "", 0)),
         ("printf 'bad\\r\\n' >&2; exit 3", 30, ("", "bad\n", 3)),
         ("kill -9 $$", 30, ("", "", -9)),
+        ("echo out; kill -TERM $$", 30, ("out\n", "", -15)),
         ("echo partial; exec sleep 30", 0.3, ("", "Command timed out", 1)),
-        ("sleep 5 & exit 0", 0.3, ("", "Command timed out", 1)),  # a grandchild holds the pipes
+        ("sleep 5 & echo $! > {pids}; exit 0", 0.3, ("", "Command timed out", 1)),  # a grandchild holds the pipes
         ("exec >&- 2>&-; sleep 0.1; exit 7", 5, ("", "", 7)),  # git outlives its pipes
         ("exec >&- 2>&-; exec sleep 30", 0.3, ("", "Command timed out", 1)),
     ],
 )
 def test_triples(gu, runner_path, fake_git, tmp_path, caplog, script, timeout, expected):
-    fake_git(script)
-    with caplog.at_level(logging.WARNING, logger=gu.__name__):
-        assert run(gu, tmp_path, ["x"], timeout) == expected
+    """The result, in bounded time, and nothing left behind: git reaped, and on the native path what git
+    started killed with it."""
+    pids = tmp_path / "pids"
+    fake_git(script.format(pids=pids))
+    started = time.monotonic()
+    try:
+        with caplog.at_level(logging.WARNING, logger=gu.__name__):
+            assert run(gu, tmp_path, ["x"], timeout) == expected
+        assert time.monotonic() - started < timeout + 1.5
+        assert children() == []
+        assert runner_path != "native" or not pids.exists() or dead(int(pids.read_text()))
+    finally:
+        if pids.exists():
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(int(pids.read_text()), signal.SIGKILL)
     timed_out = expected[1] == "Command timed out"
     assert [r.getMessage() for r in caplog.records] == [f"git command timed out after {timeout}s: args=['x']"] * timed_out
 
@@ -74,6 +91,7 @@ def test_missing_git(gu, runner_path, fake_git, tmp_path, monkeypatch, caplog, c
     assert [r.getMessage() for r in caplog.records] == ["git executable not found while running args=['status']"]
     with pytest.raises(gu.GitError, match="^git not found$"):
         gu._git_output(tmp_path / cwd, ["status"])
+    assert children() == []
 
 
 def _echo_git(directory, word):
