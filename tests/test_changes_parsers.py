@@ -33,31 +33,23 @@ LOG_RECORDS = [CC(1700000300, (FC("a.txt", "modified", 1, 1),)), CC(1700000200, 
 H = ":1 2 a b "  # a raw head without its status
 
 
+# Ordinary streams come from the models at the end; these rows are what git never prints.
 @pytest.mark.parametrize(
     "output, expected",
     [
         (z(*DIFF_TOKENS), DIFF_RECORDS),
-        ("", []),
-        (z("3\t1\ta", "-\t-\tb", ""), []),
-        (z(H + "M", "a"), [FC("a", "modified", 0, 0)]),
-        (z(H + "R100", "o", "n", "4\t5\t", "o", "n"), [FC("n", "renamed", 4, 5, old_path="o")]),
-        (z(H + "C075", "o", "c", H + "T", "t", H + "U", "u", H + "X", "x", H, "e", ":M", "m"),
-         [FC("c", "copied", 0, 0, old_path="o"), FC("t", "modified", 0, 0), FC("u", "modified", 0, 0),
-          FC("x", "modified", 0, 0), FC("e", "modified", 0, 0), FC("m", "modified", 0, 0)]),
+        (z(H + "X", "x", H, "e", ":M", "m"), [FC("x", "modified", 0, 0), FC("e", "modified", 0, 0), FC("m", "modified", 0, 0)]),
         (z(H + "M", "a", H + "A"), [FC("a", "modified", 0, 0)]),  # head without its path
         (z(H + "A", "a", H + "R100", "only-old"), [FC("a", "added", 0, 0)]),
         (z(H + "A", "", "x", H + "D", "d"), [FC("d", "deleted", 0, 0)]),  # an empty path records nothing
-        (z("\n\n" + H + "A", "a", "\n2\t3\ta"), [FC("a", "added", 2, 3)]),
         (z(" " + H + "A", "a"), []),  # only line feeds are removed before the test
-        (z(H + "M", "a\tb\tc", "1\t2\ta\tb\tc"), [FC("a\tb\tc", "modified", 1, 2)]),
         # Path tokens are taken as they stand: never stripped, never read as records.
         (z(H + "A", "\n:x", H + "A", "3\t4\tq", "5\t6\t\n:x", "9\t9\t3\t4\tq"),
          [FC("\n:x", "added", 5, 6), FC("3\t4\tq", "added", 9, 9)]),
         # Ties: first place, last status; last counts; counts without a raw record dropped.
         (z(H + "A", "p", H + "M", "q", H + "R1", "o", "p", "1\t1\tp", "2\t2\tp", "7\t7\tnone"),
          [FC("p", "renamed", 2, 2, old_path="o"), FC("q", "modified", 0, 0)]),
-        (z(H + "M", "é ü/\"q\"", "12345678901234567890123\t-\té ü/\"q\""),
-         [FC("é ü/\"q\"", "modified", 12345678901234567890123, 0)]),
+        (z(H + "M", "é", "12345678901234567890123\t-\té"), [FC("é", "modified", 12345678901234567890123, 0)]),
     ],
 )
 def test_parse_file_changes(output, expected):
@@ -76,10 +68,8 @@ def test_line_count(field, expected):
     "output, expected",
     [
         (LOG, LOG_RECORDS),
-        ("", []),
         (z("x", H + "A", "a", "\x1e5"), [CC(5, ())]),  # tokens before the first header are ignored
         (z("\n\n\x1e 42 \n", H + "A", "a"), [CC(42, (FC("a", "added", 0, 0),))]),
-        (z("\x1e1", "\x1e2", ""), [CC(1, ()), CC(2, ())]),
         # A header is a header even where a path was due, and body tokens keep their line feeds.
         (z("\x1e1", H + "A", "\x1e2", H + "A", "\nx"), [CC(1, ()), CC(2, (FC("\nx", "added", 0, 0),))]),
         # The interpreter's int(): signs, underscores, other digits, Unicode blanks, huge values.
@@ -109,25 +99,12 @@ def patch(name, *lines):
 @pytest.mark.parametrize(
     "text, expected",
     [
-        ("", {}),
-        ("diff --git a b\n--- a\n+++ b\n", {}),
-        (patch("f", "@@ -5 +5 @@", "-a", "+b"), {"f": [LS(5, 5, False)]}),
-        (patch("f", "@@ -0,0 +1,3 @@ heading", "+a", "+b", "+c"), {"f": [LS(1, 3, True)]}),
-        (patch("f", "@@ -10,0 +11,2 @@", "+a", "+b", "@@ -10,2 +10,3 @@ def f():", "-a", "-b", "+c", "+d", "+e",
-               "@@ -10,2 +9,0 @@", "-a", "-b", "@@ -1,2 +0,0 @@", "-a", "-b"),
-         {"f": [LS(11, 12, True), LS(10, 12, False), LS(9, 9, False), LS(1, 1, False)]}),
-        (patch("/dev/null", "@@ -1,2 +0,0 @@", "-x", "-y"), {}),
         # Header-like lines inside a hunk are its lines; the counters run even for /dev/null.
         (patch("f", "@@ -0,0 +1,2 @@", "+++ b", "+x") + patch("g", "@@ -1 +1,2 @@", "@@ -7 +7 @@", "-x", "+y", "+z"),
          {"f": [LS(1, 2, True)], "g": [LS(1, 2, False)]}),
         (patch("/dev/null", "@@ -1,2 +0,0 @@", "+++ evil", "@@ -1 +1 @@", "-x", "-y", "@@ -3 +3 @@"), {}),
-        (patch("f", "@@ -1 +1,2 @@", "-a", "\\ No newline at end of file", "+b", "+++ evil", "@@ -9 +9 @@", "-c",
-               "+d", "\\ No newline at end of file"), {"f": [LS(1, 2, False), LS(9, 9, False)]}),
         (patch("f", "@@ -1 +1 @@", "+a", "+b", "-c", "@@ -4 +6 @@", " ctx", "+x"),
          {"f": [LS(1, 1, False), LS(6, 6, False)]}),
-        # No hunk: the path of the previous file stays, but nothing is recorded.
-        (patch("f", "@@ -2 +2 @@", "-a", "+b") + "diff --git x x\nBinary files x and x differ\n"
-         "diff --git o n\nsimilarity index 100%\nrename from o\nrename to n\n", {"f": [LS(2, 2, False)]}),
         # Lines are cut at line feeds only.
         ("+++ f\r\n@@ -1 +1 @@\r\n-a\r\n+b\r\n", {"f\r": [LS(1, 1, False)]}),
         ("+++ f\n @@ -1 +1 @@\n@@ -1 +1@@\n@@ -x +1 @@\n@@ -1,2 +3, @@\n+++f\n", {}),
@@ -202,7 +179,14 @@ def test_span(start, new_count, old_count, expected):
     ],
 )
 def test_native_records_equal_called_ones(build, called):
+    try:  # the collector, paused while records are filled, is as the host left it afterwards
+        gc.disable()
+        build()
+        assert not gc.isenabled()
+    finally:
+        gc.enable()
     native = build()
+    assert gc.isenabled()
     for a, b in zip(native, called, strict=True):
         assert type(a) is type(b) and a == b and hash(a) == hash(b) and repr(a) == repr(b)
         assert list(vars(a).items()) == list(vars(b).items())

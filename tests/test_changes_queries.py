@@ -36,6 +36,9 @@ ONE_FILE = "\0".join([":1 2 a b A", "f", "1\t0\tf", ""])
         (lambda r: gu.diff_line_spans(r, 1, 2, merge_base=True, diff_filter=3), "", {},
          [*PATCH, "--diff-filter=3", "1...2"]),
         (lambda r: gu.diff_line_spans(r, 1, 2, merge_base=False), "", {}, [*PATCH, "--diff-filter=MR", 1, 2]),
+        # Keywords made at run time are equal to the parameter names, not the same objects.
+        (lambda r: gu.diff_line_spans(**{"".join(["repo_", "root"]): r, "".join(["merge_", "base"]): 0}, base="a",
+                                      head="b"), "", {}, [*PATCH, "--diff-filter=MR", "a", "b"]),
     ],
 )
 def test_git_arguments(stand_in, tmp_path, run, reply, expected, args):

@@ -70,16 +70,9 @@ class Shouting(str):
         return list(str.replace(self, old, new)) + [7]
 
 
-@pytest.mark.parametrize("value", [
-    None, "", " \t\u3000\n", "origin/", "refs/heads/", "refs/remotes/origin/", "main", "origin/main", "refs/heads/main",
-    "remotes/origin/main", "refs/remotes/origin/main", "  main\n", "origin/origin/x", "refs/heads/refs/heads/x",
-    "origin/refs/heads/x", "refs/heads/origin/foo", "Origin/main", "upstream/main", "origin/ main", "origin/HEAD",
-    "refs/tags/v1", "feature/login", "a\\b", "hot fix#12", "release-1.2_rc", "x" * 150, "y" * 99 + "/", "a:b", "größe",
-    "ブランチ", "e\u0301", "\U0001f468\u200d\U0001f469", "x\xb2\xbd", "..",
-    # Other arguments behave as they would in Python code.
-    0, 5, b"", b"refs/heads/x", b"a/b", ["origin/x"], Shouting(" origin/x "), Shouting("a/b"),
-    type("S", (str,), {})(" origin/a/b "),
-])
+# Strings come from the property above; these are the rows it can't make: other types, str subclasses.
+@pytest.mark.parametrize("value", [None, "origin/origin/x", "x" * 150, 0, 5, b"", b"refs/heads/x", ["origin/x"],
+                                   Shouting(" origin/x "), Shouting("a/b"), type("S", (str,), {})(" origin/a/b ")])
 def test_branch_name_cases(gu, value):
     assert outcome(gu.normalize_branch_name, value) == outcome(normalize_reference, value)
     assert outcome(gu.sanitize_branch_name, value) == outcome(sanitize_reference, value)
@@ -200,7 +193,6 @@ SYMREF, MAIN, MASTER = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse
     "name, args, replies, expected, runs",
     [
         ("resolve_display_branch", (), [(" feature/x\n", "", OK)], "feature/x", [["branch", "--show-current"]]),
-        ("resolve_display_branch", (), [("\n", "", OK)], None, [["branch", "--show-current"]]),
         ("resolve_display_branch", (), [("x\n", "fatal", FAIL)], None, [["branch", "--show-current"]]),
         ("get_head_commit", (), [("abc1234\n", "", OK)], "abc1234", [HEAD_SHORT]),
         ("get_head_commit", (0,), [["abc\n", "", OK]], "abc", [HEAD_FULL]),
@@ -210,18 +202,13 @@ SYMREF, MAIN, MASTER = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse
         ("get_default_branch", (), [(" \n", "", OK), ("", "", OK)], "main", [SYMREF, MAIN]),
         ("get_default_branch", (), [("x", "", 1), ("", "", 1), ("y", "", OK)], "master", [SYMREF, MAIN, MASTER]),
         ("get_default_branch", (), [("", "", FAIL)] * 3, "main", [SYMREF, MAIN, MASTER]),
-        ("branch_exists", ("feature",), [("", "", OK)], True, [["rev-parse", "--verify", "feature"]]),
-        ("branch_exists", ("feature",), [("", "", FAIL), ("", "", OK)], True,
-         [["rev-parse", "--verify", "feature"], ["rev-parse", "--verify", "origin/feature"]]),
+        ("branch_exists", ("f",), [("", "", FAIL), ("", "", OK)], True,
+         [["rev-parse", "--verify", "f"], ["rev-parse", "--verify", "origin/f"]]),
         ("branch_exists", ("origin/f",), [("", "", FAIL)], False, [["rev-parse", "--verify", "origin/f"]]),
-        ("branch_exists", ("-x",), [("", "", FAIL)] * 2, False,
-         [["rev-parse", "--verify", "-x"], ["rev-parse", "--verify", "origin/-x"]]),
         ("resolve_commit", ("",), [], None, []),
         ("resolve_commit", ("-x",), [], None, []),
-        ("resolve_commit", ("--all",), [], None, []),
-        ("resolve_commit", ("stable",), [(" abc\n", "", OK)], "abc",
-         [["rev-parse", "--verify", "--quiet", "stable^{commit}"]]),
-        ("resolve_commit", ("stable ",), [("", "", 1)], None, [["rev-parse", "--verify", "--quiet", "stable ^{commit}"]]),
+        ("resolve_commit", ("stable ",), [(" abc\n", "", OK)], "abc",
+         [["rev-parse", "--verify", "--quiet", "stable ^{commit}"]]),
     ],
 )
 def test_queries_run_and_read(gu, stand_in, tmp_path, name, args, replies, expected, runs):
