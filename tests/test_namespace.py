@@ -13,6 +13,7 @@ import pydoc
 import re
 import subprocess
 import sys
+import types
 import typing
 
 import pytest
@@ -137,8 +138,8 @@ def test_attributes_set_and_deleted_as_on_python_functions(fresh, attribute, val
 
 def test_documentation_texts_differ_and_help_renders(fresh):
     gu = fresh
-    docs = [getattr(gu, name).__doc__ for name, _ in FUNCTIONS]
-    assert len(set(docs)) == len(docs)
+    assert len({getattr(gu, name).__doc__ for name, _ in FUNCTIONS}) == len(FUNCTIONS)
+
     def page(thing):
         return "".join(pydoc.render_doc(thing, renderer=pydoc.plaintext).split())  # 3.13 wraps long signatures
 
@@ -202,18 +203,12 @@ def test_constants(gu):
     assert gu.GitError.__doc__ == "A git command failed; the message carries what git said."
 
 
-def test_functions_pickle_bind_as_methods_and_take_attributes(gu):
-    class Holder:
-        method = gu._git_output
-
-    assert pickle.loads(pickle.dumps(gu.run_git_command)) is gu.run_git_command
-    bound = Holder().method
-    assert bound.__self__.__class__ is Holder and bound.__func__ is gu._git_output
-    gu.run_git_command.custom = 1
-    try:
-        assert vars(gu.run_git_command) == {"custom": 1}
-    finally:
-        del gu.run_git_command.custom
+def test_functions_pickle_bind_as_methods_and_take_attributes(fresh):
+    holder = type("Holder", (), {"method": fresh._git_output})()
+    assert pickle.loads(pickle.dumps(git_utils.run_git_command)) is git_utils.run_git_command
+    assert holder.method.__self__ is holder and holder.method.__func__ is fresh._git_output
+    fresh.run_git_command.custom = 1
+    assert vars(fresh.run_git_command) == {"custom": 1}
 
 
 def test_import_fails_without_the_host_process_module():
@@ -244,9 +239,8 @@ def test_runner_uses_a_replaced_subprocess(gu, monkeypatch, tmp_path):
     class Result:
         stdout, stderr, returncode = "a\r\n", "", 0
 
-    monkeypatch.setattr(gu, "subprocess", type(sys)("fake_subprocess"))
-    gu.subprocess.run = lambda argv, **kwargs: seen.update(kwargs, argv=argv) or Result()
-    gu.subprocess.TimeoutExpired = subprocess.TimeoutExpired
+    monkeypatch.setattr(gu, "subprocess", types.SimpleNamespace(TimeoutExpired=subprocess.TimeoutExpired,
+                                                                run=lambda argv, **kw: seen.update(kw, argv=argv) or Result()))
     assert gu.run_git_command(tmp_path, ["log"]) == ("a\r\n", "", 0)
     assert seen == {"argv": ["git", "log"], "cwd": str(tmp_path), "capture_output": True, "encoding": "utf-8",
                     "errors": "replace", "timeout": 30}

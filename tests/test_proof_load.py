@@ -1,4 +1,5 @@
-"""Soak and thread tests: no growth of memory, descriptors or children; threads get single-threaded answers."""
+"""Soak and thread tests: no growth of memory, descriptors or children; threads get single-threaded answers.
+(That the interpreter's lock is free while git runs shows in test_proof_faults: eight time-outs at once.)"""
 import gc
 import itertools
 import os
@@ -99,26 +100,3 @@ def test_threads_get_the_single_threaded_answers(repo, runner_path, quiet_stdin)
     run_threads(8, 2.0, work)
     assert set(done) == set(expected) and len(done) > 8 * len(table) and gc.isenabled()
     assert_nothing_left(before)
-
-
-def test_interpreter_lock_is_free_while_git_runs(runner_path, fake_git, tmp_path):  # 8 gits side by side
-    fake_git("exec sleep 0.5")
-    stop, longest_gap = threading.Event(), 0.0
-
-    def spin():
-        nonlocal longest_gap
-        last = time.monotonic()
-        while not stop.is_set():
-            now = time.monotonic()
-            longest_gap, last = max(longest_gap, now - last), now
-
-    spinner = threading.Thread(target=spin)
-    spinner.start()
-    started = time.monotonic()
-    try:
-        run_threads(8, 0, lambda i, _: gu._git_output(tmp_path, ["x"]))
-    finally:
-        stop.set()
-        spinner.join()
-    assert time.monotonic() - started < 2.0
-    assert longest_gap < 0.2

@@ -44,25 +44,11 @@ std::vector<std::string> walk(std::string_view patch) {
 
 }  // namespace
 
-TEST_CASE("hunk heads and spans at the edges of int64") {
-    CHECK(match_hunk_header("@@ -0,0 +1,5 @@@") && !match_hunk_header("@@ -1 +1,@@") && !match_hunk_header(""));
+TEST_CASE("spans at the edges of int64") {
     CHECK(saturating_digits("9223372036854775808") == big && !exact_digits("9223372036854775808"));
-    const struct Row {
-        HunkHeader h;
-        bool ok;
-        Span span;
-    } rows[] = {
-        {{"0", "1", "5"}, true, {1, 5, true}},
-        {{"3", "0", "0"}, true, {1, 1, false}},
-        {{"2", "9223372036854775807", "1"}, true, {big, big, false}},
-        {{"2", "9223372036854775807", "2"}, false, {}},
-        {{"2", "1", "99999999999999999999"}, false, {}},
-    };
-    for (const Row& r : rows) {
-        const std::optional<Span> s = make_span(r.h);
-        CHECK(s.has_value() == r.ok);
-        if (s && r.ok) CHECK(s->start == r.span.start && s->end == r.span.end && s->added == r.span.added);
-    }
+    const std::optional<Span> last = make_span(HunkHeader{"2", "9223372036854775807", "1"});
+    CHECK(last && last->start == big && last->end == big && !last->added);
+    CHECK(!make_span(HunkHeader{"2", "9223372036854775807", "2"}) && !make_span(HunkHeader{"2", "1", "99999999999999999999"}));
 }
 
 TEST_CASE("walk: hunk bodies are skipped by their counts") {
