@@ -84,13 +84,17 @@ def query_table(repo: Path):
     ]
 
 
-def process_state(pid: int) -> str:  # the state letter, "" once reaped
+def stat_fields(pid) -> list[bytes]:  # /proc/PID/stat after the command name: state, parent, ...; [] once reaped
     try:
         with open(f"/proc/{pid}/stat", "rb") as f:
             stat = f.read()
-    except FileNotFoundError:
-        return ""
-    return stat[stat.rindex(b")") + 2:].split()[0].decode()
+    except OSError:
+        return []
+    return stat[stat.rindex(b")") + 2:].split()
+
+
+def process_state(pid: int) -> str:  # the state letter, "" once reaped
+    return b"".join(stat_fields(pid)[:1]).decode()
 
 
 def dead(pid: int, within: float = 2.0) -> bool:  # gone, or a zombie nobody has reaped yet
@@ -103,17 +107,8 @@ def dead(pid: int, within: float = 2.0) -> bool:  # gone, or a zombie nobody has
 
 
 def children() -> list[int]:  # zombies included
-    me, found = os.getpid(), []
-    for entry in os.listdir("/proc"):
-        if entry.isdigit():
-            try:
-                with open(f"/proc/{entry}/stat", "rb") as f:
-                    stat = f.read()
-            except OSError:
-                continue
-            if int(stat[stat.rindex(b")") + 2:].split()[1]) == me:
-                found.append(int(entry))
-    return found
+    me = str(os.getpid()).encode()
+    return [int(e) for e in os.listdir("/proc") if e.isdigit() and stat_fields(e)[1:2] == [me]]
 
 
 def snapshot() -> dict[str, int]:

@@ -1,5 +1,4 @@
 import datetime as dt
-import os
 import time
 
 import pytest
@@ -54,27 +53,18 @@ def test_refused_specs(gu, frozen, spec):
     assert info.value.__cause__ is None and info.value.__suppress_context__ is False
 
 
-def overflow_of(compute):
-    with pytest.raises(OverflowError) as info:
-        compute()
-    return str(info.value)
-
-
-@pytest.mark.parametrize(
-    "spec, python",
-    [
-        ("99999999999d", lambda: dt.timedelta(days=99999999999)),
-        ("999999999w", lambda: dt.timedelta(weeks=999999999)),
-        ("1000000000d", lambda: dt.timedelta(days=1000000000)),
-        ("999999999d", lambda: dt.datetime.now() - dt.timedelta(days=999999999)),
-        ("0001-01-01T00:00+05:00", lambda: dt.datetime(1, 1, 1) - dt.timedelta(hours=5)),
-    ],
-)
+@pytest.mark.parametrize("spec, python", [
+    ("99999999999d", lambda: dt.timedelta(days=99999999999)), ("999999999w", lambda: dt.timedelta(weeks=999999999)),
+    ("1000000000d", lambda: dt.timedelta(days=1000000000)),
+    ("999999999d", lambda: dt.datetime.now() - dt.timedelta(days=999999999)),
+    ("0001-01-01T00:00+05:00", lambda: dt.datetime(1, 1, 1) - dt.timedelta(hours=5)),
+])
 def test_outside_the_calendar(gu, zone, spec, python):
     with pytest.raises(ValueError) as info:
         gu.parse_time_spec(spec)
     assert str(info.value) == f"since {spec!r} reaches outside the calendar"
-    assert isinstance(info.value.__cause__, OverflowError) and str(info.value.__cause__) == overflow_of(python)
+    assert isinstance(info.value.__cause__, OverflowError) and str(info.value.__cause__) == str(
+        pytest.raises(OverflowError, python).value)
 
 
 class PlainDateTime(dt.datetime):  # takes parse_time_spec off its native moments, onto the class's calls
@@ -121,11 +111,8 @@ def test_offsets_agree_with_astimezone(gu, monkeypatch, zone):
 @pytest.mark.parametrize(
     "spec, span, change",
     [
-        (" 30m", dt.timedelta(minutes=30), None),
-        ("24h\n", dt.timedelta(hours=24), None),
-        ("7d", dt.timedelta(days=7), None),
-        ("2w", dt.timedelta(weeks=2), None),
-        ("0000000000000000000700000d", dt.timedelta(days=700000), None),
+        (" 30m", dt.timedelta(minutes=30), None), ("24h\n", dt.timedelta(hours=24), None),
+        ("2w", dt.timedelta(weeks=2), None), ("0000000000000000000700000d", dt.timedelta(days=700000), None),
         ("7d", dt.timedelta(hours=7), lambda gu, mp: mp.setitem(gu._SPEC_UNITS, "d", "hours")),
         ("7d", dt.timedelta(seconds=7), lambda gu, mp: mp.setitem(gu._SPEC_UNITS, "d", "seconds")),
         ("7d", dt.timedelta(days=7), lambda gu, mp: mp.setattr(gu, "datetime", PlainDateTime)),
@@ -182,25 +169,11 @@ def test_authors_failure_is_an_empty_list(gu, frozen, stand_in, tmp_path, caplog
 
 def test_real_history(gu, git):
     repo = git.init("repo")
-    for day, who in enumerate([("Ünal", "u@x"), ("Bo", "b@x"), ("Ünal", "u@x")], 1):
-        git.commit(repo, who, day, {f"f{day}": "x"})
+    for day in (1, 2, 3):
+        git.commit(repo, ("A", "a@x"), day, {f"f{day}": "x"})
     head = gu._git_output(repo, ["rev-parse", "HEAD"]).strip()
     assert gu.count_commits(repo, "HEAD~2", "HEAD") == 2 and gu.count_commits(repo, "main", "main") == 0
     assert gu.commit_before(repo, "main", dt.datetime(2023, 12, 31)) is None
     assert gu.commit_before(repo, "main", dt.datetime(2024, 1, 3, 12, 0, 0)) == head
     with pytest.raises(gu.GitError, match="unknown revision|bad revision|ambiguous argument"):
         gu.count_commits(repo, "main", "nope")
-
-    # shortlog reads HEAD's history only when standard input is a terminal.
-    import pty
-
-    leader, follower = pty.openpty()
-    saved = os.dup(0)
-    os.dup2(follower, 0)
-    try:
-        authors = gu.get_authors_for_period(repo, "2023-12-01")
-    finally:
-        os.dup2(saved, 0)
-        for fd in (saved, leader, follower):
-            os.close(fd)
-    assert authors == [{"name": "Ünal", "email": "u@x", "commits": 2}, {"name": "Bo", "email": "b@x", "commits": 1}]

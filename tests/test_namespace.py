@@ -9,7 +9,6 @@ import inspect
 import logging
 import pathlib
 import pickle
-import pydoc
 import re
 import subprocess
 import sys
@@ -134,20 +133,6 @@ def test_attributes_set_and_deleted_as_on_python_functions(fresh, attribute, val
 
     name = "diff_line_spans"
     assert outcomes(getattr(fresh, name)) == outcomes(python_function(fresh, name, dict(FUNCTIONS)[name]))
-
-
-def test_documentation_texts_differ_and_help_renders(fresh):
-    gu = fresh
-    assert len({getattr(gu, name).__doc__ for name, _ in FUNCTIONS}) == len(FUNCTIONS)
-
-    def page(thing):
-        return "".join(pydoc.render_doc(thing, renderer=pydoc.plaintext).split())  # 3.13 wraps long signatures
-
-    # help() of a module lists the public functions of the one in sys.modules.
-    module_page = page(git_utils)
-    for name, source in FUNCTIONS:
-        expected = "".join(f"{name}{inspect.signature(python_function(gu, name, source))}".split())
-        assert expected in (page(getattr(git_utils, name)) if name.startswith("_") else module_page), name
 
 
 def test_stub_follows_the_table(gu):  # stubtest leaves annotations out

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <functional>
-#include <string>
 #include <vector>
 
 namespace check {
@@ -28,21 +27,15 @@ struct Register {
     Register(const char* name, std::function<void()> body) { registry().push_back({name, std::move(body)}); }
 };
 
-inline void fail(const char* file, int line, const std::string& what) {
-    ++failures();
-    std::fprintf(stderr, "%s:%d: check failed: %s\n", file, line, what.c_str());
-}
-
 }  // namespace check
 
 #define CHECK_CONCAT_(a, b) a##b
 #define CHECK_CONCAT(a, b) CHECK_CONCAT_(a, b)
-#define TEST_CASE(name)                                                            \
-    static void CHECK_CONCAT(check_case_, __LINE__)();                             \
-    static const check::Register CHECK_CONCAT(check_reg_, __LINE__){               \
-        name, CHECK_CONCAT(check_case_, __LINE__)};                                \
+#define TEST_CASE(name)                                                                                          \
+    static void CHECK_CONCAT(check_case_, __LINE__)();                                                           \
+    static const check::Register CHECK_CONCAT(check_reg_, __LINE__){name, CHECK_CONCAT(check_case_, __LINE__)}; \
     static void CHECK_CONCAT(check_case_, __LINE__)()
-#define CHECK(expr)                                                                \
-    do {                                                                           \
-        if (!(expr)) check::fail(__FILE__, __LINE__, #expr);                       \
+#define CHECK(expr)                                                                                   \
+    do {                                                                                              \
+        if (!(expr)) ++check::failures(), std::fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #expr); \
     } while (0)

@@ -8,7 +8,6 @@
 
 #include "check.hpp"
 #include "core/patch.hpp"
-#include "core/unquote.hpp"
 
 using namespace gu::core;
 
@@ -60,10 +59,4 @@ TEST_CASE("walk: hunk bodies are skipped by their counts") {
     // A hunk that announces more than it has swallows what follows.
     CHECK((walk("@@ -1 +1 @@\n-a\n@@ -2 +2 @@\n+++ x\n@@ -3 +3 @@") == std::vector<std::string>{"hunk 1", "hunk 3"}));
     CHECK((walk("@@ -1 +1,99999999999999999999999 @@\n+\n+++ x\n@@ -1 +1 @@") == std::vector<std::string>{"hunk 1"}));
-}
-
-TEST_CASE("unquote: octal escapes, a lone backslash at the end") {
-    std::string out;
-    CHECK(unquote("\\303\\251\\t\\\"end\\", out) && out == "\xc3\xa9\t\"end\\");
-    CHECK(!unquote("ok\\400", out));
 }
