@@ -46,7 +46,7 @@ def odd_values(repo: Path) -> dict[str, list]:  # by the kind of parameter
     listed = [[None], [b"x"], ["\ud800"], ["a\0b"], [10**100], [Path("x")], ["\udcff", "é\n\t"], "abc",
               ("rev-parse", "HEAD"), iter(["x"]), ["x" * 20_000] * 3]
     return {
-        "path": anything + [Path("a\0b"), Path("\ud800"), Path("/nonexistent/x"), str(repo), repo / "src" / "m1.py",
+        "path": anything + [Path("a\0b"), Path("\ud800"), Path("/nonexistent/x"), str(repo), repo / "keep.txt",
                             b"/tmp"],
         "text": anything + [Path("main"), "\udcff", "-h", "x" * 100_000, "99999999999999999999d", "\x1e\0\t:",
                             '"\\377\\', "@@ -1 +1 @@"],
@@ -73,7 +73,7 @@ def valid_arguments(gu, repo: Path) -> dict:  # by parameter name, or (function,
     return {
         "repo_root": repo, "start": repo, "name": "main", "branch": "feature", "since": "7d", "base": "main",
         "head": "feature", "ref": "feature", "moment": dt.datetime.now(), "args": ["rev-parse", "HEAD"],
-        "timeout": 2, "short": True, "merge_base": True, "paths": ["src/m1.py"], "diff_filter": "MR",
+        "timeout": 2, "short": True, "merge_base": True, "paths": ["keep.txt"], "diff_filter": "MR",
         "max_commits": 5, "output": raw, "tokens": raw.split("\0"), "field": "12", "text": "dir/a\\tb",
         "new_count": 3, "old_count": 1,
         ("log_commit_changes", "since"): dt.datetime.now() - dt.timedelta(days=30),

@@ -1,8 +1,7 @@
 import datetime as dt
-import os
 
-import proof_support
 import pytest
+from proof_support import ODD, QUOTED, make_repo
 
 from morvane_tessary.utils import git_utils as gu
 
@@ -108,51 +107,12 @@ def test_collaborators_are_looked_up_at_each_call(monkeypatch, stand_in, tmp_pat
 
 # ---- real repositories ----------------------------------------------------------
 
-QUOTED = ["été.txt", "tab\there.txt", 'quo"te.txt', "back\\slash.txt", "new\nline.txt", "sp ace.txt"]
-# Names as on disk, then as the -z records and the patch give them back: the runner decodes git's output
-# with invalid bytes replaced and every CR turned into LF; the patch quotes a CR as \r.
-ODD = {os.fsdecode(b"bad\xff.txt"): ("bad\ufffd.txt", "bad\ufffd.txt"), "cr\rname.txt": ("cr\nname.txt", "cr\rname.txt")}
-# Two names that differ only in bytes that are not UTF-8 decode alike: one file, as parsing the decoded output gives.
-ALIKE = [os.fsdecode(b"a\xe9.txt"), os.fsdecode(b"a\xe8.txt")]
 TIMES = [int(dt.datetime(2026, 1, day, 10, tzinfo=dt.timezone.utc).timestamp()) for day in (1, 2, 3, 4)]
 
 
 @pytest.fixture(scope="module")
 def repo(tmp_path_factory):
-    """main: C1 (everything added), C3 (main_only.txt), C4 merging feature; feature: C2 off C1 with
-    modifications, a rename, a deletion, an addition, binary, CR LF, no final newline and quoted names."""
-    root = tmp_path_factory.mktemp("repo")
-
-    def git(*args, day=1):
-        proof_support.git(root, *args, date=f"2026-01-0{day}T10:00:00+00:00")
-
-    def write(name, data):
-        (root / name).write_bytes(data.encode() if isinstance(data, str) else data)
-
-    git("init", "-q", "-b", "main")
-    files = {"keep.txt": "".join(f"k{i}\n" for i in range(1, 11)), "move_me.py": "".join(f"l{i}\n" for i in range(1, 21)),
-             "bin.dat": bytes(range(256)), "crlf.txt": "a\r\nb\r\nc\r\n", "nonl.txt": "x\ny", "gone.txt": "g1\ng2\n",
-             "main_only.txt": "m\n", **dict.fromkeys([*QUOTED, *ODD, *ALIKE], "one\ntwo\n")}
-    for name, data in files.items():
-        write(name, data)
-    git("add", "-A")
-    git("commit", "-qm", "C1")
-    git("checkout", "-qb", "feature")
-    (root / "moved").mkdir()
-    git("mv", "move_me.py", "moved/me.py")
-    for name, data in {"keep.txt": "k1\nk2\nK3\nk4\nk5\nn1\nn2\nk6\nk7\nk10\n", "bin.dat": bytes(range(255, -1, -1)),
-                       "moved/me.py": files["move_me.py"].replace("l20", "L20"), "crlf.txt": "a\r\nB\r\nc\r\n",
-                       "nonl.txt": "x\nz", "added.txt": "n1\nn2\n",
-                       **dict.fromkeys([*QUOTED, *ODD, *ALIKE], "one\nTWO\n")}.items():
-        write(name, data)
-    git("rm", "-q", "gone.txt")
-    git("add", "-A")
-    git("commit", "-qm", "C2", day=2)
-    git("checkout", "-q", "main")
-    write("main_only.txt", "m\nM\n")
-    git("commit", "-qam", "C3", day=3)
-    git("merge", "-q", "--no-ff", "-m", "C4", "feature", day=4)
-    return root
+    return make_repo(tmp_path_factory.mktemp("changes"))
 
 
 @pytest.fixture

@@ -30,8 +30,8 @@ QUERIES = {  # (root, revision, moment)
 @pytest.fixture
 def repo(git, tmp_path):
     repo = git.init("repo")
-    git.commit(repo, ("A", "a@x"), 1, {"f": "one\n"})
-    git.commit(repo, ("A", "a@x"), 2, {"f": "two\n"})
+    for day in (1, 2):
+        git.commit(repo, ("A", "a@x"), day, {"f": f"{day}\n"})
     (tmp_path / "victim").write_text(VICTIM)
     return repo
 
@@ -44,10 +44,8 @@ def test_option_like_revisions(repo, fake_git, tmp_path, query, rev):
     fake_git(f'echo >> "{marker}"; exec "{shutil.which("git")}" "$@"')
     rev = rev.format(victim=tmp_path / "victim")
     if rev.startswith("--"):
-        with pytest.raises(gu.GitError) as refused:
-            query(repo, rev, None)
-        assert str(refused.value) == f"revision looks like an option: {rev!r}"
-        assert not marker.exists()
+        refused = pytest.raises(gu.GitError, query, repo, rev, None).value
+        assert str(refused) == f"revision looks like an option: {rev!r}" and not marker.exists()
     else:
         try:
             query(repo, rev, dt.datetime(2024, 1, 1))
@@ -68,7 +66,6 @@ def test_clone_whose_remote_head_is_an_option(git, repo, tmp_path):
     assert {gu.resolve_display_branch(clone), gu.get_default_branch(clone)} == {hostile}
     with pytest.raises(gu.GitError, match="^revision looks like an option: "):
         gu.log_commit_changes(clone, since=dt.datetime(2000, 1, 1), ref=hostile, max_commits=3)
-
     def report(*args):
         return subprocess.run([sys.executable, "-m", "morvane_tessary.report", str(clone), *args],
                               stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=25)
@@ -98,11 +95,8 @@ def test_nothing_git_started_outlives_the_call(git, fake_git, tmp_path, how, git
     repo = git.init("repo")
     if git_script:
         fake_git(git_script.format(pids=pids))
-    else:
-        hook = tmp_path / "fsmonitor"
-        hook.write_text("#!/bin/sh\n" + fsmonitor.format(pids=pids) + "\n")
-        hook.chmod(0o755)
-        git(repo, "config", "core.fsmonitor", str(hook))
+    else:  # fake_git writes the hook script; renamed, it is no git on PATH
+        git(repo, "config", "core.fsmonitor", str(fake_git(fsmonitor.format(pids=pids)).rename(tmp_path / "hook")))
     started = time.monotonic()
     if how == "time-out":
         assert gu.run_git_command(repo, ["status"], 1) == ("", "Command timed out", 1)
@@ -155,8 +149,7 @@ def test_git_on_the_hosts_terminal(repo, fake_git, tmp_path):
         os.write(leader, b"\x03")
         out, _ = host.communicate(timeout=10)
     finally:
-        os.close(leader)
-        os.close(follower)
+        os.close(leader), os.close(follower)
     assert out.splitlines() == [
         "('ok\\n', '', 0) [{'name': 'A', 'email': 'a@x', 'commits': 2}]", "interrupted after 0 s"]
     assert dead(int(pids.read_text()))

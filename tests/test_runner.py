@@ -94,12 +94,6 @@ def test_missing_git(gu, runner_path, fake_git, tmp_path, monkeypatch, caplog, c
     assert children() == []
 
 
-def _echo_git(directory, word):
-    directory.mkdir(exist_ok=True)
-    (directory / "git").write_text(f"#!/bin/sh\necho {word}\n")
-    (directory / "git").chmod(0o755)
-
-
 @pytest.mark.parametrize(
     "path_of, expected",
     [
@@ -114,7 +108,9 @@ def _echo_git(directory, word):
 def test_path_search_follows_os_environ(gu, runner_path, tmp_path, monkeypatch, path_of, expected):
     repo = tmp_path / "repo"
     for name, word in [("one", "one"), ("two", "two"), ("repo", "cwd"), (os.fsdecode(b"bin\xff"), "odd")]:
-        _echo_git(tmp_path / name, word)
+        (tmp_path / name).mkdir()
+        (tmp_path / name / "git").write_text(f"#!/bin/sh\necho {word}\n")
+        (tmp_path / name / "git").chmod(0o755)
     path = path_of(tmp_path)
     monkeypatch.setenv("PATH", str(tmp_path / "one"))
     if isinstance(path, dict):
@@ -139,12 +135,8 @@ def test_path_search_follows_os_environ(gu, runner_path, tmp_path, monkeypatch, 
 )
 def test_bad_arguments_raise_the_interpreters_errors(gu, runner_path, fake_git, tmp_path, make_args, error, text):
     fake_git("exit 0")
-    with pytest.raises(error) as info:
-        run(gu, tmp_path, make_args())
-    expected = pytest.raises(error)
-    with expected as reference:
-        subprocess.run(["git"] + make_args(), cwd=str(tmp_path), capture_output=True)
-    assert str(info.value) == (text if text is not None else str(reference.value))
+    theirs = pytest.raises(error, lambda: subprocess.run(["git"] + make_args(), cwd=str(tmp_path), capture_output=True))
+    assert str(pytest.raises(error, run, gu, tmp_path, make_args()).value) == (text or str(theirs.value))
 
 
 @pytest.mark.parametrize("case, error, filename", [("cwd-is-a-file", NotADirectoryError, "{file}"),
@@ -163,13 +155,7 @@ def test_os_errors_raised(gu, runner_path, fake_git, tmp_path, monkeypatch, case
 
 def test_child_environment_matches_the_interpreters_spawner(gu, runner_path, fake_git, tmp_path):
     # standard input inherited, no extra descriptors, SIGPIPE/SIGXFSZ at default
-    fake_git(
-        """
-        readlink /proc/self/fd/0
-        ls -C /proc/self/fd
-        exec grep -E '^Sig(Ign|Blk)' /proc/self/status
-        """
-    )
+    fake_git("readlink /proc/self/fd/0; ls -C /proc/self/fd; exec grep -E '^Sig(Ign|Blk)' /proc/self/status")
     extra = os.open(os.devnull, os.O_RDONLY)
     os.set_inheritable(extra, True)
     try:
