@@ -1,6 +1,5 @@
 import functools
 import os
-import stat
 import textwrap
 from pathlib import Path
 
@@ -49,6 +48,14 @@ def git(monkeypatch, tmp_path):
 
 
 @pytest.fixture
+def quiet_stdin():  # shortlog reads a standard input that is no terminal
+    saved, null = os.dup(0), os.open(os.devnull, os.O_RDONLY)
+    os.dup2(null, 0), os.close(null)
+    yield
+    os.dup2(saved, 0), os.close(saved)
+
+
+@pytest.fixture
 def stand_in(monkeypatch, tmp_path):
     """Replaces the module's `name` with a function of (tmp_path, args) that records the argument lists and
     gives the replies in turn, raising those that are exceptions."""
@@ -79,7 +86,7 @@ def fake_git(tmp_path, monkeypatch):
     def install(script: str) -> Path:
         path = bindir / "git"
         path.write_text("#!/bin/sh\n" + textwrap.dedent(script))
-        path.chmod(path.stat().st_mode | stat.S_IXUSR | stat.S_IXGRP | stat.S_IXOTH)
+        path.chmod(0o755)
         monkeypatch.setenv("PATH", f"{bindir}{os.pathsep}{os.environ.get('PATH', '')}")
         return path
 

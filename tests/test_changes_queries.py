@@ -152,6 +152,9 @@ def test_file_and_commit_changes(env, repo, runner_path):
     assert gu.log_commit_changes(repo, since=dt.datetime(2025, 1, 1), ref=None, max_commits=0) == []
     with pytest.raises(gu.GitError, match="unknown revision"):
         gu.log_commit_changes(repo, since=SINCE, ref="nope", max_commits=1)
+    assert [gu.count_commits(repo, "main^1", "feature"), gu.count_commits(repo, "main", "main")] == [1, 0]
+    assert gu.commit_before(repo, "main", dt.datetime(2026, 1, 3, 12)) == gu.resolve_commit(repo, "main~1")
+    assert gu.commit_before(repo, "main", dt.datetime(2025, 12, 31)) is None
 
 
 def test_line_spans(env, repo, runner_path):

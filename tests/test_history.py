@@ -165,15 +165,3 @@ def test_authors_failure_is_an_empty_list(gu, frozen, stand_in, tmp_path, caplog
     assert caplog.records[-1].getMessage() == "get_authors_for_period: git shortlog failed rc=128 stderr=fatal: no"
     with pytest.raises(ValueError):
         gu.get_authors_for_period(tmp_path, "soon")
-
-
-def test_real_history(gu, git):
-    repo = git.init("repo")
-    for day in (1, 2, 3):
-        git.commit(repo, ("A", "a@x"), day, {f"f{day}": "x"})
-    head = gu._git_output(repo, ["rev-parse", "HEAD"]).strip()
-    assert gu.count_commits(repo, "HEAD~2", "HEAD") == 2 and gu.count_commits(repo, "main", "main") == 0
-    assert gu.commit_before(repo, "main", dt.datetime(2023, 12, 31)) is None
-    assert gu.commit_before(repo, "main", dt.datetime(2024, 1, 3, 12, 0, 0)) == head
-    with pytest.raises(gu.GitError, match="unknown revision|bad revision|ambiguous argument"):
-        gu.count_commits(repo, "main", "nope")

@@ -91,9 +91,7 @@ def test_queries_read_a_replaced_runner_as_python(gu, stand_in, tmp_path, query,
                     "get_authors_for_period": ("run_git_command", ("1d",))}[query]
     stand_in(runner, reply)
     if isinstance(expected, Exception):
-        with pytest.raises(type(expected)) as raised:
-            getattr(gu, query)(tmp_path, *args)
-        assert str(raised.value) == str(expected)
+        assert str(pytest.raises(type(expected), getattr(gu, query), tmp_path, *args).value) == str(expected)
     else:
         assert getattr(gu, query)(tmp_path, *args) == expected
 

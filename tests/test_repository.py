@@ -14,14 +14,12 @@ from morvane_tessary.utils import git_utils
 def normalize_reference(name):
     if not name:
         return None
-    name = name.strip()
-    changed = True
+    name, changed = name.strip(), True
     while changed:
         changed = False
         for prefix in ("refs/heads/", "refs/remotes/", "remotes/", "origin/"):
             if name.startswith(prefix):
-                name = name[len(prefix):]
-                changed = True
+                name, changed = name[len(prefix):], True
     return name or None
 
 
@@ -43,8 +41,7 @@ class SubPath(type(Path())):  # a host's own path class: reached through its met
     pass
 
 
-# ---------------------------------------------------------------------------
-# Branch names
+# ---- Branch names ----
 
 FRAGMENTS = ["refs/", "heads/", "remotes/", "origin/", "/", "\\", "-", "_", ".", " ", "\t", "\n", "\x1c", "\x85",
              "\xa0", "\u2028", "\u3000", "\u200b", "\ufeff", "e\u0301", "\xb2", "\xbd", "\u0660", "größe", "ブランチ",
@@ -77,8 +74,7 @@ def test_branch_name_cases(gu, value):
     assert outcome(gu.sanitize_branch_name, value) == outcome(sanitize_reference, value)
 
 
-# ---------------------------------------------------------------------------
-# Wiki paths
+# ---- Wiki paths ----
 
 @pytest.mark.parametrize("root", [Path("/r/x"), Path("rel"), Path("/"), PurePosixPath("/r"), SubPath("/s"), "str-root"])
 @pytest.mark.parametrize("branch", ["feature/x", "", ".", "..", "a\\b", "x" * 120, None])
@@ -100,8 +96,7 @@ def test_wiki_directory_calls_the_namespace(gu, monkeypatch):
         gu.wiki_directory(Path("/r"), "a")
 
 
-# ---------------------------------------------------------------------------
-# Discovery
+# ---- Discovery ----
 
 @pytest.fixture
 def tree(tmp_path):
@@ -176,8 +171,7 @@ def test_discovery_reaches_path_through_the_namespace(gu, tree, monkeypatch):
     assert gu.find_repo_root() == tree / "repo" / "a"
 
 
-# ---------------------------------------------------------------------------
-# Queries against a recording stand-in for run_git_command
+# ---- Queries against a recording stand-in for run_git_command ----
 
 OK, FAIL = 0, 128
 HEAD_SHORT, HEAD_FULL = ["rev-parse", "--short", "HEAD"], ["rev-parse", "HEAD"]
@@ -246,8 +240,7 @@ def test_unpacking_errors_are_pythons(gu, stand_in, tmp_path, reply, before_314,
         assert str(pytest.raises(type(theirs), query, tmp_path).value) == expected
 
 
-# ---------------------------------------------------------------------------
-# Queries against real repositories
+# ---- Queries against real repositories ----
 
 def test_repository_with_branches_tags_and_remote(gu, git, tmp_path):
     repo = git.init("repo")
