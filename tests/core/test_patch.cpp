@@ -43,14 +43,16 @@ std::vector<std::string> walk(std::string_view patch) {
 
 }  // namespace
 
-TEST_CASE("spans at the edges of int64") {
+// Spans at the edges of int64.
+void test_spans_at_the_edges_of_int64() {
     CHECK(saturating_digits("9223372036854775808") == big && !exact_digits("9223372036854775808"));
     const std::optional<Span> last = make_span(HunkHeader{"2", "9223372036854775807", "1"});
     CHECK(last && last->start == big && last->end == big && !last->added);
     CHECK(!make_span(HunkHeader{"2", "9223372036854775807", "2"}) && !make_span(HunkHeader{"2", "1", "99999999999999999999"}));
 }
 
-TEST_CASE("walk: hunk bodies are skipped by their counts") {
+// Walk: hunk bodies are skipped by their counts.
+void test_hunk_bodies_skipped_by_their_counts() {
     const std::string patch =
         "diff --git a b\n--- a.txt\n+++ a.txt\n@@ -1,2 +1 @@\n-@@ -9 +9 @@\n-+++ fake\n+x\n"
         "\\ No newline at end of file\n@@ -5 +4,2 @@\n ctx\n+y\n+++ \"b\\tc\"\t\n@@ -0,0 +1 @@\n+\r\n";

@@ -68,7 +68,8 @@ std::string many_paths() {
 
 }  // namespace
 
-TEST_CASE("token stream keeps every piece and reads empty past the end") {
+// Token stream keeps every piece and reads empty past the end.
+void test_token_stream() {
     TokenStream s{std::string_view("a\0\0b\0", 5)};
     std::vector<std::string_view> got;
     while (!s.done()) got.push_back(s.next());
@@ -78,7 +79,8 @@ TEST_CASE("token stream keeps every piece and reads empty past the end") {
     CHECK(!empty.done() && empty.next().empty() && empty.done());
 }
 
-TEST_CASE("file records, in every unit width") {
+// File records, in every unit width.
+void test_file_records_in_every_unit_width() {
     const std::string h = ":1 2 a b ";
     std::string many = "R p0<o -; A p1 0,7; ";
     for (int i = 2; i < 17; ++i) many += "A p" + std::to_string(i) + " -; ";
@@ -102,7 +104,8 @@ TEST_CASE("file records, in every unit width") {
     }
 }
 
-TEST_CASE("commit log: heads, bodies and what precedes the first head") {
+// Commit log: heads, bodies and what precedes the first head.
+void test_commit_log() {
     using Commits = std::vector<std::pair<std::string, std::vector<std::string>>>;
     const auto commits_of = [](std::string_view log) {
         Commits got;
