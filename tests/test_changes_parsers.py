@@ -125,22 +125,19 @@ def test_parse_line_spans(text, expected):
 @pytest.mark.parametrize(
     "name, expected",
     [
-        ("dir/my file.txt\t", "dir/my file.txt"), ("a\t\t", "a\t"), ("/dev/null", None), ("/dev/null\t", None),
-        ('"/dev/null"', "/dev/null"), ('"tab\\there.txt"', "tab\there.txt"), ('"a\\"b"\t', 'a"b'), ('"', '"'),
-        ('""', ""), ('"\\303\\251t\\303\\251.txt"', "été.txt"), ('x"', 'x"'), ('"x', '"x'), ("été", "été"),
+        # Names the patch model quotes come from there; these are the ones git never writes.
+        ("a\t\t", "a\t"), ('"/dev/null"', "/dev/null"), ('"', '"'), ('""', ""), ('x"', 'x"'), ('"x', '"x'),
     ],
 )
 def test_patch_path(name, expected):
     assert gu._patch_path(name) == expected
-    assert gu.parse_line_spans(patch(name, "@@ -1 +1 @@", "-a", "+b")) == ({} if expected is None else
-                                                                           {expected: [LS(1, 1, False)]})
+    assert gu.parse_line_spans(patch(name, "@@ -1 +1 @@", "-a", "+b")) == {expected: [LS(1, 1, False)]}
 
 
 @pytest.mark.parametrize(
     "text, expected",
     [
-        ("plain", "plain"), ("\\303\\251t\\303\\251.txt", "été.txt"), ("tab\\there", "tab\there"),
-        ("\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v"), ('\\"q\\\\', '"q\\'), ("\\12x", "12x"), ("end\\", "end\\"),
+        ("\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v"), ("\\12x", "12x"), ("end\\", "end\\"),
         ("\\\n", "\n"), ("\\z\\é", "zé"), ("\\303", "\ufffd"), ("\\377\\000", "\ufffd\x00"), ("é\\303\\251", "éé"),
         ("\\\\303", "\\303"), ("\\3031", "\ufffd1"), ("\\360\\237\\230\\200!", "\U0001f600!"),
         ("\\400", ValueError), ("ok\\777", ValueError), ("\\303\\251\\401", ValueError),  # above a byte

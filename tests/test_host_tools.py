@@ -135,13 +135,8 @@ def test_log_records_name_the_module_function(gu, tmp_path, monkeypatch, request
 FRESH = {
     "subprocess.run wrapped": """
         import functools, subprocess
-        calls = []
-        real = subprocess.run
-        @functools.wraps(real)
-        def run(*args, **kwargs):
-            calls.append(args[0])
-            return real(*args, **kwargs)
-        subprocess.run = run
+        calls, real = [], subprocess.run
+        subprocess.run = functools.wraps(real)(lambda *args, **kwargs: calls.append(args[0]) or real(*args, **kwargs))
         from morvane_tessary.utils import git_utils as gu
         assert gu.run_git_command(ROOT, ["x"]) == ("out\\n", "", 0)
         assert calls == [["git", "x"]], calls

@@ -120,33 +120,24 @@ def test_function_interface(fresh, name, source):
                                               ("__qualname__", "q"), ("__defaults__", ("x",)),
                                               ("__kwdefaults__", {"paths": ()}), ("__annotations__", {"a": int})])
 def test_attributes_set_and_deleted_as_on_python_functions(fresh, attribute, value):
-    def outcomes(f):
-        seen = []
-        for change in (lambda: setattr(f, attribute, value), lambda: delattr(f, attribute),
-                       lambda: delattr(f, attribute), lambda: setattr(f, attribute, 1)):
-            try:
-                change()
-                seen.append(getattr(f, attribute))
-            except Exception as e:
-                seen.append((type(e), str(e)))
-        return seen
+    def outcome(f, change, *args):  # set, delete, delete again, set to a wrong type
+        try:
+            change(f, attribute, *args)
+            return getattr(f, attribute)
+        except Exception as e:
+            return type(e), str(e)
 
-    name = "diff_line_spans"
-    assert outcomes(getattr(fresh, name)) == outcomes(python_function(fresh, name, dict(FUNCTIONS)[name]))
+    theirs = python_function(fresh, "diff_line_spans", dict(FUNCTIONS)["diff_line_spans"])
+    for change in [(setattr, value), (delattr,), (delattr,), (setattr, 1)]:
+        assert outcome(fresh.diff_line_spans, *change) == outcome(theirs, *change)
 
 
 def test_stub_follows_the_table(gu):  # stubtest leaves annotations out
     stub = ast.parse((pathlib.Path(gu.__file__).parent / "git_utils.pyi").read_text())
-    defs, names = {}, []
-    for node in stub.body:
-        if isinstance(node, (ast.Import, ast.ImportFrom)):
-            names += [alias.asname or alias.name for alias in node.names]
-        elif isinstance(node, ast.AnnAssign):
-            names.append(node.target.id)
-        else:
-            names.append(node.name)
-            defs[node.name] = node
-    assert names == [name for name, _ in TABLE]
+    defs = {node.name: node for node in stub.body if isinstance(node, (ast.FunctionDef, ast.ClassDef))}
+    names = [[a.asname or a.name for a in node.names] if isinstance(node, (ast.Import, ast.ImportFrom)) else
+             [node.target.id] if isinstance(node, ast.AnnAssign) else [node.name] for node in stub.body]
+    assert sum(names, []) == [name for name, _ in TABLE]
     for name, source in FUNCTIONS:
         expected = ast.parse(f"def {name}{source}: pass").body[0]
         assert ast.dump(defs[name].args) == ast.dump(expected.args), name
