@@ -123,11 +123,10 @@ def snapshot() -> dict[str, int]:
     return {"rss": rss, "fds": len(os.listdir("/proc/self/fd")), "children": len(children())}
 
 
-def assert_nothing_left(before: dict[str, int], rss_slack: int = 64 * MB) -> dict[str, int]:
+def assert_nothing_left(before: dict[str, int], rss_slack: int = 64 * MB) -> None:
     after = snapshot()
     assert after["fds"] <= before["fds"], (before, after, os.listdir("/proc/self/fd"))
     assert after["children"] == 0, children()
     with pytest.raises(ChildProcessError):
         os.waitpid(-1, os.WNOHANG)
     assert after["rss"] - before["rss"] < rss_slack, (before, after)
-    return after

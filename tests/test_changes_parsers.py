@@ -186,8 +186,7 @@ def test_native_records_equal_called_ones(build, called):
     assert gc.isenabled()
     for a, b in zip(native, called, strict=True):
         assert type(a) is type(b) and a == b and hash(a) == hash(b) and repr(a) == repr(b)
-        assert list(vars(a).items()) == list(vars(b).items())
-        assert [type(v) for v in vars(a).values()] == [type(v) for v in vars(b).values()]
+        assert [(k, v, type(v)) for k, v in vars(a).items()] == [(k, v, type(v)) for k, v in vars(b).items()]
         assert dataclasses.asdict(a) == dataclasses.asdict(b) and dataclasses.fields(a) == dataclasses.fields(b)
         for clone in (pickle.loads(pickle.dumps(a)), copy.deepcopy(a), dataclasses.replace(a)):
             assert type(clone) is type(b) and clone == b and list(vars(clone)) == list(vars(b))

@@ -65,14 +65,6 @@ def test_pyfakefs_file_system(gu, fs, monkeypatch):
     assert gu.find_git_root(Path("b")) == Path("/repo") == gu.find_repo_root()
 
 
-def test_time_machine_clock(gu):
-    import time_machine
-
-    with time_machine.travel(dt.datetime(2020, 6, 15, 12, 0), tick=False):
-        assert gu.parse_time_spec("7d") == dt.datetime.now() - dt.timedelta(days=7)
-    assert gu.parse_time_spec("7d").year > 2020
-
-
 @pytest.mark.parametrize(
     "query, reply, expected",
     [

@@ -131,12 +131,9 @@ def test_git_on_the_hosts_terminal(repo, fake_git, tmp_path):
     """With the host in the foreground of its terminal, git is never stopped for touching it, shortlog still
     summarises HEAD, and the terminal's Ctrl-C ends the call at once and takes git with it."""
     pids = tmp_path / "pids"
-    fake_git(f"""\
-        case "$1" in
-          stty) stty -echo && stty echo && echo ok ;;
-          hang) echo $$ > "{pids}"; exec sleep 30 ;;
-          *) exec "{shutil.which("git")}" "$@" ;;
-        esac
+    fake_git(f"""[ "$1" = stty ] && stty -echo && stty echo && echo ok && exit
+        [ "$1" = hang ] && echo $$ > "{pids}" && exec sleep 30
+        exec "{shutil.which("git")}" "$@"
         """)
     leader, follower = pty.openpty()
     try:

@@ -77,19 +77,15 @@ def test_human_output(feature):  # the same facts as the JSON, one file per line
     assert "no commits in the period" in report(feature).stdout  # the default 30d is long after 2024
 
 
-def ada(commits):
-    return [{"name": "Ada Lovelace", "email": "ada@example.com", "commits": commits}]
-
-
-@pytest.mark.parametrize("state, branch, base, ahead, authors, note, shown", [
-    ("no commits", "main", None, None, [], "no commits yet", "HEAD            (no commits yet)"),
-    ("detached", None, "main", 0, ada(1), "detached HEAD: the wiki directory is the one for no branch",
+@pytest.mark.parametrize("state, branch, base, ahead, commits, note, shown", [
+    ("no commits", "main", None, None, 0, "no commits yet", "HEAD            (no commits yet)"),
+    ("detached", None, "main", 0, 1, "detached HEAD: the wiki directory is the one for no branch",
      "branch          (detached HEAD)"),
-    ("no default branch", "trunk", None, None, ada(2), "no default branch: neither main nor origin/main exists",
+    ("no default branch", "trunk", None, None, 2, "no default branch: neither main nor origin/main exists",
      "default branch  main (not found)"),
-    ("default on origin", "main", "origin/develop", 1, ada(2), None, "compared with   origin/develop"),
+    ("default on origin", "main", "origin/develop", 1, 2, None, "compared with   origin/develop"),
 ])
-def test_repository_states(git, state, branch, base, ahead, authors, note, shown):
+def test_repository_states(git, state, branch, base, ahead, commits, note, shown):
     repo = git.init("r", "trunk" if state == "no default branch" else "main")
     if state != "no commits":
         git.commit(repo, ADA, 1, {"a": "a\n"})
@@ -101,7 +97,8 @@ def test_repository_states(git, state, branch, base, ahead, authors, note, shown
         git(repo, "update-ref", "refs/remotes/origin/develop", "HEAD~1")
         git(repo, "symbolic-ref", "refs/remotes/origin/HEAD", "refs/remotes/origin/develop")
     doc = as_json(repo, "--since", "2024-01-01")
-    assert (doc["branch"], doc["base"], doc["ahead"], doc["authors"]) == (branch, base, ahead, authors)
+    ada = [{"name": "Ada Lovelace", "email": "ada@example.com", "commits": commits}] if commits else []
+    assert (doc["branch"], doc["base"], doc["ahead"], doc["authors"]) == (branch, base, ahead, ada)
     assert doc["notes"] == ([note] if note else [])
     assert (doc["changes"] is None) == (base is None or ahead is None)
     assert doc["wiki_directory"] == str(repo / "memory" / "lorebook" / (branch or "default"))
