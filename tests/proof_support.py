@@ -72,14 +72,13 @@ def query_table(repo: Path):  # every query, on make_repo's repository
     past, mid = dt.datetime(2025, 12, 1), dt.datetime(2026, 1, 2, 12)  # before C1; between C2 and C3
     return [
         ("resolve_display_branch", lambda: gu.resolve_display_branch(repo)),
-        ("get_head_commit", lambda: gu.get_head_commit(repo)),
+        ("get_head_commit", lambda: gu.get_head_commit(repo)), ("get_default_branch", lambda: gu.get_default_branch(repo)),
         ("get_head_commit-long", lambda: gu.get_head_commit(repo, False)),
-        ("get_default_branch", lambda: gu.get_default_branch(repo)),
         ("branch_exists", lambda: (gu.branch_exists(repo, "main"), gu.branch_exists(repo, "nope"))),
         ("get_authors_for_period", lambda: gu.get_authors_for_period(repo, "2025-12-01")),
         ("resolve_commit", lambda: gu.resolve_commit(repo, "main")),
-        ("count_commits", lambda: gu.count_commits(repo, "main^1", "feature")),
         ("commit_before", lambda: gu.commit_before(repo, "feature", mid)),
+        ("count_commits", lambda: gu.count_commits(repo, "main^1", "feature")),
         ("diff_file_changes", lambda: gu.diff_file_changes(repo, "main^1", "feature")),
         ("log_commit_changes", lambda: gu.log_commit_changes(repo, since=past, ref=None, max_commits=10)),
         ("diff_line_spans", lambda: gu.diff_line_spans(repo, "main^1", "feature", merge_base=True, diff_filter="MRAD")),

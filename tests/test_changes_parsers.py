@@ -38,7 +38,7 @@ H = ":1 2 a b "  # a raw head without its status
     "output, expected",
     [
         (z(*DIFF_TOKENS), DIFF_RECORDS),
-        (z(H + "X", "x", H, "e", ":M", "m"), [FC("x", "modified", 0, 0), FC("e", "modified", 0, 0), FC("m", "modified", 0, 0)]),
+        (z(H + "X", "x", H, "e", ":M", "m"), [FC(p, "modified", 0, 0) for p in "xem"]),
         (z(H + "M", "a", H + "A"), [FC("a", "modified", 0, 0)]),  # head without its path
         (z(H + "A", "a", H + "R100", "only-old"), [FC("a", "added", 0, 0)]),
         (z(H + "A", "", "x", H + "D", "d"), [FC("d", "deleted", 0, 0)]),  # an empty path records nothing
@@ -75,18 +75,16 @@ def test_line_count(field, expected):
         # The interpreter's int(): signs, underscores, other digits, Unicode blanks, huge values.
         (z("\x1e-3", "\x1e+4", "\x1e1_000", "\x1e\u0664\u0662", "\x1e\x1e7\u2003", "\x1e99999999999999999999"),
          [CC(-3, ()), CC(4, ()), CC(1000, ()), CC(42, ()), CC(7, ()), CC(99999999999999999999, ())]),
+        *[(log, ValueError(f"invalid literal for int() with base 10: {t!r}"))  # a header time that is no number
+          for log, t in [("\x1e", ""), (z("\x1e1", "", "\x1eabc", "x"), "abc"), ("\x1e1 2", "1 2")]],
     ],
 )
 def test_parse_commit_changes(output, expected):
-    result = gu.parse_commit_changes(output)
-    assert result == expected and all(type(c.files) is tuple for c in result)
-
-
-@pytest.mark.parametrize("output, text", [("\x1e", ""), (z("\x1e1", "", "\x1eabc", "x"), "abc"), ("\x1e1 2", "1 2")])
-def test_header_time_that_is_no_number(output, text):
-    with pytest.raises(ValueError) as info:
-        gu.parse_commit_changes(output)
-    assert str(info.value) == f"invalid literal for int() with base 10: {text!r}"
+    if isinstance(expected, ValueError):
+        assert str(pytest.raises(ValueError, gu.parse_commit_changes, output).value) == str(expected)
+    else:
+        result = gu.parse_commit_changes(output)
+        assert result == expected and all(type(c.files) is tuple for c in result)
 
 
 # ---- patches ----------------------------------------------------------------

@@ -115,13 +115,6 @@ def repo(tmp_path_factory):
     return make_repo(tmp_path_factory.mktemp("changes"))
 
 
-@pytest.fixture
-def env(monkeypatch, repo):
-    monkeypatch.setenv("TZ", "UTC")
-    monkeypatch.setenv("GIT_CONFIG_GLOBAL", "/dev/null")
-    monkeypatch.setenv("GIT_CONFIG_NOSYSTEM", "1")
-
-
 FEATURE = [FC("added.txt", "added", 2, 0), FC("bin.dat", "modified", 0, 0), FC("crlf.txt", "modified", 1, 1),
            FC("gone.txt", "deleted", 0, 2), FC("keep.txt", "modified", 3, 3),
            FC("moved/me.py", "renamed", 1, 1, old_path="move_me.py"), FC("nonl.txt", "modified", 1, 1),
@@ -136,7 +129,7 @@ def by_path(changes):
     return sorted(changes, key=lambda c: c.path)
 
 
-def test_file_and_commit_changes(env, repo, runner_path):
+def test_file_and_commit_changes(git, repo, runner_path):  # git: UTC, no configuration
     assert by_path(gu.diff_file_changes(repo, "main^1", "feature")) == by_path(FEATURE)
     assert gu.diff_file_changes(repo, "feature", "feature") == []
     assert gu.diff_file_changes(repo, "feature", "main^1") == [FC("main_only.txt", "modified", 1, 0)]
@@ -157,7 +150,7 @@ def test_file_and_commit_changes(env, repo, runner_path):
     assert gu.commit_before(repo, "main", dt.datetime(2025, 12, 31)) is None
 
 
-def test_line_spans(env, repo, runner_path):
+def test_line_spans(git, repo, runner_path):
     assert gu.diff_line_spans(repo, "main^1", "feature", merge_base=True) == SPANS
     # Compared with main itself, main's own change shows as a removal on feature's side.
     assert gu.diff_line_spans(repo, "main^1", "feature", merge_base=False) == {**SPANS, "main_only.txt": [LS(1, 1, False)]}

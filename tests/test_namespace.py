@@ -23,35 +23,23 @@ METADATA = {"__name__", "__doc__", "__file__", "__package__", "__spec__", "__loa
 
 # (name, what it is): the imported object, a function's parameters and result as Python source, or None.
 TABLE = [
-    ("logging", logging),
-    ("re", re),
-    ("subprocess", subprocess),
-    ("Sequence", collections.abc.Sequence),
-    ("dataclass", dataclasses.dataclass),
-    ("datetime", datetime.datetime),
-    ("timedelta", datetime.timedelta),
-    ("Path", pathlib.Path),
-    ("Any", typing.Any),
-    ("get_subprocess_hidden_kwargs", process.get_subprocess_hidden_kwargs),
+    ("logging", logging), ("re", re), ("subprocess", subprocess), ("Sequence", collections.abc.Sequence),
+    ("dataclass", dataclasses.dataclass), ("datetime", datetime.datetime), ("timedelta", datetime.timedelta),
+    ("Path", pathlib.Path), ("Any", typing.Any), ("get_subprocess_hidden_kwargs", process.get_subprocess_hidden_kwargs),
     *[(name, None) for name in (
         "logger", "TIME_SPEC_FORMS", "_RELATIVE_SPEC", "_SPEC_UNITS", "_STATUS_BY_LETTER", "_TWO_PATH_LETTERS",
         "_COMMIT_START", "_PATCH_OPTIONS", "_HUNK_HEADER", "_C_ESCAPE", "_C_ESCAPES", "GitError", "FileChange",
         "CommitChanges", "LineSpan")],
-    ("find_git_root", "(start: Path | None = None) -> Path | None"),
-    ("find_repo_root", "() -> Path"),
+    ("find_git_root", "(start: Path | None = None) -> Path | None"), ("find_repo_root", "() -> Path"),
     ("resolve_display_branch", "(repo_root: Path) -> str | None"),
-    ("normalize_branch_name", "(name: str | None) -> str | None"),
-    ("parse_time_spec", "(since: str) -> datetime"),
-    ("sanitize_branch_name", "(branch: str) -> str"),
-    ("wiki_root", "(repo_root: Path) -> Path"),
+    ("normalize_branch_name", "(name: str | None) -> str | None"), ("parse_time_spec", "(since: str) -> datetime"),
+    ("sanitize_branch_name", "(branch: str) -> str"), ("wiki_root", "(repo_root: Path) -> Path"),
     ("wiki_directory", "(repo_root: Path, branch: str) -> Path"),
     ("run_git_command", "(repo_root: Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]"),
     ("get_head_commit", "(repo_root: Path, short: bool = True) -> str | None"),
-    ("get_default_branch", "(repo_root: Path) -> str"),
-    ("branch_exists", "(repo_root: Path, branch: str) -> bool"),
+    ("get_default_branch", "(repo_root: Path) -> str"), ("branch_exists", "(repo_root: Path, branch: str) -> bool"),
     ("get_authors_for_period", "(repo_root: Path, since: str = '30d') -> list[dict[str, Any]]"),
-    ("_MAX_PATHSPEC_CHARS", None),
-    ("resolve_commit", "(repo_root: Path, name: str) -> str | None"),
+    ("_MAX_PATHSPEC_CHARS", None), ("resolve_commit", "(repo_root: Path, name: str) -> str | None"),
     ("count_commits", "(repo_root: Path, base: str, head: str) -> int"),
     ("commit_before", "(repo_root: Path, ref: str, moment: datetime) -> str | None"),
     ("diff_file_changes", "(repo_root: Path, base: str, head: str) -> list[FileChange]"),
@@ -63,10 +51,8 @@ TABLE = [
     ("parse_commit_changes", "(output: str) -> list[CommitChanges]"),
     ("parse_line_spans", "(patch: str) -> dict[str, list[LineSpan]]"),
     ("_span", "(start: int, new_count: int, old_count: int) -> LineSpan"),
-    ("_file_changes", "(tokens: Sequence[str]) -> list[FileChange]"),
-    ("_line_count", "(field: str) -> int"),
-    ("_patch_path", "(text: str) -> str | None"),
-    ("_unquote", "(text: str) -> str"),
+    ("_file_changes", "(tokens: Sequence[str]) -> list[FileChange]"), ("_line_count", "(field: str) -> int"),
+    ("_patch_path", "(text: str) -> str | None"), ("_unquote", "(text: str) -> str"),
     ("_path_batches", "(paths: Sequence[str]) -> list[list[str]]"),
     ("_git_output", "(repo_root: Path, args: list[str]) -> str"),
 ]
@@ -215,8 +201,9 @@ def test_runner_uses_a_replaced_subprocess(gu, monkeypatch, tmp_path):
     class Result:
         stdout, stderr, returncode = "a\r\n", "", 0
 
-    monkeypatch.setattr(gu, "subprocess", types.SimpleNamespace(TimeoutExpired=subprocess.TimeoutExpired,
-                                                                run=lambda argv, **kw: seen.update(kw, argv=argv) or Result()))
+    fake = types.SimpleNamespace(TimeoutExpired=subprocess.TimeoutExpired,
+                                 run=lambda argv, **kw: seen.update(kw, argv=argv) or Result())
+    monkeypatch.setattr(gu, "subprocess", fake)
     assert gu.run_git_command(tmp_path, ["log"]) == ("a\r\n", "", 0)
     assert seen == {"argv": ["git", "log"], "cwd": str(tmp_path), "capture_output": True, "encoding": "utf-8",
                     "errors": "replace", "timeout": 30}

@@ -65,9 +65,7 @@ def test_feature_branch(git, feature):
         {"path": "new.txt", "status": "renamed", "additions": 0, "deletions": 0, "old_path": "old.txt", "spans": []},
     ]
     assert as_json(feature, "--base", "HEAD~1")["ahead"] == 1
-
-
-def test_human_output(feature):  # the same facts as the JSON, one file per line with its spans
+    # The human output: the same facts, one file per line with its spans.
     done = report(feature, "--since", "2024-01-02")
     assert done.returncode == 0 and done.stderr == ""
     assert "changed since leaving main: 4 files (1 added, 1 modified, 1 deleted, 1 renamed), +8 -3 lines" in done.stdout
