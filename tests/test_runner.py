@@ -125,12 +125,13 @@ def test_path_search_follows_os_environ(gu, runner_path, tmp_path, monkeypatch, 
     assert expected is None or ours[0] == expected
 
 
-@pytest.mark.parametrize("case", ["args a tuple", "null byte", "bytes and int", "cwd a file", "not executable"])
+@pytest.mark.parametrize("case", ["args a tuple", "null byte", "bytes and int", "too long", "cwd a file", "not executable"])
 def test_errors_are_the_interpreters_spawners(gu, runner_path, fake_git, tmp_path, monkeypatch, case):
     script = fake_git("exit 0")
     (tmp_path / "file").write_text("")
     cwd = tmp_path / "file" if case == "cwd a file" else tmp_path
-    args = {"args a tuple": ("a", "b"), "null byte": ["a\0b"], "bytes and int": [b"rev-parse", 3]}.get(case, ["x"])
+    args = {"args a tuple": ("a", "b"), "null byte": ["a\0b"], "bytes and int": [b"rev-parse", 3],
+            "too long": ["x" * 1000] * 3000}.get(case, ["x"])
     if case == "not executable":
         script.chmod(0o644)
         monkeypatch.setenv("PATH", str(script.parent))
@@ -138,6 +139,7 @@ def test_errors_are_the_interpreters_spawners(gu, runner_path, fake_git, tmp_pat
     ours = pytest.raises(Exception, run, gu, cwd, args).value
     assert (type(ours), str(ours), getattr(ours, "filename", None)) == (
         type(theirs), str(theirs), getattr(theirs, "filename", None))
+    assert children() == []
 
 
 def test_child_environment_matches_the_interpreters_spawner(gu, runner_path, fake_git, tmp_path):
