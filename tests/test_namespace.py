@@ -9,6 +9,7 @@ import inspect
 import logging
 import pathlib
 import pickle
+import pydoc
 import re
 import subprocess
 import sys
@@ -98,6 +99,8 @@ def test_function_interface(fresh, name, source):
     assert list(f.__annotations__.items()) == list(expected.__annotations__.items())  # X | None unions included
     assert not any(isinstance(a, str) for a in f.__annotations__.values())
     assert inspect.signature(f) == inspect.signature(expected)
+    help_page = "".join(pydoc.render_doc(f, renderer=pydoc.plaintext).split())  # 3.13 wraps long signatures
+    assert "".join(f"{name}{inspect.signature(expected)}".split()) in help_page
     assert isinstance(f.__doc__, str) and len(f.__doc__.strip()) > 40
     assert inspect.isroutine(f) and f.__globals__ is vars(gu)
 
