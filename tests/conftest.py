@@ -1,9 +1,9 @@
+import functools
 import os
-import stat
-import subprocess
 import textwrap
 from pathlib import Path
 
+import proof_support
 import pytest
 
 from morvane_tessary.utils import git_utils
@@ -24,34 +24,35 @@ def runner_path(request, monkeypatch):
 
 @pytest.fixture
 def git(monkeypatch, tmp_path):
-    """git(cwd, *args) -> stripped stdout, with a fixed identity and no user or system configuration;
-    git.init(name, branch) makes tmp_path/name; git.commit(repo, (name, email), day, {path: text or None})."""
+    """git(cwd, *args) -> stripped stdout, with a fixed identity and no user or system configuration (for the
+    module's own gits too); git.init(name, branch) makes tmp_path/name; git.commit(repo, (name, email), day,
+    {path: text or None}) commits on that day of January 2024."""
     monkeypatch.setenv("GIT_CONFIG_NOSYSTEM", "1")
     monkeypatch.setenv("HOME", str(tmp_path))
     monkeypatch.setenv("TZ", "UTC")
-    for who in ("AUTHOR", "COMMITTER"):
-        for key, value in {"NAME": "A", "EMAIL": "a@x", "DATE": "2024-01-02T03:04:05+00:00"}.items():
-            monkeypatch.setenv(f"GIT_{who}_{key}", value)
-
-    def run(cwd, *args, env=None):
-        return subprocess.run(["git", *args], cwd=cwd, check=True, capture_output=True, text=True, env=env).stdout.strip()
 
     def init(name, branch="main"):
         (tmp_path / name).mkdir()
-        run(tmp_path / name, "init", "-q", "-b", branch)
+        proof_support.git(tmp_path / name, "init", "-q", "-b", branch)
         return tmp_path / name
 
     def commit(repo, who, day, files):
         for path, text in files.items():
             (repo / path).unlink() if text is None else (repo / path).write_text(text)
-        date = f"2024-01-{day:02d}T12:00:00+00:00"
-        env = {**os.environ, **{f"GIT_{role}_{key}": value for role in ("AUTHOR", "COMMITTER")
-                                for key, value in (("NAME", who[0]), ("EMAIL", who[1]), ("DATE", date))}}
-        run(repo, "add", "-A", env=env)
-        run(repo, "commit", "-qm", f"day {day}", env=env)
+        proof_support.git(repo, "add", "-A")
+        proof_support.git(repo, "commit", "-qm", f"day {day}", date=f"2024-01-{day:02d}T12:00:00+00:00", who=who)
 
+    run = functools.partial(proof_support.git)
     run.init, run.commit = init, commit
     return run
+
+
+@pytest.fixture
+def quiet_stdin():  # shortlog reads a standard input that is no terminal
+    saved, null = os.dup(0), os.open(os.devnull, os.O_RDONLY)
+    os.dup2(null, 0), os.close(null)
+    yield
+    os.dup2(saved, 0), os.close(saved)
 
 
 @pytest.fixture
@@ -85,7 +86,7 @@ def fake_git(tmp_path, monkeypatch):
     def install(script: str) -> Path:
         path = bindir / "git"
         path.write_text("#!/bin/sh\n" + textwrap.dedent(script))
-        path.chmod(path.stat().st_mode | stat.S_IXUSR | stat.S_IXGRP | stat.S_IXOTH)
+        path.chmod(0o755)
         monkeypatch.setenv("PATH", f"{bindir}{os.pathsep}{os.environ.get('PATH', '')}")
         return path
 

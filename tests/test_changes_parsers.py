@@ -33,31 +33,23 @@ LOG_RECORDS = [CC(1700000300, (FC("a.txt", "modified", 1, 1),)), CC(1700000200, 
 H = ":1 2 a b "  # a raw head without its status
 
 
+# Ordinary streams come from the models at the end; these rows are what git never prints.
 @pytest.mark.parametrize(
     "output, expected",
     [
         (z(*DIFF_TOKENS), DIFF_RECORDS),
-        ("", []),
-        (z("3\t1\ta", "-\t-\tb", ""), []),
-        (z(H + "M", "a"), [FC("a", "modified", 0, 0)]),
-        (z(H + "R100", "o", "n", "4\t5\t", "o", "n"), [FC("n", "renamed", 4, 5, old_path="o")]),
-        (z(H + "C075", "o", "c", H + "T", "t", H + "U", "u", H + "X", "x", H, "e", ":M", "m"),
-         [FC("c", "copied", 0, 0, old_path="o"), FC("t", "modified", 0, 0), FC("u", "modified", 0, 0),
-          FC("x", "modified", 0, 0), FC("e", "modified", 0, 0), FC("m", "modified", 0, 0)]),
+        (z(H + "X", "x", H, "e", ":M", "m"), [FC(p, "modified", 0, 0) for p in "xem"]),
         (z(H + "M", "a", H + "A"), [FC("a", "modified", 0, 0)]),  # head without its path
         (z(H + "A", "a", H + "R100", "only-old"), [FC("a", "added", 0, 0)]),
         (z(H + "A", "", "x", H + "D", "d"), [FC("d", "deleted", 0, 0)]),  # an empty path records nothing
-        (z("\n\n" + H + "A", "a", "\n2\t3\ta"), [FC("a", "added", 2, 3)]),
         (z(" " + H + "A", "a"), []),  # only line feeds are removed before the test
-        (z(H + "M", "a\tb\tc", "1\t2\ta\tb\tc"), [FC("a\tb\tc", "modified", 1, 2)]),
         # Path tokens are taken as they stand: never stripped, never read as records.
         (z(H + "A", "\n:x", H + "A", "3\t4\tq", "5\t6\t\n:x", "9\t9\t3\t4\tq"),
          [FC("\n:x", "added", 5, 6), FC("3\t4\tq", "added", 9, 9)]),
         # Ties: first place, last status; last counts; counts without a raw record dropped.
         (z(H + "A", "p", H + "M", "q", H + "R1", "o", "p", "1\t1\tp", "2\t2\tp", "7\t7\tnone"),
          [FC("p", "renamed", 2, 2, old_path="o"), FC("q", "modified", 0, 0)]),
-        (z(H + "M", "é ü/\"q\"", "12345678901234567890123\t-\té ü/\"q\""),
-         [FC("é ü/\"q\"", "modified", 12345678901234567890123, 0)]),
+        (z(H + "M", "é", "12345678901234567890123\t-\té"), [FC("é", "modified", 12345678901234567890123, 0)]),
     ],
 )
 def test_parse_file_changes(output, expected):
@@ -76,27 +68,23 @@ def test_line_count(field, expected):
     "output, expected",
     [
         (LOG, LOG_RECORDS),
-        ("", []),
         (z("x", H + "A", "a", "\x1e5"), [CC(5, ())]),  # tokens before the first header are ignored
         (z("\n\n\x1e 42 \n", H + "A", "a"), [CC(42, (FC("a", "added", 0, 0),))]),
-        (z("\x1e1", "\x1e2", ""), [CC(1, ()), CC(2, ())]),
         # A header is a header even where a path was due, and body tokens keep their line feeds.
         (z("\x1e1", H + "A", "\x1e2", H + "A", "\nx"), [CC(1, ()), CC(2, (FC("\nx", "added", 0, 0),))]),
         # The interpreter's int(): signs, underscores, other digits, Unicode blanks, huge values.
         (z("\x1e-3", "\x1e+4", "\x1e1_000", "\x1e\u0664\u0662", "\x1e\x1e7\u2003", "\x1e99999999999999999999"),
          [CC(-3, ()), CC(4, ()), CC(1000, ()), CC(42, ()), CC(7, ()), CC(99999999999999999999, ())]),
+        *[(log, ValueError(f"invalid literal for int() with base 10: {t!r}"))  # a header time that is no number
+          for log, t in [("\x1e", ""), (z("\x1e1", "", "\x1eabc", "x"), "abc"), ("\x1e1 2", "1 2")]],
     ],
 )
 def test_parse_commit_changes(output, expected):
-    result = gu.parse_commit_changes(output)
-    assert result == expected and all(type(c.files) is tuple for c in result)
-
-
-@pytest.mark.parametrize("output, text", [("\x1e", ""), (z("\x1e1", "", "\x1eabc", "x"), "abc"), ("\x1e1 2", "1 2")])
-def test_header_time_that_is_no_number(output, text):
-    with pytest.raises(ValueError) as info:
-        gu.parse_commit_changes(output)
-    assert str(info.value) == f"invalid literal for int() with base 10: {text!r}"
+    if isinstance(expected, ValueError):
+        assert str(pytest.raises(ValueError, gu.parse_commit_changes, output).value) == str(expected)
+    else:
+        result = gu.parse_commit_changes(output)
+        assert result == expected and all(type(c.files) is tuple for c in result)
 
 
 # ---- patches ----------------------------------------------------------------
@@ -109,25 +97,12 @@ def patch(name, *lines):
 @pytest.mark.parametrize(
     "text, expected",
     [
-        ("", {}),
-        ("diff --git a b\n--- a\n+++ b\n", {}),
-        (patch("f", "@@ -5 +5 @@", "-a", "+b"), {"f": [LS(5, 5, False)]}),
-        (patch("f", "@@ -0,0 +1,3 @@ heading", "+a", "+b", "+c"), {"f": [LS(1, 3, True)]}),
-        (patch("f", "@@ -10,0 +11,2 @@", "+a", "+b", "@@ -10,2 +10,3 @@ def f():", "-a", "-b", "+c", "+d", "+e",
-               "@@ -10,2 +9,0 @@", "-a", "-b", "@@ -1,2 +0,0 @@", "-a", "-b"),
-         {"f": [LS(11, 12, True), LS(10, 12, False), LS(9, 9, False), LS(1, 1, False)]}),
-        (patch("/dev/null", "@@ -1,2 +0,0 @@", "-x", "-y"), {}),
         # Header-like lines inside a hunk are its lines; the counters run even for /dev/null.
         (patch("f", "@@ -0,0 +1,2 @@", "+++ b", "+x") + patch("g", "@@ -1 +1,2 @@", "@@ -7 +7 @@", "-x", "+y", "+z"),
          {"f": [LS(1, 2, True)], "g": [LS(1, 2, False)]}),
         (patch("/dev/null", "@@ -1,2 +0,0 @@", "+++ evil", "@@ -1 +1 @@", "-x", "-y", "@@ -3 +3 @@"), {}),
-        (patch("f", "@@ -1 +1,2 @@", "-a", "\\ No newline at end of file", "+b", "+++ evil", "@@ -9 +9 @@", "-c",
-               "+d", "\\ No newline at end of file"), {"f": [LS(1, 2, False), LS(9, 9, False)]}),
         (patch("f", "@@ -1 +1 @@", "+a", "+b", "-c", "@@ -4 +6 @@", " ctx", "+x"),
          {"f": [LS(1, 1, False), LS(6, 6, False)]}),
-        # No hunk: the path of the previous file stays, but nothing is recorded.
-        (patch("f", "@@ -2 +2 @@", "-a", "+b") + "diff --git x x\nBinary files x and x differ\n"
-         "diff --git o n\nsimilarity index 100%\nrename from o\nrename to n\n", {"f": [LS(2, 2, False)]}),
         # Lines are cut at line feeds only.
         ("+++ f\r\n@@ -1 +1 @@\r\n-a\r\n+b\r\n", {"f\r": [LS(1, 1, False)]}),
         ("+++ f\n @@ -1 +1 @@\n@@ -1 +1@@\n@@ -x +1 @@\n@@ -1,2 +3, @@\n+++f\n", {}),
@@ -148,22 +123,19 @@ def test_parse_line_spans(text, expected):
 @pytest.mark.parametrize(
     "name, expected",
     [
-        ("dir/my file.txt\t", "dir/my file.txt"), ("a\t\t", "a\t"), ("/dev/null", None), ("/dev/null\t", None),
-        ('"/dev/null"', "/dev/null"), ('"tab\\there.txt"', "tab\there.txt"), ('"a\\"b"\t', 'a"b'), ('"', '"'),
-        ('""', ""), ('"\\303\\251t\\303\\251.txt"', "été.txt"), ('x"', 'x"'), ('"x', '"x'), ("été", "été"),
+        # Names the patch model quotes come from there; these are the ones git never writes.
+        ("a\t\t", "a\t"), ('"/dev/null"', "/dev/null"), ('"', '"'), ('""', ""), ('x"', 'x"'), ('"x', '"x'),
     ],
 )
 def test_patch_path(name, expected):
     assert gu._patch_path(name) == expected
-    assert gu.parse_line_spans(patch(name, "@@ -1 +1 @@", "-a", "+b")) == ({} if expected is None else
-                                                                           {expected: [LS(1, 1, False)]})
+    assert gu.parse_line_spans(patch(name, "@@ -1 +1 @@", "-a", "+b")) == {expected: [LS(1, 1, False)]}
 
 
 @pytest.mark.parametrize(
     "text, expected",
     [
-        ("plain", "plain"), ("\\303\\251t\\303\\251.txt", "été.txt"), ("tab\\there", "tab\there"),
-        ("\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v"), ('\\"q\\\\', '"q\\'), ("\\12x", "12x"), ("end\\", "end\\"),
+        ("\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v"), ("\\12x", "12x"), ("end\\", "end\\"),
         ("\\\n", "\n"), ("\\z\\é", "zé"), ("\\303", "\ufffd"), ("\\377\\000", "\ufffd\x00"), ("é\\303\\251", "éé"),
         ("\\\\303", "\\303"), ("\\3031", "\ufffd1"), ("\\360\\237\\230\\200!", "\U0001f600!"),
         ("\\400", ValueError), ("ok\\777", ValueError), ("\\303\\251\\401", ValueError),  # above a byte
@@ -202,11 +174,17 @@ def test_span(start, new_count, old_count, expected):
     ],
 )
 def test_native_records_equal_called_ones(build, called):
+    try:  # the collector, paused while records are filled, is as the host left it afterwards
+        gc.disable()
+        build()
+        assert not gc.isenabled()
+    finally:
+        gc.enable()
     native = build()
+    assert gc.isenabled()
     for a, b in zip(native, called, strict=True):
         assert type(a) is type(b) and a == b and hash(a) == hash(b) and repr(a) == repr(b)
-        assert list(vars(a).items()) == list(vars(b).items())
-        assert [type(v) for v in vars(a).values()] == [type(v) for v in vars(b).values()]
+        assert [(k, v, type(v)) for k, v in vars(a).items()] == [(k, v, type(v)) for k, v in vars(b).items()]
         assert dataclasses.asdict(a) == dataclasses.asdict(b) and dataclasses.fields(a) == dataclasses.fields(b)
         for clone in (pickle.loads(pickle.dumps(a)), copy.deepcopy(a), dataclasses.replace(a)):
             assert type(clone) is type(b) and clone == b and list(vars(clone)) == list(vars(b))

@@ -1,8 +1,7 @@
 import datetime as dt
-import os
-import subprocess
 
 import pytest
+from proof_support import ODD, QUOTED, make_repo
 
 from morvane_tessary.utils import git_utils as gu
 
@@ -36,6 +35,9 @@ ONE_FILE = "\0".join([":1 2 a b A", "f", "1\t0\tf", ""])
         (lambda r: gu.diff_line_spans(r, 1, 2, merge_base=True, diff_filter=3), "", {},
          [*PATCH, "--diff-filter=3", "1...2"]),
         (lambda r: gu.diff_line_spans(r, 1, 2, merge_base=False), "", {}, [*PATCH, "--diff-filter=MR", 1, 2]),
+        # Keywords made at run time are equal to the parameter names, not the same objects.
+        (lambda r: gu.diff_line_spans(**{"".join(["repo_", "root"]): r, "".join(["merge_", "base"]): 0}, base="a",
+                                      head="b"), "", {}, [*PATCH, "--diff-filter=MR", "a", "b"]),
     ],
 )
 def test_git_arguments(stand_in, tmp_path, run, reply, expected, args):
@@ -105,62 +107,12 @@ def test_collaborators_are_looked_up_at_each_call(monkeypatch, stand_in, tmp_pat
 
 # ---- real repositories ----------------------------------------------------------
 
-QUOTED = ["été.txt", "tab\there.txt", 'quo"te.txt', "back\\slash.txt", "new\nline.txt", "sp ace.txt"]
-# Names as on disk, then as the -z records and the patch give them back: the runner decodes git's output
-# with invalid bytes replaced and every CR turned into LF; the patch quotes a CR as \r.
-ODD = {os.fsdecode(b"bad\xff.txt"): ("bad\ufffd.txt", "bad\ufffd.txt"), "cr\rname.txt": ("cr\nname.txt", "cr\rname.txt")}
-# Two names that differ only in bytes that are not UTF-8 decode alike: one file, as parsing the decoded output gives.
-ALIKE = [os.fsdecode(b"a\xe9.txt"), os.fsdecode(b"a\xe8.txt")]
 TIMES = [int(dt.datetime(2026, 1, day, 10, tzinfo=dt.timezone.utc).timestamp()) for day in (1, 2, 3, 4)]
 
 
 @pytest.fixture(scope="module")
 def repo(tmp_path_factory):
-    """main: C1 (everything added), C3 (main_only.txt), C4 merging feature; feature: C2 off C1 with
-    modifications, a rename, a deletion, an addition, binary, CR LF, no final newline and quoted names."""
-    root = tmp_path_factory.mktemp("repo")
-
-    def git(*args, day=1):
-        date = f"2026-01-0{day}T10:00:00+00:00"
-        env = {"PATH": os.environ["PATH"], "HOME": str(root), "GIT_CONFIG_NOSYSTEM": "1", "GIT_AUTHOR_NAME": "A",
-               "GIT_AUTHOR_EMAIL": "a@x", "GIT_COMMITTER_NAME": "A", "GIT_COMMITTER_EMAIL": "a@x",
-               "GIT_AUTHOR_DATE": date, "GIT_COMMITTER_DATE": date}
-        subprocess.run(["git", *args], cwd=root, env=env, check=True, capture_output=True)
-
-    def write(name, data):
-        (root / name).write_bytes(data.encode() if isinstance(data, str) else data)
-
-    git("init", "-q", "-b", "main")
-    files = {"keep.txt": "".join(f"k{i}\n" for i in range(1, 11)), "move_me.py": "".join(f"l{i}\n" for i in range(1, 21)),
-             "bin.dat": bytes(range(256)), "crlf.txt": "a\r\nb\r\nc\r\n", "nonl.txt": "x\ny", "gone.txt": "g1\ng2\n",
-             "main_only.txt": "m\n", **dict.fromkeys([*QUOTED, *ODD, *ALIKE], "one\ntwo\n")}
-    for name, data in files.items():
-        write(name, data)
-    git("add", "-A")
-    git("commit", "-qm", "C1")
-    git("checkout", "-qb", "feature")
-    (root / "moved").mkdir()
-    git("mv", "move_me.py", "moved/me.py")
-    for name, data in {"keep.txt": "k1\nk2\nK3\nk4\nk5\nn1\nn2\nk6\nk7\nk10\n", "bin.dat": bytes(range(255, -1, -1)),
-                       "moved/me.py": files["move_me.py"].replace("l20", "L20"), "crlf.txt": "a\r\nB\r\nc\r\n",
-                       "nonl.txt": "x\nz", "added.txt": "n1\nn2\n",
-                       **dict.fromkeys([*QUOTED, *ODD, *ALIKE], "one\nTWO\n")}.items():
-        write(name, data)
-    git("rm", "-q", "gone.txt")
-    git("add", "-A")
-    git("commit", "-qm", "C2", day=2)
-    git("checkout", "-q", "main")
-    write("main_only.txt", "m\nM\n")
-    git("commit", "-qam", "C3", day=3)
-    git("merge", "-q", "--no-ff", "-m", "C4", "feature", day=4)
-    return root
-
-
-@pytest.fixture
-def env(monkeypatch, repo):
-    monkeypatch.setenv("TZ", "UTC")
-    monkeypatch.setenv("GIT_CONFIG_GLOBAL", "/dev/null")
-    monkeypatch.setenv("GIT_CONFIG_NOSYSTEM", "1")
+    return make_repo(tmp_path_factory.mktemp("changes"))
 
 
 FEATURE = [FC("added.txt", "added", 2, 0), FC("bin.dat", "modified", 0, 0), FC("crlf.txt", "modified", 1, 1),
@@ -177,7 +129,7 @@ def by_path(changes):
     return sorted(changes, key=lambda c: c.path)
 
 
-def test_file_and_commit_changes(env, repo, runner_path):
+def test_file_and_commit_changes(git, repo, runner_path):  # git: UTC, no configuration
     assert by_path(gu.diff_file_changes(repo, "main^1", "feature")) == by_path(FEATURE)
     assert gu.diff_file_changes(repo, "feature", "feature") == []
     assert gu.diff_file_changes(repo, "feature", "main^1") == [FC("main_only.txt", "modified", 1, 0)]
@@ -193,9 +145,12 @@ def test_file_and_commit_changes(env, repo, runner_path):
     assert gu.log_commit_changes(repo, since=dt.datetime(2025, 1, 1), ref=None, max_commits=0) == []
     with pytest.raises(gu.GitError, match="unknown revision"):
         gu.log_commit_changes(repo, since=SINCE, ref="nope", max_commits=1)
+    assert [gu.count_commits(repo, "main^1", "feature"), gu.count_commits(repo, "main", "main")] == [1, 0]
+    assert gu.commit_before(repo, "main", dt.datetime(2026, 1, 3, 12)) == gu.resolve_commit(repo, "main~1")
+    assert gu.commit_before(repo, "main", dt.datetime(2025, 12, 31)) is None
 
 
-def test_line_spans(env, repo, runner_path):
+def test_line_spans(git, repo, runner_path):
     assert gu.diff_line_spans(repo, "main^1", "feature", merge_base=True) == SPANS
     # Compared with main itself, main's own change shows as a removal on feature's side.
     assert gu.diff_line_spans(repo, "main^1", "feature", merge_base=False) == {**SPANS, "main_only.txt": [LS(1, 1, False)]}

@@ -4,7 +4,6 @@ import textwrap
 
 import pytest
 from proof_support import make_repo, query_table
-from test_proof_load import quiet_stdin  # noqa: F401  (a fixture)
 
 pytestmark = pytest.mark.skipif(sys.version_info < (3, 13), reason="_interpreters arrives with 3.13")
 

@@ -1,7 +1,7 @@
-"""Soak and thread tests: no growth of memory, descriptors or children; threads get single-threaded answers."""
+"""Soak and thread tests: no growth of memory, descriptors or children; threads get single-threaded answers.
+(That the interpreter's lock is free while git runs shows in test_proof_faults: eight time-outs at once.)"""
 import gc
 import itertools
-import os
 import sys
 import threading
 import time
@@ -20,17 +20,6 @@ PATCH = ["-c", "core.quotepath=off", "diff", "--no-color", "--no-ext-diff", "--n
 @pytest.fixture(scope="module")
 def repo(tmp_path_factory):
     return make_repo(tmp_path_factory.mktemp("proof"))
-
-
-@pytest.fixture
-def quiet_stdin():  # shortlog reads a standard input that is no terminal
-    saved = os.dup(0)
-    null = os.open(os.devnull, os.O_RDONLY)
-    os.dup2(null, 0)
-    os.close(null)
-    yield
-    os.dup2(saved, 0)
-    os.close(saved)
 
 
 def soak_calls(repo):
@@ -65,60 +54,27 @@ def test_soak_leaves_memory_descriptors_and_children_unchanged(repo, quiet_stdin
     assert_nothing_left(before, rss_slack=2 * MB)
 
 
-def run_threads(count, seconds, work):
-    errors = []
-
-    def guarded(i):
-        try:
-            work(i, time.monotonic() + seconds)
-        except BaseException as e:  # reported below, in the test's thread
-            errors.append(e)
-
-    threads = [threading.Thread(target=guarded, args=(i,), daemon=True) for i in range(count)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join(timeout=seconds + 30)
-    assert not any(t.is_alive() for t in threads), "deadlock: threads still running"
-    assert errors == []
-
-
 def test_threads_get_the_single_threaded_answers(repo, runner_path, quiet_stdin):
     table = query_table(repo)
     expected = {name: call() for name, call in table}
     before = snapshot()
-    done = []
+    done, errors, stop_at = [], [], time.monotonic() + 2
 
-    def work(i, stop_at):
-        for name, call in itertools.islice(itertools.cycle(table), i, None):
-            assert call() == expected[name], name
-            done.append(name)
-            if time.monotonic() > stop_at:
-                return
+    def work(i):
+        try:
+            for name, call in itertools.islice(itertools.cycle(table), i, None):
+                assert call() == expected[name], name
+                done.append(name)
+                if time.monotonic() > stop_at:
+                    return
+        except BaseException as e:  # reported below, in the test's thread
+            errors.append(e)
 
-    run_threads(8, 2.0, work)
-    assert set(done) == set(expected) and len(done) > 8 * len(table) and gc.isenabled()
+    threads = [threading.Thread(target=work, args=(i,), daemon=True) for i in range(8)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join(timeout=32)
+    assert not any(t.is_alive() for t in threads), "deadlock: threads still running"
+    assert errors == [] and set(done) == set(expected) and len(done) > 8 * len(table) and gc.isenabled()
     assert_nothing_left(before)
-
-
-def test_interpreter_lock_is_free_while_git_runs(runner_path, fake_git, tmp_path):  # 8 gits side by side
-    fake_git("exec sleep 0.5")
-    stop, longest_gap = threading.Event(), 0.0
-
-    def spin():
-        nonlocal longest_gap
-        last = time.monotonic()
-        while not stop.is_set():
-            now = time.monotonic()
-            longest_gap, last = max(longest_gap, now - last), now
-
-    spinner = threading.Thread(target=spin)
-    spinner.start()
-    started = time.monotonic()
-    try:
-        run_threads(8, 0, lambda i, _: gu._git_output(tmp_path, ["x"]))
-    finally:
-        stop.set()
-        spinner.join()
-    assert time.monotonic() - started < 2.0
-    assert longest_gap < 0.2

@@ -1,5 +1,4 @@
 import collections
-import errno
 import os
 import sys
 from pathlib import Path, PurePosixPath
@@ -15,14 +14,12 @@ from morvane_tessary.utils import git_utils
 def normalize_reference(name):
     if not name:
         return None
-    name = name.strip()
-    changed = True
+    name, changed = name.strip(), True
     while changed:
         changed = False
         for prefix in ("refs/heads/", "refs/remotes/", "remotes/", "origin/"):
             if name.startswith(prefix):
-                name = name[len(prefix):]
-                changed = True
+                name, changed = name[len(prefix):], True
     return name or None
 
 
@@ -40,12 +37,10 @@ def outcome(f, *args):
     return type(result), result
 
 
-class SubPath(type(Path())):  # a host's own path class: reached through its methods, not native shortcuts
-    pass
+SubPath = type("SubPath", (type(Path()),), {})  # a host's own path class: reached through its methods, not shortcuts
 
 
-# ---------------------------------------------------------------------------
-# Branch names
+# ---- Branch names ----
 
 FRAGMENTS = ["refs/", "heads/", "remotes/", "origin/", "/", "\\", "-", "_", ".", " ", "\t", "\n", "\x1c", "\x85",
              "\xa0", "\u2028", "\u3000", "\u200b", "\ufeff", "e\u0301", "\xb2", "\xbd", "\u0660", "größe", "ブランチ",
@@ -70,23 +65,15 @@ class Shouting(str):
         return list(str.replace(self, old, new)) + [7]
 
 
-@pytest.mark.parametrize("value", [
-    None, "", " \t\u3000\n", "origin/", "refs/heads/", "refs/remotes/origin/", "main", "origin/main", "refs/heads/main",
-    "remotes/origin/main", "refs/remotes/origin/main", "  main\n", "origin/origin/x", "refs/heads/refs/heads/x",
-    "origin/refs/heads/x", "refs/heads/origin/foo", "Origin/main", "upstream/main", "origin/ main", "origin/HEAD",
-    "refs/tags/v1", "feature/login", "a\\b", "hot fix#12", "release-1.2_rc", "x" * 150, "y" * 99 + "/", "a:b", "größe",
-    "ブランチ", "e\u0301", "\U0001f468\u200d\U0001f469", "x\xb2\xbd", "..",
-    # Other arguments behave as they would in Python code.
-    0, 5, b"", b"refs/heads/x", b"a/b", ["origin/x"], Shouting(" origin/x "), Shouting("a/b"),
-    type("S", (str,), {})(" origin/a/b "),
-])
+# Strings come from the property above; these are the rows it can't make: other types, str subclasses.
+@pytest.mark.parametrize("value", [None, "origin/origin/x", "x" * 150, 0, 5, b"", b"refs/heads/x", ["origin/x"],
+                                   Shouting(" origin/x "), Shouting("a/b"), type("S", (str,), {})(" origin/a/b ")])
 def test_branch_name_cases(gu, value):
     assert outcome(gu.normalize_branch_name, value) == outcome(normalize_reference, value)
     assert outcome(gu.sanitize_branch_name, value) == outcome(sanitize_reference, value)
 
 
-# ---------------------------------------------------------------------------
-# Wiki paths
+# ---- Wiki paths ----
 
 @pytest.mark.parametrize("root", [Path("/r/x"), Path("rel"), Path("/"), PurePosixPath("/r"), SubPath("/s"), "str-root"])
 @pytest.mark.parametrize("branch", ["feature/x", "", ".", "..", "a\\b", "x" * 120, None])
@@ -108,8 +95,7 @@ def test_wiki_directory_calls_the_namespace(gu, monkeypatch):
         gu.wiki_directory(Path("/r"), "a")
 
 
-# ---------------------------------------------------------------------------
-# Discovery
+# ---- Discovery ----
 
 @pytest.fixture
 def tree(tmp_path):
@@ -157,22 +143,19 @@ def test_relative_start_and_working_directory(gu, tree, monkeypatch):
             f()
 
 
-def test_errors_other_than_a_missing_entry_propagate(gu, tree):
-    start = tree / ("n" * 300) / "x"
-    theirs = pytest.raises(OSError, (start / ".git").exists).value
-    ours = pytest.raises(OSError, gu.find_git_root, start).value
-    assert (type(ours), ours.errno, ours.filename, str(ours)) == (type(theirs), errno.ENAMETOOLONG, theirs.filename,
-                                                                  str(theirs))
-
-
-@pytest.mark.skipif(os.geteuid() == 0, reason="permission bits do not stop root")
-def test_permission_denied_stops_the_search(gu, tree):
+@pytest.mark.parametrize("case", ["name too long", "permission denied"])
+def test_errors_other_than_a_missing_entry_propagate(gu, tree, case):
+    if case == "permission denied" and os.geteuid() == 0:
+        pytest.skip("permission bits do not stop root")
+    start = tree / ("n" * 300) / "x" if case == "name too long" else tree / "repo" / "a" / "b"
     (tree / "repo" / "a").chmod(0)
     try:
-        with pytest.raises(PermissionError):
-            gu.find_git_root(tree / "repo" / "a" / "b")
+        theirs = pytest.raises(OSError, (start / ".git").exists).value
+        ours = pytest.raises(OSError, gu.find_git_root, start).value
     finally:
         (tree / "repo" / "a").chmod(0o755)
+    assert (type(ours), ours.errno, ours.filename, str(ours)) == (type(theirs), theirs.errno, theirs.filename,
+                                                                  str(theirs))
 
 
 def test_discovery_reaches_path_through_the_namespace(gu, tree, monkeypatch):
@@ -187,8 +170,7 @@ def test_discovery_reaches_path_through_the_namespace(gu, tree, monkeypatch):
     assert gu.find_repo_root() == tree / "repo" / "a"
 
 
-# ---------------------------------------------------------------------------
-# Queries against a recording stand-in for run_git_command
+# ---- Queries against a recording stand-in for run_git_command ----
 
 OK, FAIL = 0, 128
 HEAD_SHORT, HEAD_FULL = ["rev-parse", "--short", "HEAD"], ["rev-parse", "HEAD"]
@@ -200,7 +182,6 @@ SYMREF, MAIN, MASTER = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse
     "name, args, replies, expected, runs",
     [
         ("resolve_display_branch", (), [(" feature/x\n", "", OK)], "feature/x", [["branch", "--show-current"]]),
-        ("resolve_display_branch", (), [("\n", "", OK)], None, [["branch", "--show-current"]]),
         ("resolve_display_branch", (), [("x\n", "fatal", FAIL)], None, [["branch", "--show-current"]]),
         ("get_head_commit", (), [("abc1234\n", "", OK)], "abc1234", [HEAD_SHORT]),
         ("get_head_commit", (0,), [["abc\n", "", OK]], "abc", [HEAD_FULL]),
@@ -210,18 +191,13 @@ SYMREF, MAIN, MASTER = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse
         ("get_default_branch", (), [(" \n", "", OK), ("", "", OK)], "main", [SYMREF, MAIN]),
         ("get_default_branch", (), [("x", "", 1), ("", "", 1), ("y", "", OK)], "master", [SYMREF, MAIN, MASTER]),
         ("get_default_branch", (), [("", "", FAIL)] * 3, "main", [SYMREF, MAIN, MASTER]),
-        ("branch_exists", ("feature",), [("", "", OK)], True, [["rev-parse", "--verify", "feature"]]),
-        ("branch_exists", ("feature",), [("", "", FAIL), ("", "", OK)], True,
-         [["rev-parse", "--verify", "feature"], ["rev-parse", "--verify", "origin/feature"]]),
+        ("branch_exists", ("f",), [("", "", FAIL), ("", "", OK)], True,
+         [["rev-parse", "--verify", "f"], ["rev-parse", "--verify", "origin/f"]]),
         ("branch_exists", ("origin/f",), [("", "", FAIL)], False, [["rev-parse", "--verify", "origin/f"]]),
-        ("branch_exists", ("-x",), [("", "", FAIL)] * 2, False,
-         [["rev-parse", "--verify", "-x"], ["rev-parse", "--verify", "origin/-x"]]),
         ("resolve_commit", ("",), [], None, []),
         ("resolve_commit", ("-x",), [], None, []),
-        ("resolve_commit", ("--all",), [], None, []),
-        ("resolve_commit", ("stable",), [(" abc\n", "", OK)], "abc",
-         [["rev-parse", "--verify", "--quiet", "stable^{commit}"]]),
-        ("resolve_commit", ("stable ",), [("", "", 1)], None, [["rev-parse", "--verify", "--quiet", "stable ^{commit}"]]),
+        ("resolve_commit", ("s ",), [(" abc\n", "", OK)], "abc", [["rev-parse", "--verify", "--quiet", "s ^{commit}"]]),
+        ("resolve_commit", ("s",), [("abc\n", "", 1)], None, [["rev-parse", "--verify", "--quiet", "s^{commit}"]]),
     ],
 )
 def test_queries_run_and_read(gu, stand_in, tmp_path, name, args, replies, expected, runs):
@@ -231,20 +207,15 @@ def test_queries_run_and_read(gu, stand_in, tmp_path, name, args, replies, expec
     assert calls == runs and len(runs) == len(replies)
 
 
-class Quad(tuple):
-    pass
-
-
-# A reply of the wrong shape, and what unpacking it says up to 3.13 and from 3.14 (Doc/whatsnew/3.14.rst, gh-122239;
-# Python/ceval.c: the count is given for an exact list, tuple or dict only). Each row is also checked against the
-# running interpreter's own unpacking.
+# A reply of the wrong shape, and what unpacking it says up to 3.13 and from 3.14 (which counts the values of an
+# exact list, tuple or dict). Each row is also checked against the running interpreter's own unpacking.
 TOO_MANY = "too many values to unpack (expected 3)"
 UNPACK_ERRORS = [
     (("a", "b"), "not enough values to unpack (expected 3, got 2)", "not enough values to unpack (expected 3, got 2)"),
     (("a", "b", 0, 1), TOO_MANY, "too many values to unpack (expected 3, got 4)"),
     (["a", "b", 0, 1, 2], TOO_MANY, "too many values to unpack (expected 3, got 5)"),
     (dict.fromkeys("abcd"), TOO_MANY, "too many values to unpack (expected 3, got 4)"),
-    (Quad(("a", "b", 0, 1)), TOO_MANY, TOO_MANY),
+    (type("Quad", (tuple,), {})(("a", "b", 0, 1)), TOO_MANY, TOO_MANY),  # no exact tuple: no count
     (collections.deque(("a", "b", 0, 1)), TOO_MANY, TOO_MANY),
     (None, "cannot unpack non-iterable NoneType object", "cannot unpack non-iterable NoneType object"),
     (7, "cannot unpack non-iterable int object", "cannot unpack non-iterable int object"),
@@ -264,8 +235,7 @@ def test_unpacking_errors_are_pythons(gu, stand_in, tmp_path, reply, before_314,
         assert str(pytest.raises(type(theirs), query, tmp_path).value) == expected
 
 
-# ---------------------------------------------------------------------------
-# Queries against real repositories
+# ---- Queries against real repositories ----
 
 def test_repository_with_branches_tags_and_remote(gu, git, tmp_path):
     repo = git.init("repo")
@@ -294,21 +264,3 @@ def test_repository_with_branches_tags_and_remote(gu, git, tmp_path):
     (worktree / "sub").mkdir()
     assert (worktree / ".git").is_file() and gu.find_git_root(worktree / "sub") == worktree
     assert gu.resolve_display_branch(worktree) == "wt" and gu.get_head_commit(worktree, False) == head
-
-
-@pytest.mark.parametrize("branch, commit, expected", [("master", True, "master"), ("trunk", True, "main"),
-                                                      ("master", False, "main")])
-def test_default_branch_fallbacks(gu, git, tmp_path, branch, commit, expected):
-    repo = git.init("r", branch)
-    if commit:
-        git(repo, "commit", "-q", "--allow-empty", "-m", "one")
-    assert gu.get_default_branch(repo) == expected
-    assert [gu.get_head_commit(repo) is None, gu.get_head_commit(repo, False) is None] == [not commit] * 2
-
-
-def test_outside_every_repository(gu, git, tmp_path):
-    nowhere = tmp_path / "nowhere"
-    nowhere.mkdir()
-    assert [gu.resolve_display_branch(nowhere), gu.get_head_commit(nowhere), gu.resolve_commit(nowhere, "HEAD"),
-            gu.get_default_branch(nowhere), gu.branch_exists(nowhere, "main")] == [None, None, None, "main", False]
-

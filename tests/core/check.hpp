@@ -1,48 +1,18 @@
-// A minimal test harness for the byte-level core: TEST_CASE registers a
-// function, CHECK records a failure and goes on, main() runs them all.
+// The core's unit tests: CHECK reports a condition that does not hold and
+// goes on; main() runs every test below and fails when any check did.
 #pragma once
 
 #include <cstdio>
-#include <functional>
-#include <string>
-#include <vector>
 
 namespace check {
-
-struct Case {
-    const char* name;
-    std::function<void()> body;
-};
-
-inline std::vector<Case>& registry() {
-    static std::vector<Case> cases;
-    return cases;
-}
-
-inline int& failures() {
-    static int count = 0;
-    return count;
-}
-
-struct Register {
-    Register(const char* name, std::function<void()> body) { registry().push_back({name, std::move(body)}); }
-};
-
-inline void fail(const char* file, int line, const std::string& what) {
-    ++failures();
-    std::fprintf(stderr, "%s:%d: check failed: %s\n", file, line, what.c_str());
-}
-
+inline int failures = 0;
 }  // namespace check
 
-#define CHECK_CONCAT_(a, b) a##b
-#define CHECK_CONCAT(a, b) CHECK_CONCAT_(a, b)
-#define TEST_CASE(name)                                                            \
-    static void CHECK_CONCAT(check_case_, __LINE__)();                             \
-    static const check::Register CHECK_CONCAT(check_reg_, __LINE__){               \
-        name, CHECK_CONCAT(check_case_, __LINE__)};                                \
-    static void CHECK_CONCAT(check_case_, __LINE__)()
-#define CHECK(expr)                                                                \
-    do {                                                                           \
-        if (!(expr)) check::fail(__FILE__, __LINE__, #expr);                       \
-    } while (0)
+#define CHECK(expr) \
+    ((expr) ? (void)0 : (void)(++check::failures, std::fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #expr)))
+
+void test_spans_at_the_edges_of_int64();
+void test_hunk_bodies_skipped_by_their_counts();
+void test_token_stream();
+void test_file_records_in_every_unit_width();
+void test_commit_log();

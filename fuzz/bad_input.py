@@ -1,6 +1,11 @@
-"""Every function called with wrong types and odd values returns or raises an ordinary exception with a message,
-never SystemError or a crash. Each group runs in a child interpreter in development mode (allocator checks), so a
-crash fails a test naming the last call."""
+"""Every function of the module called with wrong types and odd values: each must return or raise an ordinary
+exception with a message, never SystemError or a crash. Each group of functions runs in a child interpreter in
+development mode (allocator checks), so a crash names the last call. Run it from anywhere with the module
+installed:
+
+    python fuzz/bad_input.py
+
+It prints one line per group and exits non-zero when any case misbehaves."""
 import datetime as dt
 import gc
 import inspect
@@ -8,11 +13,10 @@ import json
 import os
 import subprocess
 import sys
+import tempfile
 from pathlib import Path
 
-import pytest
-
-pytestmark = pytest.mark.slow
+TESTS = Path(__file__).resolve().parents[1] / "tests"  # proof_support: the repository builder, children()
 
 GROUPS = {
     "runner": ["run_git_command", "_git_output"],
@@ -42,7 +46,7 @@ def odd_values(repo: Path) -> dict[str, list]:  # by the kind of parameter
     listed = [[None], [b"x"], ["\ud800"], ["a\0b"], [10**100], [Path("x")], ["\udcff", "é\n\t"], "abc",
               ("rev-parse", "HEAD"), iter(["x"]), ["x" * 20_000] * 3]
     return {
-        "path": anything + [Path("a\0b"), Path("\ud800"), Path("/nonexistent/x"), str(repo), repo / "src" / "m1.py",
+        "path": anything + [Path("a\0b"), Path("\ud800"), Path("/nonexistent/x"), str(repo), repo / "keep.txt",
                             b"/tmp"],
         "text": anything + [Path("main"), "\udcff", "-h", "x" * 100_000, "99999999999999999999d", "\x1e\0\t:",
                             '"\\377\\', "@@ -1 +1 @@"],
@@ -69,7 +73,7 @@ def valid_arguments(gu, repo: Path) -> dict:  # by parameter name, or (function,
     return {
         "repo_root": repo, "start": repo, "name": "main", "branch": "feature", "since": "7d", "base": "main",
         "head": "feature", "ref": "feature", "moment": dt.datetime.now(), "args": ["rev-parse", "HEAD"],
-        "timeout": 2, "short": True, "merge_base": True, "paths": ["src/m1.py"], "diff_filter": "MR",
+        "timeout": 2, "short": True, "merge_base": True, "paths": ["keep.txt"], "diff_filter": "MR",
         "max_commits": 5, "output": raw, "tokens": raw.split("\0"), "field": "12", "text": "dir/a\\tb",
         "new_count": 3, "old_count": 1,
         ("log_commit_changes", "since"): dt.datetime.now() - dt.timedelta(days=30),
@@ -103,6 +107,7 @@ def cases(gu, names, repo):  # (label, function, args, kwargs, must_raise)
 def drive(group: str, repo: str, spawner: str) -> None:  # in the child: one JSON line per case
     import faulthandler
 
+    sys.path.insert(0, str(TESTS))
     from proof_support import children
 
     from morvane_tessary.utils import git_utils as gu
@@ -123,33 +128,42 @@ def drive(group: str, repo: str, spawner: str) -> None:  # in the child: one JSO
     assert gc.isenabled(), "a parser left the collector off"
 
 
-@pytest.fixture(scope="module")
-def repo(tmp_path_factory):
-    from proof_support import make_repo
-
-    return make_repo(tmp_path_factory.mktemp("bad-input"))
-
-
-def test_groups_cover_the_namespace(gu):
-    functions = {n for n, v in vars(gu).items() if callable(v) and not isinstance(v, type)
-                 and getattr(v, "__module__", None) == gu.__name__}
-    grouped = [n for names in GROUPS.values() for n in names]
-    assert len(grouped) == len(functions) == 29 and set(grouped) == functions
-
-
-@pytest.mark.parametrize("group, spawner", [(g, s) for g in GROUPS for s in ["native", "subprocess"]
-                                             if s == "native" or g in SPAWNING])
-def test_odd_arguments_raise_clear_errors(repo, group, spawner):
+def check_group(repo: Path, group: str, spawner: str) -> list:
     child = subprocess.run([sys.executable, "-X", "dev", __file__, group, str(repo), spawner],
-                           stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300,
-                           cwd=Path(__file__).parent)
+                           stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300)
     last_call = [line for line in child.stderr.splitlines() if line.startswith("calling ")][-1:]
-    assert child.returncode == 0, (last_call, child.stderr[-3000:])
+    if child.returncode != 0:
+        return [{"crashed": last_call, "stderr": child.stderr[-3000:]}]
     results = [json.loads(line) for line in child.stdout.splitlines()]
     bad = [r for r in results if (r["raised"] is None and r["must_raise"]) or r.get("system")
            or (r["raised"] is not None and not r["message"])]
-    assert results and bad == [], bad
+    return bad if results else [{"no cases": group}]
+
+
+def main() -> int:
+    from morvane_tessary.utils import git_utils as gu
+
+    sys.path.insert(0, str(TESTS))
+    from proof_support import make_repo
+
+    functions = {n for n, v in vars(gu).items() if callable(v) and not isinstance(v, type)
+                 and getattr(v, "__module__", None) == gu.__name__}
+    grouped = [n for names in GROUPS.values() for n in names]
+    if len(grouped) != len(functions) or set(grouped) != functions:
+        print("the groups do not cover the module's functions:", sorted(functions ^ set(grouped)))
+        return 1
+    failed = 0
+    with tempfile.TemporaryDirectory() as scratch:
+        repo = make_repo(Path(scratch))
+        for group in GROUPS:
+            for spawner in ["native", "subprocess"] if group in SPAWNING else ["native"]:
+                bad = check_group(repo, group, spawner)
+                print(f"{group} ({spawner}): {'ok' if not bad else f'{len(bad)} bad'}", flush=True)
+                for case in bad[:20]:
+                    print("   ", case)
+                failed += bool(bad)
+    return 1 if failed else 0
 
 
 if __name__ == "__main__":
-    drive(*sys.argv[1:])
+    sys.exit(drive(*sys.argv[1:]) if len(sys.argv) > 1 else main())
