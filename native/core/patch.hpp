@@ -102,17 +102,6 @@ inline std::optional<HunkHeader> match_hunk_header(std::string_view line) noexce
     return match_hunk_header<char>(line);
 }
 
-// True when `line` holds a unit outside ASCII. A line that fails the ASCII
-// match may still be a head written with another script's digits.
-template <class Unit>
-bool has_non_ascii(Piece<Unit> line) noexcept {
-    for (const Unit c : line)
-        if (static_cast<std::uint32_t>(static_cast<std::make_unsigned_t<Unit>>(c)) >= 0x80) return true;
-    return false;
-}
-
-inline bool has_non_ascii(std::string_view line) noexcept { return has_non_ascii<char>(line); }
-
 // ASCII digits to a number; nullopt when the value does not fit in int64
 // or a unit is not a digit. The empty text is 0.
 template <class Unit>
@@ -196,21 +185,18 @@ void walk_patch(Piece<Unit> patch, Handler& h) {
     std::int64_t old_left = 0, new_left = 0;
     const Unit* pos = patch.data();
     const Unit* const end = pos + patch.size();
+    UnitFinder<Unit> newlines(pos, patch.size(), Unit('\n'));
     for (;;) {
-        const Unit* nl = find_unit(pos, static_cast<std::size_t>(end - pos), Unit('\n'));
-        const Unit* line_end = nl ? nl : end;
+        const Unit* nl = newlines.find(pos);
         if (old_left > 0 || new_left > 0) {
-            const Unit c = pos < line_end ? *pos : Unit(0);
-            if (c == Unit('-')) {
-                --old_left;
-            } else if (c == Unit('+')) {
-                --new_left;
-            } else if (c == Unit(' ')) {
-                --old_left;
-                --new_left;
-            }  // else a remark such as "\ No newline at end of file"
+            // A line of the hunk: counted without branching on its kind, which
+            // follows no pattern a predictor could learn. A remark such as
+            // "\ No newline at end of file" counts for neither side.
+            const Unit c = pos < end ? *pos : Unit(0);
+            old_left -= (c == Unit('-')) | (c == Unit(' '));
+            new_left -= (c == Unit('+')) | (c == Unit(' '));
         } else {
-            const Piece<Unit> line(pos, static_cast<std::size_t>(line_end - pos));
+            const Piece<Unit> line(pos, static_cast<std::size_t>((nl ? nl : end) - pos));
             std::size_t at = 0;
             if (detail::take(line, at, "+++ ")) {
                 h.path_line(line.substr(4));

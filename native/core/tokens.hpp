@@ -3,14 +3,17 @@
 // at character boundaries.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
+#include <xmmintrin.h>
 #endif
 
 namespace gu::core {
@@ -22,39 +25,119 @@ namespace gu::core {
 template <class Unit>
 using Piece = std::basic_string_view<Unit>;
 
-// The first `u` among the `n` units at `p`, or null. Bytes go to memchr;
-// wider units are compared sixteen bytes at a time where SSE2 is at hand
-// (every x86-64), as a unit-by-unit loop costs the scan most of its time.
+// Finds one unit value again and again, front to back. The text is compared
+// once, sixty-four units at a time, into a mask of the value's places in
+// each block; a find then costs a count of trailing zeros, however far the
+// next place is. The scanners ask for the next separator after every line
+// or token, most of them short, where a search started afresh each time
+// would spend its time setting up and mispredicting the end of its loop.
 template <class Unit>
-inline const Unit* find_unit(const Unit* p, std::size_t n, Unit u) noexcept {
-    if constexpr (sizeof(Unit) == 1) {
-        return static_cast<const Unit*>(n ? std::memchr(p, static_cast<unsigned char>(u), n) : nullptr);
-    } else {
-        std::size_t i = 0;
-#if defined(__SSE2__)
-        constexpr std::size_t lanes = 16 / sizeof(Unit);
-        const auto equal = [](__m128i a, __m128i b) {
-            if constexpr (sizeof(Unit) == 2)
-                return _mm_cmpeq_epi16(a, b);
-            else
-                return _mm_cmpeq_epi32(a, b);
-        };
-        const __m128i needle = sizeof(Unit) == 2 ? _mm_set1_epi16(static_cast<short>(u))
-                                                 : _mm_set1_epi32(static_cast<int>(u));
-        for (; i + 2 * lanes <= n; i += 2 * lanes) {
-            const __m128i a = equal(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i)), needle);
-            const __m128i b = equal(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i + lanes)), needle);
-            if (_mm_movemask_epi8(_mm_or_si128(a, b)) == 0) continue;
-            const int in_a = _mm_movemask_epi8(a);
-            if (in_a) return p + i + static_cast<unsigned>(__builtin_ctz(static_cast<unsigned>(in_a))) / sizeof(Unit);
-            const int in_b = _mm_movemask_epi8(b);
-            return p + i + lanes + static_cast<unsigned>(__builtin_ctz(static_cast<unsigned>(in_b))) / sizeof(Unit);
+class UnitFinder {
+public:
+    UnitFinder() noexcept = default;
+    UnitFinder(const Unit* begin, std::size_t size, Unit u) noexcept : begin_(begin), size_(size), unit_(u) {}
+
+    // The first place of the value at or after `p`, or null. Each `p` must
+    // lie at or after the block of the previous call's `p`.
+    const Unit* find(const Unit* p) noexcept {
+        std::size_t off = static_cast<std::size_t>(p - begin_);
+        if (off >= size_) return nullptr;
+        std::size_t block = off / 64;
+        if (block != block_) load(block);
+        std::uint64_t m = bits_ & (~std::uint64_t{0} << (off % 64));
+        while (m == 0) {
+            if ((block + 1) * 64 >= size_) return nullptr;
+            load(++block);
+            m = bits_;
         }
-#endif
-        for (; i < n; ++i)
-            if (p[i] == u) return p + i;
-        return nullptr;
+        return begin_ + block * 64 + static_cast<std::size_t>(std::countr_zero(m));
     }
+
+private:
+    static constexpr std::size_t none = ~std::size_t{0};
+
+    const Unit* begin_ = nullptr;
+    std::size_t size_ = 0;
+    Unit unit_{};
+    std::size_t block_ = none;
+    std::uint64_t bits_ = 0;
+
+    void load(std::size_t block) noexcept {
+        block_ = block;
+        const Unit* p = begin_ + block * 64;
+        const std::size_t n = size_ - block * 64;
+#if defined(__SSE2__)
+        _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<std::uintptr_t>(p) + 1024 * sizeof(Unit)), _MM_HINT_T0);
+#endif
+        bits_ = n >= 64 ? full_mask(p) : tail_mask(p, n);
+    }
+
+    std::uint64_t tail_mask(const Unit* p, std::size_t n) const noexcept {
+        std::uint64_t m = 0;
+        for (std::size_t i = 0; i < n; ++i) m |= std::uint64_t{p[i] == unit_} << i;
+        return m;
+    }
+
+#if defined(__SSE2__)
+    // Sixteen units of the block at `p` to sixteen bits.
+    std::uint64_t mask16(const Unit* p) const noexcept {
+        const auto load = [p](std::size_t i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p) + i); };
+        if constexpr (sizeof(Unit) == 1) {
+            return static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(load(0), _mm_set1_epi8(static_cast<char>(unit_)))));
+        } else if constexpr (sizeof(Unit) == 2) {
+            const __m128i u = _mm_set1_epi16(static_cast<short>(unit_));
+            const __m128i packed = _mm_packs_epi16(_mm_cmpeq_epi16(load(0), u), _mm_cmpeq_epi16(load(1), u));
+            return static_cast<std::uint32_t>(_mm_movemask_epi8(packed));
+        } else {
+            const __m128i u = _mm_set1_epi32(static_cast<int>(unit_));
+            const __m128i lo = _mm_packs_epi32(_mm_cmpeq_epi32(load(0), u), _mm_cmpeq_epi32(load(1), u));
+            const __m128i hi = _mm_packs_epi32(_mm_cmpeq_epi32(load(2), u), _mm_cmpeq_epi32(load(3), u));
+            return static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(lo, hi)));
+        }
+    }
+
+    std::uint64_t full_mask(const Unit* p) const noexcept {
+        return mask16(p) | mask16(p + 16) << 16 | mask16(p + 32) << 32 | mask16(p + 48) << 48;
+    }
+#else
+    std::uint64_t full_mask(const Unit* p) const noexcept { return tail_mask(p, 64); }
+#endif
+};
+
+// Whether every unit of `piece` is ASCII. One OR over all of them, which
+// the compiler vectorises: most pieces are, and none is long.
+template <class Unit>
+inline bool is_ascii(Piece<Unit> piece) noexcept {
+    std::uint32_t any = 0;
+    for (const Unit c : piece) any |= static_cast<std::uint32_t>(static_cast<std::make_unsigned_t<Unit>>(c));
+    return any < 0x80;
+}
+
+// Whether `a` sorts before `b`, unit by unit, a prefix first. The first
+// difference is found sixteen bytes at a time: sorted paths share long
+// prefixes (their directories).
+template <class Unit>
+inline bool precedes(Piece<Unit> a, Piece<Unit> b) noexcept {
+    const std::size_t units = a.size() < b.size() ? a.size() : b.size();
+    const std::size_t n = units * sizeof(Unit);
+    const auto* pa = reinterpret_cast<const unsigned char*>(a.data());
+    const auto* pb = reinterpret_cast<const unsigned char*>(b.data());
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    for (; i + 16 <= n; i += 16) {
+        const int same = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pa + i)),
+                                                          _mm_loadu_si128(reinterpret_cast<const __m128i*>(pb + i))));
+        if (same != 0xFFFF) {
+            i += static_cast<std::size_t>(std::countr_zero(static_cast<unsigned>(~same)));
+            break;
+        }
+    }
+#endif
+    while (i < n && pa[i] == pb[i]) ++i;
+    if (i >= n) return a.size() < b.size();
+    const std::size_t k = i / sizeof(Unit);
+    using U = std::make_unsigned_t<Unit>;
+    return static_cast<U>(a[k]) < static_cast<U>(b[k]);
 }
 
 // A hash of a piece's units, thirty-two bytes a round in four independent
@@ -106,8 +189,9 @@ class BasicTokenStream {
 public:
     using unit_type = Unit;
 
-    explicit BasicTokenStream(Piece<Unit> text) noexcept : rest_(text) {}
-    explicit BasicTokenStream(BasicTokenRun<Unit> run) noexcept : rest_(run.text), done_(run.count == 0) {}
+    explicit BasicTokenStream(Piece<Unit> text) noexcept : rest_(text), nuls_(text.data(), text.size(), Unit(0)) {}
+    explicit BasicTokenStream(BasicTokenRun<Unit> run) noexcept
+        : rest_(run.text), nuls_(run.text.data(), run.text.size(), Unit(0)), done_(run.count == 0) {}
 
     bool done() const noexcept { return done_; }
 
@@ -117,7 +201,7 @@ public:
     Piece<Unit> next() noexcept {
         if (done_) return {};
         const Unit* begin = rest_.data();
-        const Unit* nul = find_unit(begin, rest_.size(), Unit(0));
+        const Unit* nul = nuls_.find(begin);
         if (nul == nullptr) {
             done_ = true;
             const Piece<Unit> last = rest_;
@@ -131,6 +215,7 @@ public:
 
 private:
     Piece<Unit> rest_;
+    UnitFinder<Unit> nuls_;
     bool done_ = false;
 };
 

@@ -26,13 +26,6 @@ namespace {
 // ---- line counts -----------------------------------------------------------
 
 template <class Unit>
-bool is_ascii(core::Piece<Unit> s) {
-    for (const Unit c : s)
-        if (static_cast<std::uint32_t>(static_cast<std::make_unsigned_t<Unit>>(c)) >= 0x80) return false;
-    return true;
-}
-
-template <class Unit>
 bool all_ascii_digits(core::Piece<Unit> s) {
     for (const Unit c : s)
         if (c < Unit('0') || c > Unit('9')) return false;
@@ -51,7 +44,7 @@ template <class Unit>
 Ref line_count_of(core::Piece<Unit> field, const Text<Unit>& text) {
     std::uint64_t value = 0;
     if (core::ascii_count(field, value)) return Ref::steal(PyLong_FromUnsignedLongLong(value));
-    if (is_ascii(field)) {
+    if (core::is_ascii(field)) {
         if (!all_ascii_digits(field)) return Ref::steal(PyLong_FromLong(0));
         Ref s = text.str(field);  // more digits than 64 bits hold
         return s ? Ref::steal(PyLong_FromUnicodeObject(s.get(), 10)) : Ref();

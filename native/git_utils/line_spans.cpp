@@ -308,7 +308,7 @@ public:
         if (native_header_) {
             if (const std::optional<core::BasicHunkHeader<Unit>> h = core::match_hunk_header(line)) return record(*h);
             std::size_t at = 0;
-            if (!core::detail::take(line, at, "@@ -") || !core::has_non_ascii(line)) return std::nullopt;
+            if (!core::detail::take(line, at, "@@ -") || core::is_ascii(line)) return std::nullopt;
             // \d also takes other scripts' digits: the pattern decides.
         }
         return header_through_pattern(line);
