@@ -177,12 +177,6 @@ bool split_numstat(Piece<Unit> tok, NumstatFields<Unit>& out) noexcept {
     return true;
 }
 
-template <class Unit>
-bool is_head(Piece<Unit> raw) noexcept {
-    const Piece<Unit> tok = drop_leading_newlines(raw);
-    return !tok.empty() && tok[0] == Unit(':');
-}
-
 }  // namespace detail
 
 // Reads records until the stream is done and reports each one:
@@ -219,9 +213,12 @@ void scan_file_records(Stream& stream, Handler& h) {
 // path's first raw record, with the status and older path of its last one
 // and the counts of its last numstat record.
 //
-// Paths are told apart by their code units. A handful of paths are found by
-// a linear search; past that, by open addressing with linear probing (one
-// allocation per growth and none per path). On large outputs every lookup
+// Paths are told apart by their code units. Git writes the raw records of
+// a diff sorted by path, and while each path sorts after the one before and
+// no numstat record has come first, a path can be none seen yet: it is not
+// searched for at all. Past that, a handful of paths are found by a linear
+// search, more by open addressing with linear probing (one allocation per
+// growth and none per path). On large outputs every lookup
 // is a cache miss, so numstat records, which git prints in the order of the
 // raw records, are first matched against the record after the one the last
 // numstat record named. One collector serves all the commits of a log,
@@ -230,9 +227,9 @@ template <class Unit>
 class FileCollector {
 public:
     // The records of the tokens left in `stream`, as offsets from `base`,
-    // into `out` (emptied first; with `size_first`, sized exactly by counting
-    // the raw heads ahead, which costs a pass over the tokens: worth it for
-    // one large diff, not for each commit of a log, whose buffer is reused).
+    // into `out` (emptied first; with `size_first`, sized for the text left
+    // before the scan: worth it for one large diff, not for each commit of a
+    // log, whose buffer is reused).
     // Throws std::length_error when the text is longer than max_record_text.
     template <class Stream>
     void collect(Stream& stream, const Unit* base, std::vector<FileRecord>& out, bool size_first = true) {
@@ -246,12 +243,17 @@ public:
         pending_.clear();
         next_ = 0;
         live_ = 0;
+        room_ = 0;
         indexed_ = false;
+        ascending_ = true;
         if (size_first) {
-            std::size_t heads = 0;
-            for (Stream ahead = stream; !ahead.done();) heads += detail::is_head(ahead.next());
-            out.reserve(heads);
-            if (heads >= linear_limit) index(heads);
+            // Git spends more than min_record_units on every file (a raw head
+            // alone holds two full object names), so this is room for every
+            // record of its output without a second pass over the text to
+            // count them, and at most 28 bytes of room per 96 units of text.
+            // Other text that holds more records grows the buffer as it goes.
+            room_ = rest.size() / min_record_units + 1;
+            out.reserve(room_);
         }
         scan_file_records(stream, *this);
         records_ = nullptr;
@@ -263,19 +265,20 @@ public:
     // scan_file_records' handler.
     void raw(Piece<Unit> letter, std::optional<Piece<Unit>> old_path, Piece<Unit> path) {
         if (path.empty()) return;
-        const Where w = find(path);
         std::vector<FileRecord>& records = *records_;
+        if (ascending_ && pending_.empty() && (records.empty() || precedes(path_of(records.back(), base_), path))) {
+            records.push_back(new_record(letter, old_path, path));
+            ++live_;
+            return;
+        }
+        const Where w = find(path);
         if (w.ref != 0 && !(w.ref & pending_bit)) {
             FileRecord& r = records[w.ref - 1];
             r.status = status_of(letter);
             set_old_path(r, old_path);
             return;
         }
-        FileRecord r;
-        r.path_at = offset(path);
-        r.path_len = static_cast<std::uint32_t>(path.size());
-        r.status = status_of(letter);
-        set_old_path(r, old_path);
+        FileRecord r = new_record(letter, old_path, path);
         if (w.ref & pending_bit) {
             Pending& p = pending_[(w.ref & ~pending_bit) - 1];
             r.added = p.added;
@@ -313,6 +316,10 @@ public:
     }
 
 private:
+    // Fewer units of git's output than any one file takes: a raw head is
+    // ":" with two modes, two 40-digit object names, the status and four
+    // separators, and a numstat record and the path tokens follow.
+    static constexpr std::size_t min_record_units = 96;
     // Below this many paths a linear search beats hashing them.
     static constexpr std::size_t linear_limit = 16;
     static constexpr std::uint32_t pending_bit = 0x80000000u;
@@ -346,6 +353,8 @@ private:
     std::vector<Pending> pending_;
     std::vector<Bucket> table_;
     bool indexed_ = false;   // paths are found through table_
+    bool ascending_ = true;  // every path so far sorted after the one before; none searched for yet
+    std::size_t room_ = 0;   // records the text may hold: the table's first size
     std::size_t live_ = 0;   // paths kept: records and live Pending entries
     std::size_t next_ = 0;   // the record the next numstat record likely names
 
@@ -356,6 +365,15 @@ private:
 
     static bool same(Piece<Unit> a, Piece<Unit> b) noexcept {
         return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Unit)) == 0);
+    }
+
+    FileRecord new_record(Piece<Unit> letter, const std::optional<Piece<Unit>>& old_path, Piece<Unit> path) const {
+        FileRecord r;
+        r.path_at = offset(path);
+        r.path_len = static_cast<std::uint32_t>(path.size());
+        r.status = status_of(letter);
+        set_old_path(r, old_path);
+        return r;
     }
 
     void set_old_path(FileRecord& r, const std::optional<Piece<Unit>>& old_path) const noexcept {
@@ -392,7 +410,8 @@ private:
     }
 
     Where find(Piece<Unit> path) {
-        if (!indexed_ && live_ + 1 >= linear_limit) index(live_ + 1);
+        ascending_ = false;
+        if (!indexed_ && live_ + 1 >= linear_limit) index(live_ + 1 > room_ ? live_ + 1 : room_);
         if (!indexed_) {
             const std::vector<FileRecord>& records = *records_;
             for (std::size_t k = 0; k < records.size(); ++k)
