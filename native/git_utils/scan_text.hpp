@@ -3,6 +3,7 @@
 
 #include <Python.h>
 
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -85,6 +86,20 @@ public:
                 if (s && n) std::memcpy(PyUnicode_DATA(s.get()), piece.data(), piece.size());
                 return s;
             }
+        }
+        if constexpr (sizeof(Unit) > 1) {
+            // Most pieces of a wide str are ASCII (paths, mostly): narrowed
+            // in the same pass that checks it, where the generic constructor
+            // would find the widest character first and then convert.
+            Ref s = Ref::steal(PyUnicode_New(n, 127));
+            if (!s) return s;
+            auto* out = static_cast<unsigned char*>(PyUnicode_DATA(s.get()));
+            std::uint32_t any = 0;
+            for (std::size_t i = 0; i < piece.size(); ++i) {
+                any |= static_cast<std::uint32_t>(piece[i]);
+                out[i] = static_cast<unsigned char>(piece[i]);
+            }
+            if (any < 0x80) return s;
         }
         constexpr int kind = sizeof(Unit) == 1 ? PyUnicode_1BYTE_KIND
                              : sizeof(Unit) == 2 ? PyUnicode_2BYTE_KIND
