@@ -45,6 +45,9 @@ bool take(Piece<Unit> line, std::size_t& pos, std::string_view lit) noexcept {
     return true;
 }
 
+// Eighteen decimal digits always fit in int64; only longer runs are checked.
+constexpr std::size_t safe_digits = 18;
+
 // Consumes a run of one or more digits at `pos`, and its value.
 template <class Unit>
 bool take_digits(Piece<Unit> line, std::size_t& pos, Piece<Unit>& out, std::int64_t& value, bool& exact) noexcept {
@@ -52,7 +55,9 @@ bool take_digits(Piece<Unit> line, std::size_t& pos, Piece<Unit>& out, std::int6
     std::int64_t v = 0;
     while (pos < line.size() && is_digit(line[pos])) {
         const int d = static_cast<int>(line[pos] - Unit('0'));
-        if (v > (int64_max - d) / 10) {  // stays true once saturated
+        if (pos - begin < safe_digits) {
+            v = v * 10 + d;
+        } else if (v > (int64_max - d) / 10) {  // stays true once saturated
             v = int64_max;
             exact = false;
         } else {
@@ -60,7 +65,7 @@ bool take_digits(Piece<Unit> line, std::size_t& pos, Piece<Unit>& out, std::int6
         }
         ++pos;
     }
-    out = line.substr(begin, pos - begin);
+    out = Piece<Unit>(line.data() + begin, pos - begin);
     value = v;
     return pos > begin;
 }
@@ -107,10 +112,11 @@ inline std::optional<HunkHeader> match_hunk_header(std::string_view line) noexce
 template <class Unit>
 std::optional<std::int64_t> exact_digits(Piece<Unit> digits) noexcept {
     std::int64_t v = 0;
-    for (const Unit c : digits) {
+    for (std::size_t i = 0; i < digits.size(); ++i) {
+        const Unit c = digits[i];
         if (!detail::is_digit(c)) return std::nullopt;
         const int d = static_cast<int>(c - Unit('0'));
-        if (v > (detail::int64_max - d) / 10) return std::nullopt;
+        if (i >= detail::safe_digits && v > (detail::int64_max - d) / 10) return std::nullopt;
         v = v * 10 + d;
     }
     return v;
