@@ -88,27 +88,43 @@ public:
             }
         }
         if constexpr (sizeof(Unit) > 1) {
-            // Most pieces of a wide str are ASCII (paths, mostly): narrowed
-            // in the same pass that checks it, where the generic constructor
-            // would find the widest character first and then convert.
-            Ref s = Ref::steal(PyUnicode_New(n, 127));
-            if (!s) return s;
-            auto* out = static_cast<unsigned char*>(PyUnicode_DATA(s.get()));
+            // The OR of a piece's units names its narrowest kind exactly (a
+            // unit past a kind's range sets a bit past it), so the str is
+            // made in that kind at once and filled by a narrowing copy, where
+            // the generic constructor would look for the widest character
+            // first. Most pieces (paths) come out ASCII.
             std::uint32_t any = 0;
-            for (std::size_t i = 0; i < piece.size(); ++i) {
-                any |= static_cast<std::uint32_t>(piece[i]);
-                out[i] = static_cast<unsigned char>(piece[i]);
+            for (const Unit c : piece) any |= static_cast<std::uint32_t>(c);
+            const Py_UCS4 widest = any < 0x80 ? 0x7F : any < 0x100 ? 0xFF : any < 0x10000 ? 0xFFFF : 0x10FFFF;
+            Ref s = Ref::steal(PyUnicode_New(n, widest));
+            if (!s) return s;
+            void* out = PyUnicode_DATA(s.get());
+            switch (PyUnicode_KIND(s.get())) {
+                case PyUnicode_1BYTE_KIND:
+                    narrow<Py_UCS1>(piece, out);
+                    break;
+                case PyUnicode_2BYTE_KIND:
+                    narrow<Py_UCS2>(piece, out);
+                    break;
+                default:
+                    narrow<Py_UCS4>(piece, out);
+                    break;
             }
-            if (any < 0x80) return s;
+            return s;
         }
-        constexpr int kind = sizeof(Unit) == 1 ? PyUnicode_1BYTE_KIND
-                             : sizeof(Unit) == 2 ? PyUnicode_2BYTE_KIND
-                                                 : PyUnicode_4BYTE_KIND;
-        return Ref::steal(PyUnicode_FromKindAndData(kind, piece.data(), n));
+        return Ref::steal(PyUnicode_FromKindAndData(PyUnicode_1BYTE_KIND, piece.data(), n));
     }
 
 protected:
     PyObject* source_ = nullptr;  // borrowed; null for git's bytes
+
+    // Copies the units of `piece` into `out`, each made an `Out`, which
+    // holds every one of them.
+    template <class Out>
+    static void narrow(core::Piece<Unit> piece, void* out) {
+        auto* o = static_cast<Out*>(out);
+        for (std::size_t i = 0; i < piece.size(); ++i) o[i] = static_cast<Out>(piece[i]);
+    }
     bool ascii_ = false;
     core::Piece<Unit> units_;
 };
