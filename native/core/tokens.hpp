@@ -241,6 +241,16 @@ inline bool valid_utf8(std::string_view bytes) noexcept {
     const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
     const auto* const end = p + bytes.size();
     while (p < end) {
+#if defined(__SSE2__)
+        if (end - p >= 16) {  // ASCII sixteen bytes at a time
+            const int high = _mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+            if (high == 0) {
+                p += 16;
+                continue;
+            }
+            p += std::countr_zero(static_cast<unsigned>(high));  // to the first byte past ASCII
+        }
+#endif
         if (end - p >= 8) {  // ASCII eight bytes at a time
             std::uint64_t word;
             std::memcpy(&word, p, 8);

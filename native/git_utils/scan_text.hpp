@@ -80,8 +80,10 @@ public:
     Ref str(core::Piece<Unit> piece) const {
         const auto n = static_cast<Py_ssize_t>(piece.size());
         if constexpr (sizeof(Unit) == 1) {
-            if (source_ == nullptr) return Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
-            if (ascii_) {
+            // Git's bytes: ASCII pieces (most paths) copied as they are.
+            if (source_ == nullptr && !core::is_ascii(piece))
+                return Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
+            if (ascii_ || source_ == nullptr) {
                 Ref s = Ref::steal(PyUnicode_New(n, 127));
                 if (s && n) std::memcpy(PyUnicode_DATA(s.get()), piece.data(), piece.size());
                 return s;
