@@ -77,6 +77,31 @@ void test_token_stream() {
     CHECK(s.next().empty());
     TokenStream empty{std::string_view()};
     CHECK(!empty.done() && empty.next().empty() && empty.done());
+
+    // Separators on both sides of the 64-unit blocks the stream searches
+    // by, and runs without one across whole blocks, in every unit width.
+    for (const std::size_t size : {63, 64, 65, 127, 128, 200}) {
+        for (const std::size_t step : {1, 7, 63, 64, 65, 130}) {
+            std::string text(size, 'x');
+            for (std::size_t at = step - 1; at < size; at += step) text[at] = '\0';
+            std::vector<std::size_t> want;
+            for (std::size_t from = 0;;) {
+                const std::size_t nul = text.find('\0', from);
+                want.push_back((nul == std::string::npos ? size : nul) - from);
+                if (nul == std::string::npos) break;
+                from = nul + 1;
+            }
+            const auto lengths = [&](auto unit) {
+                using Unit = decltype(unit);
+                const std::basic_string<Unit> wide(text.begin(), text.end());
+                BasicTokenStream<Unit> stream{Piece<Unit>(wide)};
+                std::vector<std::size_t> found;
+                while (!stream.done()) found.push_back(stream.next().size());
+                return found;
+            };
+            CHECK(lengths(char{}) == want && lengths(char16_t{}) == want && lengths(char32_t{}) == want);
+        }
+    }
 }
 
 // File records, in every unit width.
@@ -97,6 +122,14 @@ void test_file_records_in_every_unit_width() {
         // Counts beyond nine digits or outside ASCII are kept as fields.
         {z({h + "M", "a", h + "M", "b", "1234567890\t1\ta", "\xd9\xa3\t2\tb"}), "M a [1234567890,1]; M b [\xd9\xa3,2]; "},
         {many_paths(), many + "D late 3,4; "},  // found through the hash table, ties as with few
+        // Paths in git's sorted order are not searched for; a path out of
+        // that order (named again, or a prefix after a longer path) is.
+        {z({h + "M", "a", h + "A", "a"}), "A a -; "},
+        {z({h + "M", "ab", h + "M", "b", h + "A", "ab"}), "A ab -; M b -; "},
+        {z({h + "M", "ab", h + "M", "a", h + "D", "ab"}), "D ab -; M a -; "},
+        {z({h + "M", "z", h + "M", "\xc3\xa9", h + "A", "z"}), "A z -; M \xc3\xa9 -; "},
+        {z({h + "M", "dir/sub/long-name-1", h + "M", "dir/sub/long-name-2", h + "A", "dir/sub/long-name-1"}),
+         "A dir/sub/long-name-1 -; M dir/sub/long-name-2 -; "},
     };
     for (const Row& r : rows) {
         CHECK(render(collect_file_changes(r.out), r.out.data()) == r.want);
