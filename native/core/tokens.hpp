@@ -55,6 +55,7 @@ public:
 
 private:
     static constexpr std::size_t none = ~std::size_t{0};
+    static constexpr std::size_t prefetch_units = 1024;
 
     const Unit* begin_ = nullptr;
     std::size_t size_ = 0;
@@ -67,7 +68,10 @@ private:
         const Unit* p = begin_ + block * 64;
         const std::size_t n = size_ - block * 64;
 #if defined(__SSE2__)
-        _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<std::uintptr_t>(p) + 1024 * sizeof(Unit)), _MM_HINT_T0);
+        // Wide strs are megabytes of units read once: ask for the blocks
+        // ahead before they are needed (a hint, never a fault past the end).
+        const std::uintptr_t ahead = reinterpret_cast<std::uintptr_t>(p) + prefetch_units * sizeof(Unit);
+        _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T0);
 #endif
         bits_ = n >= 64 ? full_mask(p) : tail_mask(p, n);
     }
@@ -83,7 +87,8 @@ private:
     std::uint64_t mask16(const Unit* p) const noexcept {
         const auto load = [p](std::size_t i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p) + i); };
         if constexpr (sizeof(Unit) == 1) {
-            return static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(load(0), _mm_set1_epi8(static_cast<char>(unit_)))));
+            const __m128i u = _mm_set1_epi8(static_cast<char>(unit_));
+            return static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(load(0), u)));
         } else if constexpr (sizeof(Unit) == 2) {
             const __m128i u = _mm_set1_epi16(static_cast<short>(unit_));
             const __m128i packed = _mm_packs_epi16(_mm_cmpeq_epi16(load(0), u), _mm_cmpeq_epi16(load(1), u));
