@@ -193,7 +193,7 @@ void walk_patch(Piece<Unit> patch, Handler& h) {
     const Unit* const end = pos + patch.size();
     UnitFinder<Unit> newlines(pos, patch.size(), Unit('\n'));
     for (;;) {
-        const Unit* nl = newlines.find(pos);
+        const Unit* nl = newlines.next();
         if (old_left > 0 || new_left > 0) {
             // A line of the hunk: counted without branching on its kind, which
             // follows no pattern a predictor could learn. A remark such as

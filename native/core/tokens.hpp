@@ -27,46 +27,41 @@ using Piece = std::basic_string_view<Unit>;
 
 // Finds one unit value again and again, front to back. The text is compared
 // once, sixty-four units at a time, into a mask of the value's places in
-// each block; a find then costs a count of trailing zeros, however far the
-// next place is. The scanners ask for the next separator after every line
-// or token, most of them short, where a search started afresh each time
-// would spend its time setting up and mispredicting the end of its loop.
+// each block; each next place then costs a count of trailing zeros, however
+// far it is. The scanners ask for the next separator after every line or
+// token, most of them short, where a search started afresh each time would
+// spend its time setting up and mispredicting the end of its loop.
 template <class Unit>
 class UnitFinder {
 public:
     UnitFinder() noexcept = default;
     UnitFinder(const Unit* begin, std::size_t size, Unit u) noexcept : begin_(begin), size_(size), unit_(u) {}
 
-    // The first place of the value at or after `p`, or null. Each `p` must
-    // lie at or after the block of the previous call's `p`.
-    const Unit* find(const Unit* p) noexcept {
-        std::size_t off = static_cast<std::size_t>(p - begin_);
-        if (off >= size_) return nullptr;
-        std::size_t block = off / 64;
-        if (block != block_) load(block);
-        std::uint64_t m = bits_ & (~std::uint64_t{0} << (off % 64));
-        while (m == 0) {
-            if ((block + 1) * 64 >= size_) return nullptr;
-            load(++block);
-            m = bits_;
+    // The next place of the value after the last one this returned (the
+    // first place at first), or null when there is none.
+    const Unit* next() noexcept {
+        while (bits_ == 0) {
+            if (block_ >= size_) return nullptr;
+            load();
+            block_ += 64;
         }
-        return begin_ + block * 64 + static_cast<std::size_t>(std::countr_zero(m));
+        const auto at = static_cast<std::size_t>(std::countr_zero(bits_));
+        bits_ &= bits_ - 1;
+        return begin_ + (block_ - 64) + at;
     }
 
 private:
-    static constexpr std::size_t none = ~std::size_t{0};
     static constexpr std::size_t prefetch_units = 1024;
 
     const Unit* begin_ = nullptr;
     std::size_t size_ = 0;
     Unit unit_{};
-    std::size_t block_ = none;
-    std::uint64_t bits_ = 0;
+    std::size_t block_ = 0;   // offset of the block after the one in bits_
+    std::uint64_t bits_ = 0;  // places in that block not returned yet
 
-    void load(std::size_t block) noexcept {
-        block_ = block;
-        const Unit* p = begin_ + block * 64;
-        const std::size_t n = size_ - block * 64;
+    void load() noexcept {
+        const Unit* p = begin_ + block_;
+        const std::size_t n = size_ - block_;
 #if defined(__SSE2__)
         // Wide strs are megabytes of units read once: ask for the blocks
         // ahead before they are needed (a hint, never a fault past the end).
@@ -206,7 +201,7 @@ public:
     Piece<Unit> next() noexcept {
         if (done_) return {};
         const Unit* begin = rest_.data();
-        const Unit* nul = nuls_.find(begin);
+        const Unit* nul = nuls_.next();
         if (nul == nullptr) {
             done_ = true;
             const Piece<Unit> last = rest_;
