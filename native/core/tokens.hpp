@@ -242,6 +242,15 @@ inline bool valid_utf8(std::string_view bytes) noexcept {
     const auto* const end = p + bytes.size();
     while (p < end) {
 #if defined(__SSE2__)
+        if (end - p >= 64) {  // ASCII sixty-four bytes at a time
+            const auto* v = reinterpret_cast<const __m128i*>(p);
+            const __m128i any = _mm_or_si128(_mm_or_si128(_mm_loadu_si128(v), _mm_loadu_si128(v + 1)),
+                                             _mm_or_si128(_mm_loadu_si128(v + 2), _mm_loadu_si128(v + 3)));
+            if (_mm_movemask_epi8(any) == 0) {
+                p += 64;
+                continue;
+            }
+        }
         if (end - p >= 16) {  // ASCII sixteen bytes at a time
             const int high = _mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
             if (high == 0) {
@@ -285,6 +294,52 @@ inline bool valid_utf8(std::string_view bytes) noexcept {
         p += n;
     }
     return true;
+}
+
+// The code points of well-formed UTF-8 (valid_utf8 holds): how many there
+// are and the widest of the ranges CPython stores strs in that they reach
+// (0x7F, 0xFF, 0xFFFF or 0x10FFFF), both read off the lead bytes.
+struct Utf8Shape {
+    std::size_t length = 0;
+    std::uint32_t widest = 0x7F;
+};
+
+inline Utf8Shape utf8_shape(std::string_view valid) noexcept {
+    Utf8Shape shape;
+    unsigned char top = 0;
+    for (const char c : valid) {
+        const auto b = static_cast<unsigned char>(c);
+        shape.length += (b & 0xC0) != 0x80;
+        if (b > top) top = b;
+    }
+    shape.widest = top < 0x80 ? 0x7F : top < 0xC4 ? 0xFF : top < 0xF0 ? 0xFFFF : 0x10FFFF;
+    return shape;
+}
+
+// Decodes well-formed UTF-8 into `out`, one `Out` per code point; `Out`
+// must hold the widest (utf8_shape).
+template <class Out>
+void decode_utf8(std::string_view valid, Out* out) noexcept {
+    const auto* p = reinterpret_cast<const unsigned char*>(valid.data());
+    const auto* const end = p + valid.size();
+    while (p < end) {
+        const std::uint32_t b = *p;
+        std::uint32_t c;
+        if (b < 0x80) {
+            c = b;
+            p += 1;
+        } else if (b < 0xE0) {
+            c = (b & 0x1F) << 6 | (p[1] & 0x3Fu);
+            p += 2;
+        } else if (b < 0xF0) {
+            c = (b & 0x0F) << 12 | (p[1] & 0x3Fu) << 6 | (p[2] & 0x3Fu);
+            p += 3;
+        } else {
+            c = (b & 0x07) << 18 | (p[1] & 0x3Fu) << 12 | (p[2] & 0x3Fu) << 6 | (p[3] & 0x3Fu);
+            p += 4;
+        }
+        *out++ = static_cast<Out>(c);
+    }
 }
 
 }  // namespace gu::core

@@ -80,9 +80,12 @@ public:
     Ref str(core::Piece<Unit> piece) const {
         const auto n = static_cast<Py_ssize_t>(piece.size());
         if constexpr (sizeof(Unit) == 1) {
-            // Git's bytes: ASCII pieces (most paths) copied as they are.
+            // Git's bytes: ASCII pieces (most paths) copied as they are,
+            // well-formed ones decoded straight into their kind, and only
+            // the rest left to the decoder that replaces what is invalid.
             if (source_ == nullptr && !core::is_ascii(piece))
-                return Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
+                return core::valid_utf8(piece) ? decoded(piece)
+                                               : Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
             if (ascii_ || source_ == nullptr) {
                 Ref s = Ref::steal(PyUnicode_New(n, 127));
                 if (s && n) std::memcpy(PyUnicode_DATA(s.get()), piece.data(), piece.size());
@@ -119,6 +122,26 @@ public:
 
 protected:
     PyObject* source_ = nullptr;  // borrowed; null for git's bytes
+
+    // The str of well-formed UTF-8 that is not all ASCII.
+    static Ref decoded(std::string_view valid) {
+        const core::Utf8Shape shape = core::utf8_shape(valid);
+        Ref s = Ref::steal(PyUnicode_New(static_cast<Py_ssize_t>(shape.length), shape.widest));
+        if (!s) return s;
+        void* out = PyUnicode_DATA(s.get());
+        switch (PyUnicode_KIND(s.get())) {
+            case PyUnicode_1BYTE_KIND:
+                core::decode_utf8(valid, static_cast<Py_UCS1*>(out));
+                break;
+            case PyUnicode_2BYTE_KIND:
+                core::decode_utf8(valid, static_cast<Py_UCS2*>(out));
+                break;
+            default:
+                core::decode_utf8(valid, static_cast<Py_UCS4*>(out));
+                break;
+        }
+        return s;
+    }
 
     // Copies the units of `piece` into `out`, each made an `Out`, which
     // holds every one of them.

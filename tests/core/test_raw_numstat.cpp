@@ -104,6 +104,28 @@ void test_token_stream() {
     }
 }
 
+// Well-formed UTF-8 decoded into the narrowest kind that holds it.
+void test_utf8_shapes() {
+    const struct Row {
+        std::string_view bytes;
+        std::u32string want;
+        std::uint32_t widest;
+    } rows[] = {
+        {"a/b", U"a/b", 0x7F},
+        {"caf\xc3\xa9", U"caf\u00e9", 0xFF},
+        {"\xc3\xbf\xc4\x80", U"\u00ff\u0100", 0xFFFF},
+        {"\xe6\x96\x87\xe6\xa1\xa3/x", U"\u6587\u6863/x", 0xFFFF},
+        {"\xef\xbf\xbf\xf0\x9f\x99\x82", U"\uffff\U0001f642", 0x10FFFF},
+    };
+    for (const Row& r : rows) {
+        CHECK(valid_utf8(r.bytes));
+        const Utf8Shape shape = utf8_shape(r.bytes);
+        std::u32string got(shape.length, U'\0');
+        decode_utf8(r.bytes, got.data());
+        CHECK(shape.widest == r.widest && got == r.want);
+    }
+}
+
 // File records, in every unit width.
 void test_file_records_in_every_unit_width() {
     const std::string h = ":1 2 a b ";
