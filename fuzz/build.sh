@@ -37,6 +37,7 @@ seed fuzz_raw_numstat diff ':100644 100644 aaa bbb M\0a.py\0:000000 100644 000 c
 seed fuzz_raw_numstat numstat '1\t2\ta\tb\0\n:1 2 a b D\0a\tb\0'
 seed fuzz_commits log '\036170\0\n:1 2 a b M\0a.txt\0001\t1\ta.txt\0\0362\0\n\n\0363\0\n:0 1 c d A\0b\0005\t0\tb\0'
 seed fuzz_patch diff 'diff --git a b\n--- a\n+++ "b\\tc"\t\n@@ -1,2 +1 @@ f\n-x\n-y\n+z\n\\ No newline at end of file\n@@ -0,0 +3,2 @@\n+p\n+q\n+++ /dev/null\n@@ -5 +4,0 @@\n ctx\n'
+seed fuzz_utf8 text 'ascii, caf\303\251, \346\226\207\346\241\243, \360\237\231\202, \355\240\200, \300\257, end'
 seed fuzz_unquote name '\\303\\251t\\303\\251\\t\\"q\\\\ \\12x \\777 end\\'
 
 cat >"$out/raw_numstat.dict" <<'DICT'
