@@ -48,56 +48,53 @@ bool take(Piece<Unit> line, std::size_t& pos, std::string_view lit) noexcept {
 // Eighteen decimal digits always fit in int64; only longer runs are checked.
 constexpr std::size_t safe_digits = 18;
 
-// Consumes a run of one or more digits at `pos`, and its value.
-template <class Unit>
-bool take_digits(Piece<Unit> line, std::size_t& pos, Piece<Unit>& out, std::int64_t& value, bool& exact) noexcept {
-    const std::size_t begin = pos;
-    std::int64_t v = 0;
-    while (pos < line.size() && is_digit(line[pos])) {
-        const int d = static_cast<int>(line[pos] - Unit('0'));
-        if (pos - begin < safe_digits) {
-            v = v * 10 + d;
-        } else if (v > (int64_max - d) / 10) {  // stays true once saturated
-            v = int64_max;
-            exact = false;
-        } else {
-            v = v * 10 + d;
-        }
-        ++pos;
-    }
-    out = Piece<Unit>(line.data() + begin, pos - begin);
-    value = v;
-    return pos > begin;
-}
-
-// An optional ",digits": a comma without digits after it fails the match,
-// since only a space may follow a number there.
-template <class Unit>
-bool take_count(Piece<Unit> line, std::size_t& pos, Piece<Unit>& out, std::int64_t& value, bool& exact) noexcept {
-    out = {};
-    value = 1;
-    if (pos < line.size() && line[pos] == Unit(',')) {
-        ++pos;
-        return take_digits(line, pos, out, value, exact);
-    }
-    return true;
-}
-
 }  // namespace detail
 
 // Matches "@@ -D[,D] +D[,D] @@" (D: ASCII digits) at the start of `line`;
-// whatever follows the closing "@@" is ignored.
+// whatever follows the closing "@@" is ignored. One pass with one cursor:
+// every line outside a hunk body comes here.
 template <class Unit>
 std::optional<BasicHunkHeader<Unit>> match_hunk_header(Piece<Unit> line) noexcept {
+    const Unit* p = line.data();
+    const Unit* const end = p + line.size();
+    bool exact = true;
+    const auto literal = [&](std::string_view lit) {
+        if (static_cast<std::size_t>(end - p) < lit.size()) return false;
+        for (const char c : lit)
+            if (*p++ != Unit(c)) return false;
+        return true;
+    };
+    // A run of one or more digits, and its value saturated at INT64_MAX.
+    const auto digits = [&](Piece<Unit>& out, std::int64_t& value) {
+        const Unit* const begin = p;
+        std::int64_t v = 0;
+        for (; p < end && detail::is_digit(*p); ++p) {
+            const int d = static_cast<int>(*p - Unit('0'));
+            if (static_cast<std::size_t>(p - begin) >= detail::safe_digits && v > (detail::int64_max - d) / 10) {
+                v = detail::int64_max;  // stays so once saturated
+                exact = false;
+            } else {
+                v = v * 10 + d;
+            }
+        }
+        out = Piece<Unit>(begin, static_cast<std::size_t>(p - begin));
+        value = v;
+        return p > begin;
+    };
+    // An optional ",digits": a comma without digits after it fails the
+    // match, since only a space may follow a number there.
+    const auto count = [&](Piece<Unit>& out, std::int64_t& value) {
+        if (p < end && *p == Unit(',')) {
+            ++p;
+            return digits(out, value);
+        }
+        return true;
+    };
     BasicHunkHeader<Unit> h;
     Piece<Unit> old_start;
     std::int64_t ignored = 0;
-    bool exact = true;
-    std::size_t pos = 0;
-    if (!detail::take(line, pos, "@@ -") || !detail::take_digits(line, pos, old_start, ignored, exact) ||
-        !detail::take_count(line, pos, h.old_count, h.old_lines, exact) || !detail::take(line, pos, " +") ||
-        !detail::take_digits(line, pos, h.new_start, h.start, exact) ||
-        !detail::take_count(line, pos, h.new_count, h.new_lines, exact) || !detail::take(line, pos, " @@"))
+    if (!literal("@@ -") || !digits(old_start, ignored) || !count(h.old_count, h.old_lines) || !literal(" +") ||
+        !digits(h.new_start, h.start) || !count(h.new_count, h.new_lines) || !literal(" @@"))
         return std::nullopt;
     h.exact = exact;
     return h;
