@@ -251,15 +251,15 @@ inline bool valid_utf8(std::string_view bytes) noexcept {
                 continue;
             }
         }
-        if (end - p >= 16) {  // ASCII sixteen bytes at a time
+        if (end - p >= 16) {  // ASCII sixteen bytes at a time, then to the first byte past it
             const int high = _mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
             if (high == 0) {
                 p += 16;
                 continue;
             }
-            p += std::countr_zero(static_cast<unsigned>(high));  // to the first byte past ASCII
+            p += std::countr_zero(static_cast<unsigned>(high));
         }
-#endif
+#else
         if (end - p >= 8) {  // ASCII eight bytes at a time
             std::uint64_t word;
             std::memcpy(&word, p, 8);
@@ -268,30 +268,36 @@ inline bool valid_utf8(std::string_view bytes) noexcept {
                 continue;
             }
         }
-        const unsigned char c = *p;
-        if (c < 0x80) {
+#endif
+        if (*p < 0x80) {
             ++p;
             continue;
         }
-        std::size_t n;
-        unsigned char lo = 0x80, hi = 0xBF;  // the range of the second byte
-        if (c >= 0xC2 && c <= 0xDF) {
-            n = 2;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            n = 3;
-            if (c == 0xE0) lo = 0xA0;
-            if (c == 0xED) hi = 0x9F;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            n = 4;
-            if (c == 0xF0) lo = 0x90;
-            if (c == 0xF4) hi = 0x8F;
-        } else {
-            return false;
-        }
-        if (static_cast<std::size_t>(end - p) < n || p[1] < lo || p[1] > hi) return false;
-        for (std::size_t i = 2; i < n; ++i)
-            if ((p[i] & 0xC0) != 0x80) return false;
-        p += n;
+        // Sequences one after another while they last: non-Latin names run
+        // to many characters, each of which would start the checks above
+        // again for nothing.
+        do {
+            const unsigned char c = *p;
+            std::size_t n;
+            unsigned char lo = 0x80, hi = 0xBF;  // the range of the second byte
+            if (c >= 0xC2 && c <= 0xDF) {
+                n = 2;
+            } else if (c >= 0xE0 && c <= 0xEF) {
+                n = 3;
+                if (c == 0xE0) lo = 0xA0;
+                if (c == 0xED) hi = 0x9F;
+            } else if (c >= 0xF0 && c <= 0xF4) {
+                n = 4;
+                if (c == 0xF0) lo = 0x90;
+                if (c == 0xF4) hi = 0x8F;
+            } else {
+                return false;
+            }
+            if (static_cast<std::size_t>(end - p) < n || p[1] < lo || p[1] > hi) return false;
+            for (std::size_t i = 2; i < n; ++i)
+                if ((p[i] & 0xC0) != 0x80) return false;
+            p += n;
+        } while (p < end && *p >= 0x80);
     }
     return true;
 }
