@@ -177,6 +177,24 @@ bool split_numstat(Piece<Unit> tok, NumstatFields<Unit>& out) noexcept {
     return true;
 }
 
+// The raw heads among the NUL-separated tokens of `text` (a token that,
+// after its leading line feeds, begins with ':'), counted without cutting
+// the tokens out.
+template <class Unit>
+std::size_t count_heads(Piece<Unit> text) noexcept {
+    std::size_t heads = 0;
+    UnitFinder<Unit> nuls(text.data(), text.size(), Unit(0));
+    const Unit* const end = text.data() + text.size();
+    for (const Unit* start = text.data();;) {
+        const Unit* p = start;
+        while (p < end && *p == Unit('\n')) ++p;
+        heads += p < end && *p == Unit(':');
+        const Unit* nul = nuls.next();
+        if (nul == nullptr) return heads;
+        start = nul + 1;
+    }
+}
+
 }  // namespace detail
 
 // Reads records until the stream is done and reports each one:
@@ -246,14 +264,17 @@ public:
         room_ = 0;
         indexed_ = false;
         ascending_ = true;
+        end_ = nullptr;
         if (size_first) {
-            // Git spends more than min_record_units on every file (a raw head
-            // alone holds two full object names), so this is room for every
-            // record of its output without a second pass over the text to
-            // count them, and at most 28 bytes of room per 96 units of text.
-            // Other text that holds more records grows the buffer as it goes.
-            room_ = rest.size() / min_record_units + 1;
+            // Room for one record per typical_record_units of text: for git's
+            // usual output all of them, without a pass to count them first,
+            // and at most 28 bytes per 96 units. Output denser in records
+            // (short names, short object names) fills it before its end; the
+            // raw heads still to come are counted then, and the buffer grows
+            // once, to its exact size.
+            room_ = rest.size() / typical_record_units + 1;
             out.reserve(room_);
+            end_ = rest.data() + rest.size();
         }
         scan_file_records(stream, *this);
         records_ = nullptr;
@@ -266,6 +287,12 @@ public:
     void raw(Piece<Unit> letter, std::optional<Piece<Unit>> old_path, Piece<Unit> path) {
         if (path.empty()) return;
         std::vector<FileRecord>& records = *records_;
+        if (records.size() == records.capacity() && end_ != nullptr) {
+            const Unit* after = path.data() + path.size();
+            const Piece<Unit> later(after, static_cast<std::size_t>(end_ - after));
+            records.reserve(records.size() + 1 + detail::count_heads(later));
+            end_ = nullptr;
+        }
         if (ascending_ && pending_.empty() && (records.empty() || precedes(path_of(records.back(), base_), path))) {
             records.push_back(new_record(letter, old_path, path));
             ++live_;
@@ -316,10 +343,10 @@ public:
     }
 
 private:
-    // Fewer units of git's output than any one file takes: a raw head is
-    // ":" with two modes, two 40-digit object names, the status and four
-    // separators, and a numstat record and the path tokens follow.
-    static constexpr std::size_t min_record_units = 96;
+    // Units of git's output a file takes at the least in most diffs: a raw
+    // head of about 36 (two modes, two object names abbreviated to nine
+    // digits, the status), a numstat record and the path written twice.
+    static constexpr std::size_t typical_record_units = 96;
     // Below this many paths a linear search beats hashing them.
     static constexpr std::size_t linear_limit = 16;
     static constexpr std::uint32_t pending_bit = 0x80000000u;
@@ -355,6 +382,7 @@ private:
     bool indexed_ = false;   // paths are found through table_
     bool ascending_ = true;  // every path so far sorted after the one before; none searched for yet
     std::size_t room_ = 0;   // records the text may hold: the table's first size
+    const Unit* end_ = nullptr;  // the text's end while the buffer may still need its exact size
     std::size_t live_ = 0;   // paths kept: records and live Pending entries
     std::size_t next_ = 0;   // the record the next numstat record likely names
 
