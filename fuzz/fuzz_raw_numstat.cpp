@@ -1,7 +1,8 @@
 // collect_file_changes against a plain quadratic model of the same rules,
 // so the path table's ordering and tie-breaks are checked on any input; and
 // the same text read as 2- and 4-byte units (each byte widened to one) must
-// give the same records.
+// give the same records; checking paths as UTF-8 (for git's bytes) flags
+// exactly what it must.
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
@@ -96,5 +97,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     same_in_width<char16_t>(text, got);
     same_in_width<char32_t>(text, got);
+
+    // Checking paths as UTF-8 changes no record; valid output passes, and
+    // what passes named only well-formed paths.
+    FileCollector<char> checking;
+    checking.check_utf8();
+    TokenStream again(text);
+    std::vector<FileRecord> checked;
+    checking.collect(again, text.data(), checked);
+    if (checked.size() != got.size() || (valid_utf8(text) && !checking.paths_valid())) std::abort();
+    for (const FileRecord& r : checked)
+        if (checking.paths_valid() && !valid_utf8(path_of(r, text.data()))) std::abort();
     return 0;
 }

@@ -283,9 +283,16 @@ public:
     // Frees the path table (after a large diff, before its records are made).
     void release_table() { std::vector<Bucket>().swap(table_); }
 
+    // For git's own bytes: notes whether every path the collector compares
+    // is well-formed UTF-8, under which paths equal as bytes are exactly the
+    // paths equal as decoded text.
+    void check_utf8() noexcept { check_utf8_ = true; }
+    bool paths_valid() const noexcept { return paths_valid_; }
+
     // scan_file_records' handler.
     void raw(Piece<Unit> letter, std::optional<Piece<Unit>> old_path, Piece<Unit> path) {
         if (path.empty()) return;
+        check(path);
         std::vector<FileRecord>& records = *records_;
         if (records.size() == records.capacity() && end_ != nullptr) {
             const Unit* after = path.data() + path.size();
@@ -323,6 +330,7 @@ public:
         std::vector<FileRecord>& records = *records_;
         std::size_t at = next_;
         if (at >= records.size() || !same(path_of(records[at], base_), path)) {
+            check(path);  // a path the same as a record's was checked with it
             const Where w = find(path);
             if (w.ref == 0) {
                 Pending p{offset(path), static_cast<std::uint32_t>(path.size())};
@@ -379,6 +387,7 @@ private:
     std::vector<FileRecord>* records_ = nullptr;
     std::vector<Pending> pending_;
     std::vector<Bucket> table_;
+    bool check_utf8_ = false, paths_valid_ = true;
     bool indexed_ = false;   // paths are found through table_
     bool ascending_ = true;  // every path so far sorted after the one before; none searched for yet
     std::size_t room_ = 0;   // records the text may hold: the table's first size
@@ -393,6 +402,11 @@ private:
 
     static bool same(Piece<Unit> a, Piece<Unit> b) noexcept {
         return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Unit)) == 0);
+    }
+
+    void check(Piece<Unit> path) noexcept {
+        if constexpr (sizeof(Unit) == 1)
+            if (check_utf8_ && paths_valid_ && !is_ascii(path) && !valid_utf8(path)) paths_valid_ = false;
     }
 
     FileRecord new_record(Piece<Unit> letter, const std::optional<Piece<Unit>>& old_path, Piece<Unit> path) const {

@@ -111,15 +111,17 @@ Ref count_of(const core::FileRecord& r, std::uint32_t exact, bool first, const T
 // FileChange records of the core's records, in order, into `out` (a list
 // or, for a commit, a tuple, of the records' size). `fill`: the records may
 // be filled natively without asking again (no Python code runs meanwhile).
+// `paths_checked`: the collector found every path well-formed UTF-8.
 template <class Unit>
 int fill_file_changes(PyObject* module, const NativeFileChanges& native, const std::vector<core::FileRecord>& records,
-                       const Text<Unit>& text, Collaborator& file_change, bool fill, PyObject* out) {
+                       const Text<Unit>& text, Collaborator& file_change, bool fill, PyObject* out,
+                       bool paths_checked = false) {
     const ModuleState* st = state_of(module);
     const bool is_tuple = PyTuple_Check(out);
     const Unit* base = text.base();
     for (std::size_t i = 0; i < records.size(); ++i) {
         const core::FileRecord& r = records[i];
-        Ref path = text.str(core::path_of(r, base));
+        Ref path = text.str(core::path_of(r, base), paths_checked);
         const std::optional<core::Piece<Unit>> old = core::old_path_of(r, base);
         Ref old_path = old ? text.str(*old) : Ref::borrow(Py_None);
         if (!path || !old_path) return -1;
@@ -147,12 +149,20 @@ bool fits_records(const Text<Unit>& text) {
     return text.view().size() <= core::max_record_text;
 }
 
+// What parsing git's bytes in place gives, or nullopt when a path in them is
+// not well-formed UTF-8: paths that decode alike may then differ as bytes,
+// and the caller parses the decoded text instead.
+using FromBytes = std::optional<Ref>;
+
 template <class Unit>
-Ref file_changes_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
-                                core::BasicTokenStream<Unit>& stream) {
+FromBytes file_changes_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
+                                core::BasicTokenStream<Unit>& stream, bool git_bytes = false) {
     std::vector<core::FileRecord> records;
     try {
-        core::FileCollector<Unit>().collect(stream, text.base(), records);  // its table is gone before the records are made
+        core::FileCollector<Unit> collector;  // its table is gone before the records are made
+        if (git_bytes) collector.check_utf8();
+        collector.collect(stream, text.base(), records);
+        if (!collector.paths_valid()) return std::nullopt;
     } catch (const std::bad_alloc&) {
         return Ref::steal(PyErr_NoMemory());
     }
@@ -163,7 +173,7 @@ Ref file_changes_natively(PyObject* module, const NativeFileChanges& native, con
     const bool fill =
         file_change.is_original() && fills_natively(state_of(module), Record::file_change, file_change.get());
     GcPause pause(fill);
-    if (fill_file_changes(module, native, records, text, file_change, fill, list.get()) < 0) return Ref();
+    if (fill_file_changes(module, native, records, text, file_change, fill, list.get(), git_bytes) < 0) return Ref();
     return list;
 }
 
@@ -300,7 +310,7 @@ PyObject* file_changes(PyObject* module, PyObject* const* a) {
     return with_text(joined.get(), [&](const auto& text) {
         if (!fits_records(text)) return file_changes_through_objects(module, tokens);
         core::BasicTokenStream stream(core::BasicTokenRun{text.view(), count});
-        return file_changes_natively(module, native, text, stream);
+        return *file_changes_natively(module, native, text, stream);
     }).release();
 }
 
@@ -324,7 +334,7 @@ PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
     return with_text(output, [&](const auto& text) {
         if (!fits_records(text)) return file_changes_of_tokens(module, output);
         core::BasicTokenStream stream(text.view());
-        return file_changes_natively(module, native, text, stream);
+        return *file_changes_natively(module, native, text, stream);
     }).release();
 }
 
@@ -357,7 +367,8 @@ Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
 // One pass over the log: each commit's body is read straight off it, by
 // one collector into one buffer of core records that serve every commit.
 template <class Unit>
-Ref commits_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text) {
+FromBytes commits_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
+                           bool git_bytes = false) {
     Ref commits = Ref::steal(PyList_New(0));
     if (!commits) return Ref();
     Collaborator file_change(module, Name::FileChange);
@@ -368,6 +379,7 @@ Ref commits_natively(PyObject* module, const NativeFileChanges& native, const Te
                       fills_natively(st, Record::commit_changes, commit_changes.get());
     GcPause pause(fill);
     core::FileCollector<Unit> collector;
+    if (git_bytes) collector.check_utf8();
     std::vector<core::FileRecord> records;
     core::BasicLogStream<Unit> log(text.view());
     core::Piece<Unit> time_text;
@@ -376,8 +388,10 @@ Ref commits_natively(PyObject* module, const NativeFileChanges& native, const Te
             Ref time = commit_time(time_text, text);
             if (!time) return Ref();
             collector.collect(log, text.base(), records, false);
+            if (!collector.paths_valid()) return std::nullopt;  // the commits so far are dropped, unseen
             Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
-            if (!files || fill_file_changes(module, native, records, text, file_change, fill, files.get()) < 0)
+            if (!files ||
+                fill_file_changes(module, native, records, text, file_change, fill, files.get(), git_bytes) < 0)
                 return Ref();
             PyObject* cls = commit_changes.get();
             if (cls == nullptr) return Ref();
@@ -447,7 +461,7 @@ PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
         return commits_through_objects(module, output).release();
     return with_text(output, [&](const auto& text) {
         if (!fits_records(text)) return commits_through_objects(module, output);
-        return commits_natively(module, native, text);
+        return *commits_natively(module, native, text);
     }).release();
 }
 
@@ -476,18 +490,18 @@ Ref make_two_path_letters(PyObject*, Name) {
     return letters ? Ref::steal(PyFrozenSet_New(letters.get())) : Ref();
 }
 
-// Git's bytes are parsed in place when they are well-formed UTF-8. Otherwise
-// different bytes may decode alike (each invalid sequence to U+FFFD), and
-// paths must be told apart as their decoded text is, so the output is
-// decoded first, as the runner would, and parsed as that str.
+// Git's bytes are parsed in place while every path in them is well-formed
+// UTF-8. Otherwise different bytes may decode alike (each invalid sequence
+// to U+FFFD), and paths must be told apart as their decoded text is, so the
+// output is decoded first, as the runner would, and parsed as that str.
 
 Ref parse_file_changes_from_git(PyObject* module, std::string_view output) {
     NativeFileChanges native(module);
-    if (native.ready && unchanged(module, Name::_file_changes) && output.size() <= core::max_record_text &&
-        core::valid_utf8(output)) {
+    if (native.ready && unchanged(module, Name::_file_changes) && output.size() <= core::max_record_text) {
         const GitText text(output);
         core::TokenStream stream(output);
-        return file_changes_natively<char>(module, native, text, stream);
+        if (FromBytes parsed = file_changes_natively<char>(module, native, text, stream, true))
+            return std::move(*parsed);
     }
     Ref text = decoded(output);
     if (!text) return Ref();
@@ -498,8 +512,9 @@ Ref parse_file_changes_from_git(PyObject* module, std::string_view output) {
 Ref parse_commit_changes_from_git(PyObject* module, std::string_view output) {
     NativeFileChanges native(module);
     if (native.ready && unchanged(module, Name::_file_changes) && unchanged(module, Name::_COMMIT_START) &&
-        output.size() <= core::max_record_text && core::valid_utf8(output))
-        return commits_natively<char>(module, native, GitText(output));
+        output.size() <= core::max_record_text)
+        if (FromBytes parsed = commits_natively<char>(module, native, GitText(output), true))
+            return std::move(*parsed);
     Ref text = decoded(output);
     if (!text) return Ref();
     PyObject* args[] = {text.get()};

@@ -59,7 +59,7 @@ inline bool has_surrogate(std::string_view bytes) {
 // parsers look for is ASCII, the same value in every width), so a piece's
 // offsets are code-point indexes and its str is exactly that substring,
 // surrogates included. Git's own output is read as the UTF-8 bytes it
-// printed when they are well-formed, and a piece's str is then its decoding.
+// printed, and a piece's str is then its decoding.
 template <class Unit>
 class Text {
 public:
@@ -76,16 +76,18 @@ public:
     const Unit* base() const noexcept { return units_.data(); }
     core::Piece<Unit> view() const noexcept { return units_; }
 
-    // The str of a piece of view(); null with an exception set.
-    Ref str(core::Piece<Unit> piece) const {
+    // The str of a piece of view(); null with an exception set. `checked`:
+    // the piece is known to be well-formed UTF-8 (for git's bytes).
+    Ref str(core::Piece<Unit> piece, bool checked = false) const {
         const auto n = static_cast<Py_ssize_t>(piece.size());
         if constexpr (sizeof(Unit) == 1) {
             // Git's bytes: ASCII pieces (most paths) copied as they are,
             // well-formed ones decoded straight into their kind, and only
             // the rest left to the decoder that replaces what is invalid.
             if (source_ == nullptr && !core::is_ascii(piece))
-                return core::valid_utf8(piece) ? decoded(piece)
-                                               : Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
+                return checked || core::valid_utf8(piece)
+                           ? decoded(piece)
+                           : Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
             if (ascii_ || source_ == nullptr) {
                 Ref s = Ref::steal(PyUnicode_New(n, 127));
                 if (s && n) std::memcpy(PyUnicode_DATA(s.get()), piece.data(), piece.size());
@@ -154,9 +156,11 @@ protected:
     core::Piece<Unit> units_;
 };
 
-// Git's output as the bytes it printed; only for well-formed UTF-8, where
-// decoding a piece gives the piece of the decoded whole (git's separators
-// are ASCII) and two pieces are the same text exactly when their bytes are.
+// Git's output as the bytes it printed. Decoding a piece gives the piece of
+// the decoded whole, invalid bytes replaced alike (git's separators are
+// ASCII, which ends any invalid sequence); two pieces are the same text
+// exactly when their bytes are only where both are well-formed UTF-8, which
+// the parsers that compare pieces check.
 class GitText : public Text<char> {
 public:
     explicit GitText(std::string_view bytes) { units_ = bytes; }
