@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 
 #include "core/tokens.hpp"
 #include "git_utils/ref.hpp"
@@ -103,21 +104,10 @@ public:
             std::uint32_t any = 0;
             for (const Unit c : piece) any |= static_cast<std::uint32_t>(c);
             const Py_UCS4 widest = any < 0x80 ? 0x7F : any < 0x100 ? 0xFF : any < 0x10000 ? 0xFFFF : 0x10FFFF;
-            Ref s = Ref::steal(PyUnicode_New(n, widest));
-            if (!s) return s;
-            void* out = PyUnicode_DATA(s.get());
-            switch (PyUnicode_KIND(s.get())) {
-                case PyUnicode_1BYTE_KIND:
-                    narrow<Py_UCS1>(piece, out);
-                    break;
-                case PyUnicode_2BYTE_KIND:
-                    narrow<Py_UCS2>(piece, out);
-                    break;
-                default:
-                    narrow<Py_UCS4>(piece, out);
-                    break;
-            }
-            return s;
+            return new_str(n, widest, [piece](auto* out) {
+                using Out = std::remove_pointer_t<decltype(out)>;
+                for (std::size_t i = 0; i < piece.size(); ++i) out[i] = static_cast<Out>(piece[i]);
+            });
         }
         return Ref::steal(PyUnicode_FromKindAndData(PyUnicode_1BYTE_KIND, piece.data(), n));
     }
@@ -125,33 +115,34 @@ public:
 protected:
     PyObject* source_ = nullptr;  // borrowed; null for git's bytes
 
-    // The str of well-formed UTF-8 that is not all ASCII.
-    static Ref decoded(std::string_view valid) {
-        const core::Utf8Shape shape = core::utf8_shape(valid);
-        Ref s = Ref::steal(PyUnicode_New(static_cast<Py_ssize_t>(shape.length), shape.widest));
+    // A new str of `length` characters in the kind `widest` calls for, its
+    // characters written by fill(out), `out` pointing to that kind's units.
+    template <class Fill>
+    static Ref new_str(Py_ssize_t length, Py_UCS4 widest, Fill fill) {
+        Ref s = Ref::steal(PyUnicode_New(length, widest));
         if (!s) return s;
-        void* out = PyUnicode_DATA(s.get());
+        void* data = PyUnicode_DATA(s.get());
         switch (PyUnicode_KIND(s.get())) {
             case PyUnicode_1BYTE_KIND:
-                core::decode_utf8(valid, static_cast<Py_UCS1*>(out));
+                fill(static_cast<Py_UCS1*>(data));
                 break;
             case PyUnicode_2BYTE_KIND:
-                core::decode_utf8(valid, static_cast<Py_UCS2*>(out));
+                fill(static_cast<Py_UCS2*>(data));
                 break;
             default:
-                core::decode_utf8(valid, static_cast<Py_UCS4*>(out));
+                fill(static_cast<Py_UCS4*>(data));
                 break;
         }
         return s;
     }
 
-    // Copies the units of `piece` into `out`, each made an `Out`, which
-    // holds every one of them.
-    template <class Out>
-    static void narrow(core::Piece<Unit> piece, void* out) {
-        auto* o = static_cast<Out*>(out);
-        for (std::size_t i = 0; i < piece.size(); ++i) o[i] = static_cast<Out>(piece[i]);
+    // The str of well-formed UTF-8 that is not all ASCII.
+    static Ref decoded(std::string_view valid) {
+        const core::Utf8Shape shape = core::utf8_shape(valid);
+        return new_str(static_cast<Py_ssize_t>(shape.length), shape.widest,
+                       [valid](auto* out) { core::decode_utf8(valid, out); });
     }
+
     bool ascii_ = false;
     core::Piece<Unit> units_;
 };
