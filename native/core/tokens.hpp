@@ -11,7 +11,10 @@
 #include <string_view>
 #include <type_traits>
 
-#if defined(__SSE2__)
+// Every x86-64 processor has SSE2: GCC and Clang say so with __SSE2__,
+// MSVC with _M_X64 (or _M_IX86_FP of 2 on 32-bit x86).
+#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
+#define GU_HAVE_SSE2 1
 #include <emmintrin.h>
 #include <xmmintrin.h>
 #endif
@@ -62,7 +65,7 @@ private:
     void load() noexcept {
         const Unit* p = begin_ + block_;
         const std::size_t n = size_ - block_;
-#if defined(__SSE2__)
+#if defined(GU_HAVE_SSE2)
         // Wide strs are megabytes of units read once: ask for the blocks
         // ahead before they are needed (a hint, never a fault past the end).
         const std::uintptr_t ahead = reinterpret_cast<std::uintptr_t>(p) + prefetch_units * sizeof(Unit);
@@ -77,7 +80,7 @@ private:
         return m;
     }
 
-#if defined(__SSE2__)
+#if defined(GU_HAVE_SSE2)
     // Sixteen units of the block at `p` to sixteen bits.
     std::uint64_t mask16(const Unit* p) const noexcept {
         const auto load = [p](std::size_t i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p) + i); };
@@ -123,7 +126,7 @@ inline bool precedes(Piece<Unit> a, Piece<Unit> b) noexcept {
     const auto* pa = reinterpret_cast<const unsigned char*>(a.data());
     const auto* pb = reinterpret_cast<const unsigned char*>(b.data());
     std::size_t i = 0;
-#if defined(__SSE2__)
+#if defined(GU_HAVE_SSE2)
     for (; i + 16 <= n; i += 16) {
         const int same = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pa + i)),
                                                           _mm_loadu_si128(reinterpret_cast<const __m128i*>(pb + i))));
@@ -241,7 +244,7 @@ inline bool valid_utf8(std::string_view bytes) noexcept {
     const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
     const auto* const end = p + bytes.size();
     while (p < end) {
-#if defined(__SSE2__)
+#if defined(GU_HAVE_SSE2)
         if (end - p >= 64) {  // ASCII sixty-four bytes at a time
             const auto* v = reinterpret_cast<const __m128i*>(p);
             const __m128i any = _mm_or_si128(_mm_or_si128(_mm_loadu_si128(v), _mm_loadu_si128(v + 1)),
