@@ -124,6 +124,15 @@ void test_utf8_shapes() {
         decode_utf8(r.bytes, got.data());
         CHECK(shape.widest == r.widest && got == r.want);
     }
+    // A bad byte, then a good sequence, at every place across the runs of
+    // ASCII that the check skips sixty-four, sixteen or eight bytes at a time.
+    for (std::size_t at = 0; at < 80; ++at) {
+        std::string text(80, 'a');
+        text[at] = '\xff';
+        CHECK(!valid_utf8(text));
+        text.replace(at, 1, "\xc3\xa9");
+        CHECK(valid_utf8(text));
+    }
 }
 
 // File records, in every unit width.
