@@ -17,9 +17,24 @@
 #define GU_HAVE_SSE2 1
 #include <emmintrin.h>
 #include <xmmintrin.h>
+#elif defined(__ARM_NEON) && defined(__aarch64__)
+#define GU_HAVE_NEON 1
+#include <arm_neon.h>
 #endif
 
 namespace gu::core {
+
+// Asks for the memory at `address` ahead of its use: a hint, never a fault,
+// wherever it points.
+inline void prefetch(std::uintptr_t address) noexcept {
+#if defined(__GNUC__)
+    __builtin_prefetch(reinterpret_cast<const void*>(address));
+#elif defined(GU_HAVE_SSE2)
+    _mm_prefetch(reinterpret_cast<const char*>(address), _MM_HINT_T0);
+#else
+    (void)address;
+#endif
+}
 
 // A piece of text in the code units the parsers read: bytes (git's UTF-8
 // output, or a str of one byte per character) or the 2- and 4-byte units of
@@ -65,12 +80,9 @@ private:
     void load() noexcept {
         const Unit* p = begin_ + block_;
         const std::size_t n = size_ - block_;
-#if defined(GU_HAVE_SSE2)
         // Wide strs are megabytes of units read once: ask for the blocks
-        // ahead before they are needed (a hint, never a fault past the end).
-        const std::uintptr_t ahead = reinterpret_cast<std::uintptr_t>(p) + prefetch_units * sizeof(Unit);
-        _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T0);
-#endif
+        // ahead before they are needed.
+        prefetch(reinterpret_cast<std::uintptr_t>(p) + prefetch_units * sizeof(Unit));
         bits_ = n >= 64 ? full_mask(p) : tail_mask(p, n);
     }
 
@@ -101,6 +113,37 @@ private:
 
     std::uint64_t full_mask(const Unit* p) const noexcept {
         return mask16(p) | mask16(p + 16) << 16 | mask16(p + 32) << 32 | mask16(p + 48) << 48;
+    }
+#elif defined(GU_HAVE_NEON)
+    // Sixteen units of the block at `p` as sixteen bytes: 0xFF where the
+    // unit is the value, else 0 (compared whole, then narrowed).
+    uint8x16_t equal16(const Unit* p) const noexcept {
+        if constexpr (sizeof(Unit) == 1) {
+            const uint8x16_t u = vdupq_n_u8(static_cast<std::uint8_t>(unit_));
+            return vceqq_u8(vld1q_u8(reinterpret_cast<const std::uint8_t*>(p)), u);
+        } else if constexpr (sizeof(Unit) == 2) {
+            const auto* q = reinterpret_cast<const std::uint16_t*>(p);
+            const uint16x8_t u = vdupq_n_u16(static_cast<std::uint16_t>(unit_));
+            return vcombine_u8(vmovn_u16(vceqq_u16(vld1q_u16(q), u)), vmovn_u16(vceqq_u16(vld1q_u16(q + 8), u)));
+        } else {
+            const auto* q = reinterpret_cast<const std::uint32_t*>(p);
+            const uint32x4_t u = vdupq_n_u32(static_cast<std::uint32_t>(unit_));
+            const auto eight = [q, u](std::size_t i) {
+                return vcombine_u16(vmovn_u32(vceqq_u32(vld1q_u32(q + i), u)),
+                                    vmovn_u32(vceqq_u32(vld1q_u32(q + i + 4), u)));
+            };
+            return vcombine_u8(vmovn_u16(eight(0)), vmovn_u16(eight(8)));
+        }
+    }
+
+    // Each byte of a comparison keeps its own one of eight bits, and three
+    // rounds of pairwise sums gather the sixty-four into one word, unit i
+    // at bit i.
+    std::uint64_t full_mask(const Unit* p) const noexcept {
+        const uint8x16_t bit = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
+        const auto bits = [this, p, bit](std::size_t i) { return vandq_u8(equal16(p + 16 * i), bit); };
+        const uint8x16_t sum = vpaddq_u8(vpaddq_u8(bits(0), bits(1)), vpaddq_u8(bits(2), bits(3)));
+        return vgetq_lane_u64(vreinterpretq_u64_u8(vpaddq_u8(sum, sum)), 0);
     }
 #else
     std::uint64_t full_mask(const Unit* p) const noexcept { return tail_mask(p, 64); }
