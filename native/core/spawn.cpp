@@ -9,7 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <chrono>
 #include <cmath>
 #include <ctime>
@@ -119,6 +121,66 @@ constexpr short kOwnGroup = POSIX_SPAWN_SETSID;
 constexpr short kOwnGroup = POSIX_SPAWN_SETPGROUP;
 #endif
 
+#if defined(__GLIBC__) && defined(__linux__)
+// Whether the host ignores signal `sig`, asked of the kernel: glibc's own
+// sigaction refuses its internal signals. Every kernel layout of the
+// structure begins with the handler except MIPS's, which begins with flags.
+bool host_ignores(int sig) noexcept {
+#if defined(SYS_rt_sigaction) && !defined(__mips__)
+    unsigned long action[8] = {};  // larger than any architecture's layout
+    constexpr long kKernelSetBytes = 8;  // 64 signals outside MIPS
+    if (::syscall(SYS_rt_sigaction, sig, nullptr, action, kKernelSetBytes) != 0)
+        return false;
+    return action[0] == reinterpret_cast<unsigned long>(SIG_IGN);
+#else
+    (void)sig;
+    return false;
+#endif
+}
+#endif
+
+// The children started and not yet reaped, each beside the process that
+// started it (a fork's copy of the table is not its own): at the host's exit,
+// a thread that waits for git never comes back to reap it, and
+// kill_unfinished ends what it started. A full table leaves a child out.
+class LiveChildren {
+public:
+    void add(pid_t child) noexcept {
+        const std::uint64_t entry = pack(child);
+        for (auto& slot : slots_) {
+            std::uint64_t empty = 0;
+            if (slot.compare_exchange_strong(empty, entry, std::memory_order_relaxed)) return;
+        }
+    }
+    void remove(pid_t child) noexcept {
+        const std::uint64_t entry = pack(child);
+        for (auto& slot : slots_) {
+            std::uint64_t found = entry;
+            if (slot.compare_exchange_strong(found, 0, std::memory_order_relaxed)) return;
+        }
+    }
+    void kill_all() noexcept {
+        const std::uint64_t mine = pack(0);
+        for (auto& slot : slots_) {
+            const std::uint64_t entry = slot.load(std::memory_order_relaxed);
+            if (entry == 0 || (entry & ~kPidMask) != mine) continue;
+            const auto child = static_cast<pid_t>(entry & kPidMask);
+            ::kill(-child, SIGKILL);
+            ::kill(child, SIGKILL);
+        }
+    }
+
+private:
+    static constexpr std::uint64_t kPidMask = 0xffffffffu;
+    static std::uint64_t pack(pid_t child) noexcept {
+        return static_cast<std::uint64_t>(static_cast<std::uint32_t>(::getpid())) << 32 |
+               static_cast<std::uint32_t>(child);
+    }
+    std::atomic<std::uint64_t> slots_[64] = {};
+};
+
+LiveChildren live_children;
+
 class SpawnSetup {
 public:
     SpawnSetup(int out_w, int err_w, int cwd_fd) {
@@ -130,10 +192,14 @@ public:
         sigaddset(&defaults, SIGXFSZ);
 #if defined(__GLIBC__) && defined(__linux__)
         // glibc's spawn helper ignores its two internal signals (32 and 33)
-        // in the child, and an ignored signal stays ignored across exec;
-        // the interpreter's own spawner leaves them at default. sigaddset
-        // refuses them, so set their bits directly.
-        defaults.__val[0] |= (1UL << (32 - 1)) | (1UL << (33 - 1));
+        // in the child unless told to default them, and an ignored signal
+        // stays ignored across exec. The interpreter's spawner (fork, exec)
+        // leaves each as exec leaves it: ignored where the host ignores it
+        // (a host itself started by posix_spawn), default otherwise. So
+        // default those the host does not ignore; sigaddset refuses them,
+        // so their bits are set directly.
+        for (const int internal : {32, 33})
+            if (!host_ignores(internal)) defaults.__val[0] |= 1UL << (internal - 1);
 #endif
         error_ = ::posix_spawn_file_actions_adddup2(&actions_, out_w, 1);
         if (!error_) error_ = ::posix_spawn_file_actions_adddup2(&actions_, err_w, 2);
@@ -192,6 +258,13 @@ Child& Child::operator=(Child&& o) noexcept {
 
 Child::~Child() { close_all(); }
 
+void Child::forget_pid() noexcept {
+    live_children.remove(pid_);
+    pid_ = -1;
+}
+
+void kill_unfinished() noexcept { live_children.kill_all(); }
+
 void Child::close_all() noexcept {
     if (pid_ > 0) {
         // Git's pid can't be reused while git is unreaped, so the group it
@@ -200,7 +273,7 @@ void Child::close_all() noexcept {
         ::kill(pid_, SIGKILL);
         int status = 0;
         reap(pid_, status);
-        pid_ = -1;
+        forget_pid();
     }
     close_fd(out_fd_);
     close_fd(err_fd_);
@@ -219,6 +292,11 @@ Child start(const SpawnSpec& spec) {
     // refusal against the directory; checking here gives the same errors.
     int cwd_fd = ::open(spec.cwd.c_str(), kDirectoryOpen);
     if (cwd_fd < 0) return fail(StartFailure::cwd, errno);
+    // With standard output or error closed in the host, the directory would
+    // take that number, and the child's dup2 of a pipe onto it would replace
+    // the directory before the change into it.
+    cwd_fd = above_stdio(cwd_fd);
+    if (cwd_fd < 0) return fail(StartFailure::system, errno);
     if (::faccessat(AT_FDCWD, spec.cwd.c_str(), X_OK, AT_EACCESS) != 0) {
         const int err = errno;
         ::close(cwd_fd);
@@ -273,6 +351,7 @@ Child start(const SpawnSpec& spec) {
         return fail(StartFailure::program, first_error ? first_error : last_error);
     }
     child.pid_ = pid;
+    live_children.add(pid);
     child.out_fd_ = out[0];
     child.err_fd_ = err[0];
     // Opened now, while git starts up, rather than after its output ended:
@@ -389,7 +468,7 @@ struct Waiter {
         }
         while (child.pid_ > 0) {
             if (::waitpid(child.pid_, &last_status, 0) >= 0 || errno != EINTR) {
-                child.pid_ = -1;
+                child.forget_pid();
             } else if (interrupted()) {
                 return Outcome::interrupted;
             }
@@ -433,7 +512,7 @@ struct Waiter {
             if (r == 0) return false;
             if (r > 0 || errno != EINTR) {
                 if (r < 0) last_status = 0;
-                child.pid_ = -1;
+                child.forget_pid();
                 return true;
             }
         }

@@ -45,12 +45,12 @@ public:
 
     StartFailure failure() const noexcept { return failure_; }
     int error() const noexcept { return error_; }
-    pid_t pid() const noexcept { return pid_; }
 
 private:
     friend Child start(const SpawnSpec& spec);
     friend struct Waiter;
     void close_all() noexcept;
+    void forget_pid() noexcept;  // reaped: off the table of live children
 
     pid_t pid_ = -1;
     int out_fd_ = -1;
@@ -87,5 +87,10 @@ struct Finished {
 // the time is up is killed with SIGKILL, its whole group with it, reaped,
 // and its output dropped.
 Finished finish(Child& child, double timeout_seconds, Interrupt interrupt);
+
+// Kills, with their groups, the children this process started and has not
+// reaped yet: for a process that exits while threads still wait for git.
+// Async-signal-safe and lock-free.
+void kill_unfinished() noexcept;
 
 }  // namespace gu::core

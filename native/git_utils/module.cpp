@@ -4,9 +4,13 @@
 // definition (found by the name) makes.
 #include <Python.h>
 
+#include <atomic>
 #include <iterator>
 #include <variant>
 
+#ifndef _WIN32
+#include "core/spawn.hpp"
+#endif
 #include "git_utils/changes.hpp"
 #include "git_utils/function.hpp"
 #include "git_utils/helpers.hpp"
@@ -171,8 +175,25 @@ int init_state(PyObject* module) {
     return st->os_get_exec_path ? 0 : -1;
 }
 
+#ifndef _WIN32
+// At the host's exit, a daemon thread that waits for git never comes back
+// (the interpreter parks or ends it when it asks for the lock), so the gits
+// such threads started are killed when the interpreter has finalized.
+void kill_unfinished_at_exit() { core::kill_unfinished(); }
+
+// Once per process; where the interpreter's table of exit functions is full
+// the module still loads, without this.
+void register_exit_kill() {
+    static std::atomic<bool> registered{false};
+    if (!registered.exchange(true)) (void)Py_AtExit(kill_unfinished_at_exit);
+}
+#endif
+
 int exec_module(PyObject* module) {
     if (init_state(module) < 0) return -1;
+#ifndef _WIN32
+    register_exit_kill();
+#endif
     // As many definitions as names, and each name finds one: each is defined once.
     std::size_t defined = std::size(kNamespace);
     for (const std::span<const FunctionDef> table : kFunctionTables) defined += table.size();

@@ -13,6 +13,7 @@
 #include "git_utils/helpers.hpp"
 #include "git_utils/runner.hpp"
 #include "git_utils/state.hpp"
+#include "git_utils/unlocked.hpp"
 
 namespace gu {
 namespace {
@@ -196,10 +197,10 @@ int git_entry_exists_natively(PyObject* candidate, bool ignore_errors) {
     struct stat info;
     int rc = 0;
     int err = 0;
-    Py_BEGIN_ALLOW_THREADS
-    rc = stat(raw, &info);
-    err = errno;
-    Py_END_ALLOW_THREADS
+    run_unlocked([&](PyThreadState*&) {
+        rc = stat(raw, &info);
+        err = errno;
+    });
     if (rc == 0) return 1;
     if (ignore_errors || err == ENOENT || err == ENOTDIR || err == EBADF || err == ELOOP) return 0;
     errno = err;

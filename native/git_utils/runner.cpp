@@ -10,6 +10,7 @@
 #include "git_utils/helpers.hpp"
 #include "git_utils/log_line.hpp"
 #include "git_utils/state.hpp"
+#include "git_utils/unlocked.hpp"
 
 #ifndef _WIN32
 #include "core/spawn.hpp"
@@ -249,18 +250,12 @@ int prepare(const ModuleState* st, PyObject* argv, PyObject* cwd, core::SpawnSpe
     return PyErr_Occurred() ? -1 : 1;
 }
 
-struct WaitContext {
-    PyThreadState* saved;
-};
-
-// A signal interrupted the wait: run the interpreter's handlers; a handler
-// that raised (Ctrl-C) stops the wait, and the exception propagates.
-bool check_signals(void* context) {
-    auto* c = static_cast<WaitContext*>(context);
-    PyEval_RestoreThread(c->saved);
-    const bool raised = PyErr_CheckSignals() < 0;
-    c->saved = PyEval_SaveThread();
-    return raised;
+// A signal interrupted the wait: run the interpreter's handlers, with the
+// lock taken back for the moment; a handler that raised (Ctrl-C) stops the
+// wait, and the exception propagates.
+bool check_signals(void* saved) {
+    Relock lock(*static_cast<PyThreadState**>(saved));
+    return PyErr_CheckSignals() < 0;
 }
 
 Ref decode(core::ByteBuffer& bytes) {
@@ -281,32 +276,30 @@ Ref raise_errno(int err, PyObject* filename) {
 Ref run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObject* argv, PyObject* cwd,
                        PyObject* timeout, PyObject* args, core::ByteBuffer* capture) {
     if (PySys_Audit("subprocess.Popen", "OOOO", PyList_GET_ITEM(argv, 0), argv, cwd, Py_None) < 0) return Ref();
-    core::Child child;
+    // The child lives inside the unlocked work, so that however the work
+    // ends (an allocation failure, the thread ended at exit) git is killed
+    // and reaped before anything else happens.
+    core::StartFailure failure = core::StartFailure::none;
+    int error = 0;
     core::Finished done;
-    bool out_of_memory = false;
-    WaitContext wait{PyEval_SaveThread()};
-    try {
-        child = core::start(spec);
-        if (child.failure() == core::StartFailure::none)
-            done = core::finish(child, seconds, core::Interrupt{check_signals, &wait});
-    } catch (const std::bad_alloc&) {
-        out_of_memory = true;
-        child = core::Child();  // kills and reaps a started child
-    }
-    PyEval_RestoreThread(wait.saved);
-    if (out_of_memory) return Ref::steal(PyErr_NoMemory());
+    run_unlocked([&](PyThreadState*& saved) {
+        core::Child child = core::start(spec);
+        failure = child.failure();
+        error = child.error();
+        if (failure == core::StartFailure::none) done = core::finish(child, seconds, core::Interrupt{check_signals, &saved});
+    });
 
-    switch (child.failure()) {
+    switch (failure) {
         case core::StartFailure::none:
             break;
         case core::StartFailure::cwd:
-            if (child.error() == ENOENT) return not_found(module, args);
-            return raise_errno(child.error(), cwd);
+            if (error == ENOENT) return not_found(module, args);
+            return raise_errno(error, cwd);
         case core::StartFailure::program:
-            if (child.error() == ENOENT) return not_found(module, args);
-            return raise_errno(child.error(), PyList_GET_ITEM(argv, 0));
+            if (error == ENOENT) return not_found(module, args);
+            return raise_errno(error, PyList_GET_ITEM(argv, 0));
         case core::StartFailure::system:
-            return raise_errno(child.error(), nullptr);
+            return raise_errno(error, nullptr);
     }
     switch (done.outcome) {
         case core::Outcome::exited:

@@ -1,0 +1,73 @@
+// Work done with the interpreter's lock released, and the lock taken back.
+//
+// A daemon thread that takes the lock back while the interpreter finalizes
+// never returns to Python. Up to 3.13 the interpreter ends such a thread with
+// pthread_exit, which on glibc unwinds the thread's stack as an exception
+// would: every frame above would run its destructors, and our owning handles
+// would release Python objects without the lock, at exit. Here the unwind
+// stops at the boundary and the thread parks for good, as 3.14 and later park
+// it themselves; what `work` owned (a started git, with its pipes) has been
+// released by then, its destructors run on the way.
+#pragma once
+
+#include <Python.h>
+
+#include <unistd.h>
+
+#if defined(__GLIBCXX__) && defined(__linux__)
+#include <cxxabi.h>
+#define GITUTILS_FORCED_UNWIND 1
+#endif
+
+namespace gu {
+
+// The thread is done with Python for good: it waits until the process exits.
+[[noreturn]] inline void park_thread() {
+    for (;;) ::pause();
+}
+
+// The lock, taken back inside `work` for a moment (through the state that
+// run_unlocked hands it) and released again.
+class Relock {
+public:
+    explicit Relock(PyThreadState*& saved) : saved_(saved) { PyEval_RestoreThread(saved_); }
+    ~Relock() { saved_ = PyEval_SaveThread(); }
+    Relock(const Relock&) = delete;
+    Relock& operator=(const Relock&) = delete;
+
+private:
+    PyThreadState*& saved_;
+};
+
+// Calls work(saved) with the lock released, where `saved` is the thread state
+// a Relock inside takes the lock back with; returns with the lock held.
+// Any other C++ exception from `work` is rethrown with the lock held.
+template <class Work>
+void run_unlocked(Work&& work) {
+    PyThreadState* saved = PyEval_SaveThread();
+#ifdef GITUTILS_FORCED_UNWIND
+    try {
+        work(saved);
+    } catch (const abi::__forced_unwind&) {
+        park_thread();
+    } catch (...) {
+        PyEval_RestoreThread(saved);
+        throw;
+    }
+    try {
+        PyEval_RestoreThread(saved);
+    } catch (const abi::__forced_unwind&) {
+        park_thread();
+    }
+#else
+    try {
+        work(saved);
+    } catch (...) {
+        PyEval_RestoreThread(saved);
+        throw;
+    }
+    PyEval_RestoreThread(saved);
+#endif
+}
+
+}  // namespace gu
