@@ -59,7 +59,9 @@ def test_parse_file_changes(output, expected):
 
 
 @pytest.mark.parametrize("field, expected", [("3", 3), ("007", 7), ("-", 0), ("", 0), ("1a", 0), (" 1", 0), ("+1", 0),
-                                             ("-1", 0), ("1.0", 0), ("98765432109876543210", 98765432109876543210)])
+                                             ("-1", 0), ("1.0", 0), ("98765432109876543210", 98765432109876543210),
+                                             # not a str: the truth test, then its own isdigit and int
+                                             (None, 0), (0, 0), ([], 0), (b"12", 12), (b"1a", 0)])
 def test_line_count(field, expected):
     assert gu._line_count(field) == expected and type(gu._line_count(field)) is int
 

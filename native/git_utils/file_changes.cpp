@@ -338,9 +338,19 @@ PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
     }).release();
 }
 
+// `int(field) if field and field.isdigit() else 0` for a field that is no
+// str, through its own methods: None, 0 or [] count 0, b"12" counts 12.
+Ref line_count_of_object(PyObject* field) {
+    const int nonempty = PyObject_IsTrue(field);
+    if (nonempty <= 0) return nonempty < 0 ? Ref() : Ref::steal(PyLong_FromLong(0));
+    const int digits = truth(call_method(field, "isdigit"));
+    if (digits < 0) return Ref();
+    return Ref::steal(digits ? PyNumber_Long(field) : PyLong_FromLong(0));
+}
+
 PyObject* line_count(PyObject*, PyObject* const* a) {
     PyObject* field = a[0];
-    if (!PyUnicode_Check(field)) return line_count_of_str(field).release();  // through its own methods
+    if (!PyUnicode_Check(field)) return line_count_of_object(field).release();
     return with_text(field, [](const auto& text) { return line_count_of(text.view(), text).release(); });
 }
 
