@@ -141,11 +141,12 @@ def test_patch_path(name, expected):
         ("\\\n", "\n"), ("\\z\\é", "zé"), ("\\303", "\ufffd"), ("\\377\\000", "\ufffd\x00"), ("é\\303\\251", "éé"),
         ("\\\\303", "\\303"), ("\\3031", "\ufffd1"), ("\\360\\237\\230\\200!", "\U0001f600!"),
         ("\\400", ValueError), ("ok\\777", ValueError), ("\\303\\251\\401", ValueError),  # above a byte
+        (("a\\tb",), TypeError), ((), TypeError),  # handed to the pattern whole, as finditer(text) takes it
     ],
 )
 def test_unquote(text, expected):
-    if expected is ValueError:
-        pytest.raises(ValueError, gu._unquote, text)
+    if isinstance(expected, type):
+        pytest.raises(expected, gu._unquote, text)
     else:
         assert gu._unquote(text) == expected
 

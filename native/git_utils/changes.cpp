@@ -130,7 +130,7 @@ PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
         // result.update(spans): a later batch's list replaces an earlier one's
         const int merged = PyDict_Check(spans.get())
                                ? PyDict_Update(result.get(), spans.get())
-                               : (call_method(result.get(), "update", "O", spans.get()) ? 0 : -1);
+                               : (call_method(result.get(), "update", spans.get()) ? 0 : -1);
         if (merged < 0) return nullptr;
     }
     return PyErr_Occurred() ? nullptr : result.release();

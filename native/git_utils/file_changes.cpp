@@ -317,7 +317,7 @@ PyObject* file_changes(PyObject* module, PyObject* const* a) {
 // output.split("\x00"), with the errors of that call for a non-str.
 Ref nul_tokens(PyObject* output) {
     Ref nul = Ref::steal(PyUnicode_FromStringAndSize("\0", 1));
-    return nul ? call_method(output, "split", "O", nul.get()) : Ref();
+    return nul ? call_method(output, "split", nul.get()) : Ref();
 }
 
 Ref file_changes_of_tokens(PyObject* module, PyObject* output) {
@@ -443,7 +443,7 @@ Ref commits_through_objects(PyObject* module, PyObject* output) {
     while (Ref token = Ref::steal(PyIter_Next(iterator.get()))) {
         Ref stripped = call_method(token.get(), "lstrip", "s", "\n");
         if (!stripped || commit_start.get() == nullptr) return Ref();
-        const int header = truth(call_method(stripped.get(), "startswith", "O", commit_start.get()));
+        const int header = truth(call_method(stripped.get(), "startswith", commit_start.get()));
         if (header < 0) return Ref();
         if (header) {
             if (time && close_commit(module, time.get(), body.get(), file_changes, commit_changes, commits.get()) < 0)

@@ -24,6 +24,13 @@ Ref call_method(PyObject* o, const char* name, const char* format = nullptr, Arg
     return Ref::steal(PyObject_CallMethod(o, name, format, args...));
 }
 
+// o.name(arg) with `arg` as the one argument, whatever it is: the "O"
+// format of PyObject_CallMethod would spread a tuple into several.
+inline Ref call_method(PyObject* o, const char* name, PyObject* arg) {
+    Ref method = text(name);
+    return method ? Ref::steal(PyObject_CallMethodOneArg(o, method.get(), arg)) : Ref();
+}
+
 // f(*args). The slot before the arguments lets a bound method's call reuse
 // the array for its self.
 template <class... Args>

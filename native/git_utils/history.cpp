@@ -100,7 +100,7 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     // A replaced runner's stdout that is not a str (bytes, say) splits, or
     // fails to, as the object's own split does.
     Ref lines = PyUnicode_CheckExact(body.get()) ? Ref::steal(PyUnicode_Split(body.get(), newline.get(), -1))
-                                            : call_method(body.get(), "split", "O", newline.get());
+                                            : call_method(body.get(), "split", newline.get());
     if (lines && !PyList_Check(lines.get())) {
         PyErr_Format(PyExc_TypeError, "split() gave %.200s, not a list of str", Py_TYPE(lines.get())->tp_name);
         return nullptr;

@@ -121,7 +121,7 @@ int append_escape(PyObject* code, PyObject* escapes, std::string& out) {
 Ref unquote_through_objects(PyObject* module, PyObject* text) {
     Ref pattern = lookup(module, Name::_C_ESCAPE);
     if (!pattern) return Ref();
-    Ref matches = call_method(pattern.get(), "finditer", "O", text);
+    Ref matches = call_method(pattern.get(), "finditer", text);
     if (!matches) return Ref();
     Ref iterator = Ref::steal(PyObject_GetIter(matches.get()));
     if (!iterator) return Ref();
@@ -414,7 +414,7 @@ private:
 
     std::optional<std::pair<std::int64_t, std::int64_t>> header_through_pattern(Piece line) {
         Ref text = text_.str(line);
-        Ref match = text && header_pattern_.get() ? call_method(header_pattern_.get(), "match", "O", text.get()) : Ref();
+        Ref match = text && header_pattern_.get() ? call_method(header_pattern_.get(), "match", text.get()) : Ref();
         const int matched = truth(match);  // None, or a match (always true)
         if (matched <= 0) {
             failed_ = matched < 0;

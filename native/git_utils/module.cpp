@@ -62,7 +62,7 @@ struct Entry {
 Ref make_logger(PyObject* module, Name) {
     Ref logging = lookup(module, Name::logging);
     if (!logging) return Ref();
-    return call_method(logging.get(), "getLogger", "O", state_of(module)->module_name);
+    return call_method(logging.get(), "getLogger", state_of(module)->module_name);
 }
 
 Ref make_error_class(PyObject* module, Name) {

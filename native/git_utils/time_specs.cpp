@@ -150,7 +150,7 @@ int match_relative(PyObject* module, const Spec& spec, Relative& rel) {
     }
     Ref text = spec_object(spec);
     if (!text) return -1;
-    Ref match = call_method(pattern.get(), "fullmatch", "O", text.get());
+    Ref match = call_method(pattern.get(), "fullmatch", text.get());
     if (!match) return -1;
     if (match.get() == Py_None) return 0;
     Ref digits = call_method(match.get(), "group", "i", 1);
