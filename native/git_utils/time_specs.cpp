@@ -225,6 +225,10 @@ constexpr long long kSecondsPerDay = 86'400;
 constexpr long long kMaxDeltaDays = 999'999'999;  // timedelta.max.days
 // Counts up to this times a week's seconds still fit a long long.
 constexpr unsigned long long kMaxNativeCount = 10'000'000'000'000ULL;
+// int() of a str reads this many digits whatever the interpreter's limit on
+// them (sys.set_int_max_str_digits accepts nothing lower but 0, no limit);
+// a longer count, leading zeros and all, goes through int() and its limit.
+constexpr std::size_t kDigitsBelowAnyLimit = 640;
 
 // localtime_r as datetime's own calls make it: a failure is an OSError.
 bool local_time(time_t t, std::tm& out) {
@@ -270,6 +274,7 @@ long long unit_seconds(PyObject* unit_name) {
 std::optional<Ref> native_relative(const PyDateTime_CAPI* api, std::string_view digits, PyObject* unit_name) {
     const long long unit = unit_seconds(unit_name);
     if (unit == 0) return std::nullopt;
+    if (digits.size() > kDigitsBelowAnyLimit) return std::nullopt;
     unsigned long long count = 0;
     for (const char c : digits) {
         count = count * 10 + static_cast<unsigned>(c - '0');
