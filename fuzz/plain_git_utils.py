@@ -166,17 +166,20 @@ def get_default_branch(repo_root: Path) -> str:
     if code == 0 and out.strip():
         return out.strip().removeprefix("refs/remotes/origin/")
     for name in ("main", "master"):
-        if run_git_command(repo_root, ["rev-parse", "--verify", name])[2] == 0:
+        _, _, code = run_git_command(repo_root, ["rev-parse", "--verify", name])
+        if code == 0:
             return name
     return "main"
 
 
 def branch_exists(repo_root: Path, branch: str) -> bool:
     """Whether git resolves branch, or origin/branch."""
-    if run_git_command(repo_root, ["rev-parse", "--verify", branch])[2] == 0:
+    _, _, code = run_git_command(repo_root, ["rev-parse", "--verify", branch])
+    if code == 0:
         return True
     if not branch.startswith("origin/"):
-        return run_git_command(repo_root, ["rev-parse", "--verify", "origin/" + branch])[2] == 0
+        _, _, code = run_git_command(repo_root, ["rev-parse", "--verify", "origin/" + branch])
+        return code == 0
     return False
 
 
