@@ -57,7 +57,8 @@ def odd_values(repo: Path) -> dict[str, list]:  # by the kind of parameter
         "path": anything + [Path("a\0b"), Path("\ud800"), Path("/nonexistent/x"), str(repo), repo / "keep.txt",
                             b"/tmp"],
         "text": anything + [Path("main"), "\udcff", "-h", "x" * 100_000, "99999999999999999999d", "\x1e\0\t:",
-                            '"\\377\\', "@@ -1 +1 @@"],
+                            '"\\377\\', "@@ -1 +1 @@",
+                            "0" * 5000 + "1d", "+++ a\n@@ -1 +1," + "0" * 5000 + " @@"],  # beyond int()'s digits
         "int": anything + [-10**100, 0, True, float("nan"), float("inf"), 2**63, -2**63 - 1, "7"],
         "bool": anything,
         "moment": anything + [dt.datetime.max, dt.datetime.min, dt.datetime(2026, 1, 1, tzinfo=dt.timezone.max),
