@@ -50,7 +50,8 @@ class Hostile:  # fails every conversion, comparison and protocol
 
 def odd_values(repo: Path) -> dict[str, list]:  # by the kind of parameter
     anything = [None, b"main", 10**100, -1, 3.5, "a\0b", "\ud800", "", [], (), {}, object(), Hostile(),
-                0, False, 0.0, b"", bytearray(b"main"), frozenset(), range(0)]  # falsy ones: truth tests
+                0, False, 0.0, b"", bytearray(b"main"), frozenset(), range(0),  # falsy ones: truth tests
+                ("main",)]  # a one-item tuple: a lone argument that must not become the argument list
     listed = [[None], [b"x"], ["\ud800"], ["a\0b"], [10**100], [Path("x")], ["\udcff", "é\n\t"], "abc",
               ("rev-parse", "HEAD"), iter(["x"]), ["x" * 20_000] * 3]
     return {
