@@ -114,6 +114,17 @@ def cases(gu, names, repo):  # (label, function, args, kwargs, must_raise)
                 yield f"{name}({p.name}=<{kind_of(p.annotation)} #{i}: {shown}>)", f, args, kwargs, False
 
 
+def sweep(gu, group: str, repo: Path):  # one JSON line per case
+    for label, f, args, kwargs, must_raise in cases(gu, GROUPS[group], repo):
+        print(f"calling {label}", file=sys.stderr, flush=True)
+        try:
+            result = f(*args, **kwargs)
+            outcome = {"raised": None, "result": type(result).__name__}
+        except Exception as e:
+            outcome = {"raised": type(e).__name__, "message": str(e)[:200], "system": isinstance(e, SystemError)}
+        print(json.dumps({"case": label, "must_raise": must_raise, **outcome}), flush=True)
+
+
 def shown(value) -> str:  # a result as the comparison sees it: repr, paths by their text
     return str(value) if isinstance(value, Path) else repr(value)
 
@@ -148,7 +159,7 @@ def compare(gu, plain, group: str, repo: Path):  # one JSON line per case, both 
             print(json.dumps({"case": label, "same": True}), flush=True)
 
 
-def drive(group: str, repo: str, spawner: str, against: str = "") -> None:  # in the child: one JSON line per case
+def drive(group: str, repo: str, spawner: str, against: str = "") -> None:  # in the child
     import faulthandler
 
     sys.path.insert(0, str(TESTS))
@@ -169,16 +180,8 @@ def drive(group: str, repo: str, spawner: str, against: str = "") -> None:  # in
     fds = len(os.listdir("/proc/self/fd"))
     if against == "plain":
         compare(gu, modules[1], group, Path(repo))
-        assert len(os.listdir("/proc/self/fd")) == fds and children() == [], "descriptors or children left behind"
-        return
-    for label, f, args, kwargs, must_raise in cases(gu, GROUPS[group], Path(repo)):
-        print(f"calling {label}", file=sys.stderr, flush=True)
-        try:
-            result = f(*args, **kwargs)
-            outcome = {"raised": None, "result": type(result).__name__}
-        except Exception as e:
-            outcome = {"raised": type(e).__name__, "message": str(e)[:200], "system": isinstance(e, SystemError)}
-        print(json.dumps({"case": label, "must_raise": must_raise, **outcome}), flush=True)
+    else:
+        sweep(gu, group, Path(repo))
     assert len(os.listdir("/proc/self/fd")) == fds and children() == [], "descriptors or children left behind"
     assert gc.isenabled(), "a parser left the collector off"
 
