@@ -5,7 +5,13 @@ installed:
 
     python fuzz/bad_input.py
 
-It prints one line per group and exits non-zero when any case misbehaves."""
+It prints one line per group and exits non-zero when any case misbehaves.
+
+With --against-plain it calls the native module and the module written in plain Python
+(fuzz/plain_git_utils.py) with the same arguments, case by case, and reports every case where one returns
+and the other raises, they raise different exception types, or they return different values:
+
+    python fuzz/bad_input.py --against-plain"""
 import datetime as dt
 import gc
 import inspect
@@ -16,7 +22,8 @@ import sys
 import tempfile
 from pathlib import Path
 
-TESTS = Path(__file__).resolve().parents[1] / "tests"  # proof_support: the repository builder, children()
+FUZZ = Path(__file__).resolve().parent  # plain_git_utils: the module written in plain Python
+TESTS = FUZZ.parent / "tests"  # proof_support: the repository builder, children()
 
 GROUPS = {
     "runner": ["run_git_command", "_git_output"],
@@ -42,14 +49,17 @@ class Hostile:  # fails every conversion, comparison and protocol
 
 
 def odd_values(repo: Path) -> dict[str, list]:  # by the kind of parameter
-    anything = [None, b"main", 10**100, -1, 3.5, "a\0b", "\ud800", "", [], (), {}, object(), Hostile()]
+    anything = [None, b"main", 10**100, -1, 3.5, "a\0b", "\ud800", "", [], (), {}, object(), Hostile(),
+                0, False, 0.0, b"", bytearray(b"main"), frozenset(), range(0),  # falsy ones: truth tests
+                ("main",)]  # a one-item tuple: a lone argument that must not become the argument list
     listed = [[None], [b"x"], ["\ud800"], ["a\0b"], [10**100], [Path("x")], ["\udcff", "é\n\t"], "abc",
               ("rev-parse", "HEAD"), iter(["x"]), ["x" * 20_000] * 3]
     return {
         "path": anything + [Path("a\0b"), Path("\ud800"), Path("/nonexistent/x"), str(repo), repo / "keep.txt",
                             b"/tmp"],
         "text": anything + [Path("main"), "\udcff", "-h", "x" * 100_000, "99999999999999999999d", "\x1e\0\t:",
-                            '"\\377\\', "@@ -1 +1 @@"],
+                            '"\\377\\', "@@ -1 +1 @@",
+                            "0" * 5000 + "1d", "+++ a\n@@ -1 +1," + "0" * 5000 + " @@"],  # beyond int()'s digits
         "int": anything + [-10**100, 0, True, float("nan"), float("inf"), 2**63, -2**63 - 1, "7"],
         "bool": anything,
         "moment": anything + [dt.datetime.max, dt.datetime.min, dt.datetime(2026, 1, 1, tzinfo=dt.timezone.max),
@@ -104,7 +114,52 @@ def cases(gu, names, repo):  # (label, function, args, kwargs, must_raise)
                 yield f"{name}({p.name}=<{kind_of(p.annotation)} #{i}: {shown}>)", f, args, kwargs, False
 
 
-def drive(group: str, repo: str, spawner: str) -> None:  # in the child: one JSON line per case
+def sweep(gu, group: str, repo: Path):  # one JSON line per case
+    for label, f, args, kwargs, must_raise in cases(gu, GROUPS[group], repo):
+        print(f"calling {label}", file=sys.stderr, flush=True)
+        try:
+            result = f(*args, **kwargs)
+            outcome = {"raised": None, "result": type(result).__name__}
+        except Exception as e:
+            outcome = {"raised": type(e).__name__, "message": str(e)[:200], "system": isinstance(e, SystemError)}
+        print(json.dumps({"case": label, "must_raise": must_raise, **outcome}), flush=True)
+
+
+def shown(value) -> str:  # a result as the comparison sees it: repr, paths by their text
+    return str(value) if isinstance(value, Path) else repr(value)
+
+
+def outcome_of(f, args, kwargs) -> dict:
+    try:
+        return {"raised": None, "result": f(*args, **kwargs)}
+    except Exception as e:
+        return {"raised": type(e).__name__, "message": str(e)[:200]}
+
+
+def same_outcome(native: dict, plain: dict) -> bool:
+    if native["raised"] or plain["raised"]:
+        return native["raised"] == plain["raised"]
+    a, b = native["result"], plain["result"]
+    if isinstance(a, dt.datetime) and isinstance(b, dt.datetime) and a.tzinfo is None and b.tzinfo is None:
+        return abs(a - b) < dt.timedelta(seconds=2)  # "now" minus a period, read twice
+    return type(a).__name__ == type(b).__name__ and shown(a) == shown(b)
+
+
+def compare(gu, plain, group: str, repo: Path):  # one JSON line per case, both modules with fresh arguments
+    native_cases, plain_cases = cases(gu, GROUPS[group], repo), cases(plain, GROUPS[group], repo)
+    for (label, f, args, kwargs, _), (_, g, plain_args, plain_kwargs, _) in zip(native_cases, plain_cases):
+        print(f"calling {label}", file=sys.stderr, flush=True)
+        native, other = outcome_of(f, args, kwargs), outcome_of(g, plain_args, plain_kwargs)
+        if not same_outcome(native, other):
+            for side in (native, other):
+                if not side["raised"]:
+                    side["result"] = f"{type(side['result']).__name__}: {shown(side['result'])[:300]}"
+            print(json.dumps({"case": label, "native": native, "plain": other}), flush=True)
+        else:
+            print(json.dumps({"case": label, "same": True}), flush=True)
+
+
+def drive(group: str, repo: str, spawner: str, against: str = "") -> None:  # in the child
     import faulthandler
 
     sys.path.insert(0, str(TESTS))
@@ -113,34 +168,62 @@ def drive(group: str, repo: str, spawner: str) -> None:  # in the child: one JSO
     from morvane_tessary.utils import git_utils as gu
 
     faulthandler.enable()
+    modules = [gu]
+    if against == "plain":
+        sys.path.insert(0, str(FUZZ))
+        import plain_git_utils
+
+        modules.append(plain_git_utils)
     if spawner == "subprocess":  # host options send every run through subprocess.run
-        gu.get_subprocess_hidden_kwargs = lambda: {"close_fds": True}
+        for module in modules:
+            module.get_subprocess_hidden_kwargs = lambda: {"close_fds": True}
     fds = len(os.listdir("/proc/self/fd"))
-    for label, f, args, kwargs, must_raise in cases(gu, GROUPS[group], Path(repo)):
-        print(f"calling {label}", file=sys.stderr, flush=True)
-        try:
-            result = f(*args, **kwargs)
-            outcome = {"raised": None, "result": type(result).__name__}
-        except Exception as e:
-            outcome = {"raised": type(e).__name__, "message": str(e)[:200], "system": isinstance(e, SystemError)}
-        print(json.dumps({"case": label, "must_raise": must_raise, **outcome}), flush=True)
+    if against == "plain":
+        compare(gu, modules[1], group, Path(repo))
+    else:
+        sweep(gu, group, Path(repo))
     assert len(os.listdir("/proc/self/fd")) == fds and children() == [], "descriptors or children left behind"
     assert gc.isenabled(), "a parser left the collector off"
 
 
-def check_group(repo: Path, group: str, spawner: str) -> list:
-    child = subprocess.run([sys.executable, "-X", "dev", __file__, group, str(repo), spawner],
+def run_child(repo: Path, group: str, spawner: str, against: str = ""):  # (cases, None) or (None, crash)
+    child = subprocess.run([sys.executable, "-X", "dev", __file__, group, str(repo), spawner, against],
                            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300)
     last_call = [line for line in child.stderr.splitlines() if line.startswith("calling ")][-1:]
     if child.returncode != 0:
-        return [{"crashed": last_call, "stderr": child.stderr[-3000:]}]
-    results = [json.loads(line) for line in child.stdout.splitlines()]
+        return None, {"crashed": last_call, "stderr": child.stderr[-3000:]}
+    return [json.loads(line) for line in child.stdout.splitlines()], None
+
+
+def check_group(repo: Path, group: str, spawner: str) -> list:
+    results, crash = run_child(repo, group, spawner)
+    if crash:
+        return [crash]
     bad = [r for r in results if (r["raised"] is None and r["must_raise"]) or r.get("system")
            or (r["raised"] is not None and not r["message"])]
     return bad if results else [{"no cases": group}]
 
 
-def main() -> int:
+def compare_with_plain(repo: Path) -> int:  # every case where the two modules part, by group and spawner
+    compared = parted = 0
+    for group in GROUPS:
+        for spawner in ["native", "subprocess"] if group in SPAWNING else ["native"]:
+            results, crash = run_child(repo, group, spawner, "plain")
+            if crash:
+                print(f"{group} ({spawner}): crashed", crash, flush=True)
+                parted += 1
+                continue
+            differ = [r for r in results if not r.get("same")]
+            compared += len(results)
+            parted += len(differ)
+            print(f"{group} ({spawner}): {len(results)} cases, {len(differ)} differ", flush=True)
+            for r in differ:
+                print(f"    {r['case']}\n        native: {r['native']}\n        plain:  {r['plain']}")
+    print(f"{compared} cases compared, {parted} differ")
+    return 1 if parted else 0
+
+
+def main(against_plain: bool = False) -> int:
     from morvane_tessary.utils import git_utils as gu
 
     sys.path.insert(0, str(TESTS))
@@ -155,6 +238,8 @@ def main() -> int:
     failed = 0
     with tempfile.TemporaryDirectory() as scratch:
         repo = make_repo(Path(scratch))
+        if against_plain:
+            return compare_with_plain(repo)
         for group in GROUPS:
             for spawner in ["native", "subprocess"] if group in SPAWNING else ["native"]:
                 bad = check_group(repo, group, spawner)
@@ -166,4 +251,6 @@ def main() -> int:
 
 
 if __name__ == "__main__":
+    if sys.argv[1:] == ["--against-plain"]:
+        sys.exit(main(against_plain=True))
     sys.exit(drive(*sys.argv[1:]) if len(sys.argv) > 1 else main())
