@@ -491,11 +491,11 @@ void stat_route(GuardBuilder& guard, PyObject* plain, bool from_3_14) {
         }
         guard.entry(os_dict, "path", os_path.get());
         PyObject* exists = PyDict_GetItemString(PyModule_GetDict(os_path.get()), "exists");
-        Ref files = module_files("genericpath");
-        if (!files) return guard.fail();
+        Ref modules = module_namespaces("genericpath");
+        if (!modules) return guard.fail();
         if (!exists || !PyFunction_Check(exists)) return guard.reject();
         guard.entry(PyModule_GetDict(os_path.get()), "exists", exists);
-        guard.genuine_function(exists, files.get());
+        guard.genuine_function(exists, modules.get());
         guard.entry(PyFunction_GET_GLOBALS(exists), "os", os.get());
     }
     guard.entry(os_dict, "stat", stat.get());
@@ -510,14 +510,14 @@ int record_discovery_originals([[maybe_unused]] PyObject* module) {
     Ref pathlib = Ref::steal(PyImport_ImportModule("pathlib"));
     if (!pathlib) return -1;
     Ref plain = Ref::steal(PyObject_GetAttrString(pathlib.get(), "PosixPath"));
-    Ref files = module_files("pathlib");
-    if (!plain || !files) return -1;
+    Ref modules = module_namespaces("pathlib");
+    if (!plain || !modules) return -1;
     PyObject* path_class = st->originals[index(Name::Path)];
     if (!PyType_Check(plain.get()) || !PyType_Check(path_class) ||
         !PyType_IsSubtype(reinterpret_cast<PyTypeObject*>(plain.get()), reinterpret_cast<PyTypeObject*>(path_class)))
         return 0;
     GuardBuilder methods;
-    methods.genuine_class(plain.get(), files.get());
+    methods.genuine_class(plain.get(), modules.get());
     if (methods.finish(st->path_guard) < 0) return -1;
     if (st->path_guard.entries == nullptr) return 0;
 

@@ -420,14 +420,9 @@ int record_runner_originals(PyObject* module) {
     ModuleState* st = state_of(module);
     PyObject* subprocess = st->originals[index(Name::subprocess)];
     if (!PyModule_Check(subprocess)) return 0;
-    Ref file = Ref::steal(PyObject_GetAttrString(subprocess, "__file__"));
-    if (!file) {
-        PyErr_Clear();
-        return 0;
-    }
-    Ref files = Ref::steal(PyTuple_Pack(1, file.get()));
-    if (!files) return -1;
     PyObject* dict = PyModule_GetDict(subprocess);
+    Ref modules = Ref::steal(PyTuple_Pack(1, dict));
+    if (!modules) return -1;
     GuardBuilder guard;
     guard.entry(dict, "run");
     guard.entry(dict, "Popen");
@@ -437,8 +432,8 @@ int record_runner_originals(PyObject* module) {
     PyObject* run = PyDict_GetItemString(dict, "run");
     PyObject* popen = PyDict_GetItemString(dict, "Popen");
     if (run == nullptr || popen == nullptr || !PyType_Check(popen)) return 0;
-    guard.genuine_function(run, files.get());
-    guard.genuine_class(popen, files.get());
+    guard.genuine_function(run, modules.get());
+    guard.genuine_class(popen, modules.get());
     for (const char* name : kPopenMethods) {
         Ref method = Ref::steal(PyObject_GetAttrString(popen, name));
         if (!method) {
