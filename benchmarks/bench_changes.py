@@ -44,7 +44,7 @@ from pathlib import Path
 from typing import Callable
 
 import changes_reference as ref
-from bench_runner import OUT, BareServer, bare, build_bare, print_table
+from bench_runner import OUT, BareServer, bare, build_bare, print_table, rate
 from make_history import ensure_history
 
 from morvane_tessary.utils import git_utils
@@ -240,7 +240,8 @@ def query_rows(root: Path, exe: Path, reps: int, max_commits: int) -> list[tuple
                      f"{size / 1e6:.2f} MB of output; bare_spawn's own CPU {t_bare.own_cpu * 1e3:.1f} ms = "
                      f"{t_bare.own_cpu / t_bare.child_cpu:.1%} of git's {t_bare.child_cpu * 1e3:.0f} ms"))
         rows.append((f"{label}: _git_output alone", t_runner.wall,
-                     f"runner/bare {t_runner.wall / t_bare.wall:.3f}; own CPU {t_runner.own_cpu * 1e3:.1f} ms"))
+                     f"runner/bare {t_runner.wall / t_bare.wall:.3f}; own CPU {t_runner.own_cpu * 1e3:.1f} ms = "
+                     f"{rate(size, t_runner.own_cpu)}"))
         if not t_mod:
             rows.append((f"{label}: module", float("nan"), f"{fn_name} not in this build"))
             continue
@@ -249,7 +250,7 @@ def query_rows(root: Path, exe: Path, reps: int, max_commits: int) -> list[tuple
                      f"module/bare {t_mod[0].wall / t_bare.wall:.3f}, best runs {best_mod / best_bare:.3f} "
                      f"(target <= 1.05); own CPU {t_mod[0].own_cpu * 1e3:.1f} ms = "
                      f"{t_mod[0].own_cpu / t_mod[0].child_cpu:.1%} of git's {t_mod[0].child_cpu * 1e3:.0f} ms "
-                     f"(target <= 3%)"))
+                     f"(target <= 3%) = {rate(size, t_mod[0].own_cpu)}"))
     return rows
 
 
@@ -407,7 +408,8 @@ def bytes_rows(root: Path, outputs: dict[str, str], reps: int) -> list[tuple[str
             t_mod = t_query - (t_runner - t_decode)
             rows.append((f"{name} on git's bytes: module", t_mod,
                          f"{QUERY_OF[name]} {t_query * 1e3:.1f} ms - runner {(t_runner - t_decode) * 1e3:.1f} ms; "
-                         f"plain Python on the str/module {t_ref / t_mod:.1f}x (target >= {PARSER_TARGETS[name]}x)"))
+                         f"{rate(size, t_mod)}; plain Python on the str/module {t_ref / t_mod:.1f}x "
+                         f"(target >= {PARSER_TARGETS[name]}x)"))
     finally:
         os.environ["PATH"] = saved[0]
         if saved[1] is None:
@@ -678,7 +680,8 @@ def main() -> None:
     exe = build_bare()
     commits = int(subprocess.run(["git", "rev-list", "--count", "HEAD"], cwd=root, capture_output=True,
                                  text=True, check=True).stdout)
-    print(f"history {root.name}: {commits} commits on HEAD; load average {os.getloadavg()[0]:.2f} at start")
+    print(f"Python {sys.version.split()[0]}; history {root.name}: {commits} commits on HEAD; "
+          f"load average {os.getloadavg()[0]:.2f} at start")
 
     outputs = {
         "parse_line_spans": git_utils._git_output(root, SPANS_ARGS),

@@ -22,7 +22,7 @@ from pathlib import Path
 from morvane_tessary.utils import git_utils
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from bench_runner import bare, build_bare, print_table  # noqa: E402
+from bench_runner import bare, build_bare, print_table, rate  # noqa: E402
 
 _RELATIVE = re.compile(r"(\d+)([mhdw])")
 _UNITS = {"m": "minutes", "h": "hours", "d": "days", "w": "weeks"}
@@ -75,7 +75,8 @@ def spec_rows(kind: str, specs: tuple[str, ...]) -> tuple[list[tuple[str, float,
         ref, ours = (min(r[i] for r in rounds) for i in range(2))
         ratios.append(ref / ours)
         rows.append((f"{kind} {spec!r}: plain Python", ref, ""))
-        rows.append((f"{kind} {spec!r}: module", ours, f"plain Python / module {ref / ours:.2f}"))
+        rows.append((f"{kind} {spec!r}: module", ours,
+                     f"plain Python / module {ref / ours:.2f}; {rate(len(spec.encode()), ours)} of specs"))
     return rows, min(ratios)
 
 
@@ -101,9 +102,12 @@ def main() -> None:
         for name, fn, args in jobs:
             rounds = [(bare(exe, 30, root, args), per_call(fn, 30)) for _ in range(8)]
             t_bare, t_mod = (min(r[i] for r in rounds) for i in range(2))
+            size = len(git_utils.run_git_command(root, args)[0].encode("utf-8"))
             rows.append((f"{name}: bare git", t_bare, ""))
-            rows.append((f"{name}: module", t_mod, f"module/bare {t_mod / t_bare:.3f}"))
+            rows.append((f"{name}: module", t_mod,
+                         f"module/bare {t_mod / t_bare:.3f}; {rate(size, t_mod)} of git's {size}-byte output"))
 
+    print(f"Python {sys.version.split()[0]}")
     print_table(rows)
     for kind, low in (("relative", relative_low), ("ISO", iso_low)):
         verdict = "meets" if low >= TARGET else "misses"

@@ -19,7 +19,7 @@ import timeit
 from pathlib import Path
 
 import repository_reference as ref
-from bench_runner import bare, build_bare, print_table, timed
+from bench_runner import bare, build_bare, print_table, rate, timed
 
 from morvane_tessary.utils import git_utils
 
@@ -56,10 +56,12 @@ def main() -> None:
         ("wiki_directory", lambda f: lambda: [f(root, n) for n in NAMES], ref.wiki_directory,
          git_utils.wiki_directory),
     ]
+    name_bytes = sum(len(n.encode("utf-8")) for n in NAMES) / len(NAMES)  # per call, as per_call counts
     for name, loop, python_fn, native_fn in pure:
         t_py, t_native = per_call(loop(python_fn), 20000), per_call(loop(native_fn), 20000)
         rows.append((f"{name}: plain Python", t_py, ""))
-        rows.append((f"{name}: module", t_native, f"python/module {t_py / t_native:.2f}"))
+        rows.append((f"{name}: module", t_native,
+                     f"python/module {t_py / t_native:.2f}; {rate(name_bytes, t_native)} of names"))
 
     exe = build_bare()
     with tempfile.TemporaryDirectory() as tmp:
@@ -76,9 +78,11 @@ def main() -> None:
             rounds = [(bare(exe, per_round, repo, args), timed(call, per_round),
                        timed(lambda: git_utils.run_git_command(repo, args), per_round)) for _ in range(opts.rounds)]
             t_bare, t_mod, t_run = (min(r[i] for r in rounds) for i in range(3))
+            size = len(git_utils.run_git_command(repo, args)[0].encode("utf-8"))
             rows.append((f"{name}: bare spawn", t_bare, ""))
-            rows.append((f"{name}: run_git_command", t_run, f"runner/bare {t_run / t_bare:.3f}"))
-            rows.append((f"{name}: module", t_mod, f"module/bare {t_mod / t_bare:.3f}"))
+            rows.append((f"{name}: run_git_command", t_run, f"runner/bare {t_run / t_bare:.3f}; {rate(size, t_run)}"))
+            rows.append((f"{name}: module", t_mod, f"module/bare {t_mod / t_bare:.3f}; {rate(size, t_mod)} of "
+                         f"git's {size}-byte output"))
 
     print(f"Python {sys.version.split()[0]}")
     print_table(rows)

@@ -93,6 +93,11 @@ def peak_memory_of_run(root: Path, args: list[str]) -> tuple[int, int]:
     return int(out[0]), int(out[1])
 
 
+def rate(size: int, seconds: float) -> str:
+    """The module's own throughput: `size` bytes handled in `seconds`."""
+    return f"{size / 1e6 / seconds:.4g} MB/s"
+
+
 def print_table(rows: list[tuple[str, float, str]]) -> None:
     width = max(len(r[0]) for r in rows)
     print(f"{'job':<{width}}  {'seconds':>12}  ratio")
@@ -168,12 +173,15 @@ def compare(exe: Path, root: Path, args: list[str], runs: int) -> tuple[dict[str
     return {**medians, **second}, size
 
 
-def print_side_by_side(rows: list[tuple[str, str, dict[str, float]]]) -> None:
-    """One line per job and module function: bare, module, subprocess.run, ratios."""
-    head = ("job", "bare s", "module s", "module/bare", "module s, 2nd", "subprocess.run s", "subprocess/module")
+def print_side_by_side(rows: list[tuple[str, str, dict[str, float], int]]) -> None:
+    """One line per job and module function: bare, module, the module's
+    throughput (git's output over the module's time), subprocess.run, ratios."""
+    head = ("job", "bare s", "module s", "module/bare", "module", "module s, 2nd", "subprocess.run s",
+            "subprocess/module")
     lines = [head]
-    for job, function, m in rows:
-        line = (f"{job}: {function}", f"{m['bare']:.6f}", f"{m[function]:.6f}", f"{m[function] / m['bare']:.3f}")
+    for job, function, m, size in rows:
+        line = (f"{job}: {function}", f"{m['bare']:.6f}", f"{m[function]:.6f}", f"{m[function] / m['bare']:.3f}",
+                rate(size, m[function]))
         if function == "run_git_command":
             second = m["module, 2nd"]
             line += (f"{second:.6f}", f"{m['subprocess.run']:.6f}", f"{m['subprocess.run'] / second:.3f}")
@@ -194,7 +202,7 @@ def main() -> None:
         root = Path(tmp)
         make_big_repo(root, opts.big_mb)
         big_args = ["cat-file", "blob", "HEAD:big.txt"]
-        small, _ = compare(exe, root, ["rev-parse", "HEAD"], opts.runs)
+        small, small_size = compare(exe, root, ["rev-parse", "HEAD"], opts.runs)
         big, size = compare(exe, root, big_args, 5)
         peak, _ = peak_memory_of_run(root, big_args)
 
@@ -207,8 +215,9 @@ def main() -> None:
 
         threads = interleaved({"one": wall(lambda: git_utils.run_git_command(root, big_args)), "two": wall(two)}, 3)
 
-    rows = [("rev-parse HEAD", f, small) for f in ("run_git_command", "_git_output")]
-    rows.append((f"{size / 1e6:.0f} MB output", "run_git_command", big))
+    print(f"Python {sys.version.split()[0]}")
+    rows = [("rev-parse HEAD", f, small, small_size) for f in ("run_git_command", "_git_output")]
+    rows.append((f"{size / 1e6:.0f} MB output", "run_git_command", big, size))
     print_side_by_side(rows)
     print(f"{size / 1e6:.0f} MB output: peak memory {peak / size:.2f} x output; two threads side by side "
           f"{threads['two']:.3f} s against one {threads['one']:.3f} s (two/one {threads['two'] / threads['one']:.2f})")

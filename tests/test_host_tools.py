@@ -3,6 +3,7 @@ gevent see the same calls, and give the same answers, as with a plain Python mod
 against a few lines of such Python, run under the same tool."""
 
 import datetime as dt
+import errno
 import inspect
 import logging
 import os
@@ -13,11 +14,28 @@ from pathlib import Path
 from unittest import mock
 
 import pytest
+from pyfakefs.helpers import reset_ids, set_uid
 
 
 def python_find_git_root(start=None):
     current = (Path.cwd() if start is None else start).absolute()
-    return next((c for c in (current, *current.parents) if (c / ".git").exists()), None)
+    for candidate in (current, *current.parents):
+        try:
+            (candidate / ".git").stat()
+            return candidate
+        except OSError as e:
+            if e.errno not in (errno.ENOENT, errno.ENOTDIR, errno.ELOOP, errno.EBADF):
+                raise
+        except ValueError:
+            pass
+    return None
+
+
+def outcome(f, *args):
+    try:
+        return f(*args)
+    except OSError as e:
+        return type(e), str(e)
 
 
 def python_run(root, args):
@@ -59,9 +77,16 @@ REAL_START = Path("/repo/a/b")  # made before any fake file system replaces path
 
 def test_pyfakefs_file_system(gu, fs, monkeypatch):
     fs.create_dir("/repo/.git"), fs.create_dir("/repo/a/b"), fs.create_file("/repo/a/sub/.git")
+    fs.create_dir("/repo/a/locked/.git"), os.chmod("/repo/a/locked", 0)  # its .git: "permission denied"
     monkeypatch.chdir("/repo/a")
-    starts = [None, Path("/repo/a/b"), Path("b"), Path("/repo/a/sub/x"), Path("/elsewhere"), REAL_START]
-    assert [gu.find_git_root(s) for s in starts] == [python_find_git_root(s) for s in starts]
+    starts = [None, Path("/repo/a/b"), Path("b"), Path("/repo/a/sub/x"), Path("/elsewhere"), REAL_START,
+              Path("/repo/a/locked"), REAL_START.with_name("locked")]
+    set_uid(1000)  # the fake's user, whom permission bits stop
+    try:
+        assert [outcome(gu.find_git_root, s) for s in starts] == [outcome(python_find_git_root, s) for s in starts]
+        assert outcome(gu.find_git_root, Path("/repo/a/locked"))[0] is PermissionError
+    finally:
+        reset_ids()
     assert gu.find_git_root(Path("b")) == Path("/repo") == gu.find_repo_root()
 
 
@@ -133,6 +158,15 @@ FRESH = {
         assert gu.run_git_command(ROOT, ["x"]) == ("out\\n", "", 0)
         assert calls == [["git", "x"]], calls
     """,
+    "pathlib's stat wrapped": """
+        import functools, pathlib
+        calls, real = [], pathlib.Path.stat
+        pathlib.Path.stat = functools.wraps(real)(lambda self, **kwargs: calls.append(self.name) or real(self, **kwargs))
+        from morvane_tessary.utils import git_utils as gu
+        (ROOT / ".git").mkdir()
+        assert gu.find_git_root(ROOT / "a") == ROOT == python_find_git_root(ROOT / "a")
+        assert calls == [".git"] * 4, calls
+    """,
     "sentry-sdk offline": """
         import sys, sentry_sdk
         sentry_sdk.init()
@@ -196,6 +230,7 @@ def test_patched_before_import(fake_git, tmp_path, case):
         pytest.skip("AddressSanitizer reports greenlet's stack copies as underflows")
     fake_git(("sleep 1; " if case.startswith("gevent") else "") + '[ "$1" = fail ] && exit 3; echo out')
     helpers = textwrap.dedent("""
+        import errno
         import subprocess
         from pathlib import Path
         ROOT = Path({root!r})

@@ -1,4 +1,5 @@
-"""The module loaded again in subinterpreters beside the main one: one with its own GIL and one sharing it."""
+"""The module loaded again in subinterpreters beside the main one: one with its own GIL and one sharing it.
+From 3.14 the isolated one is made through concurrent.interpreters, the public API a host would use."""
 import sys
 import textwrap
 
@@ -23,11 +24,21 @@ def answers(repo):
 
 
 def run_in(config, source):
+    code = f"import sys\nsys.path[:] = {sys.path!r}\n{textwrap.dedent(source)}"
+    if config == "isolated" and sys.version_info >= (3, 14):  # the public API a host would use
+        from concurrent import interpreters
+
+        interp = interpreters.create()
+        try:
+            interp.exec(code)  # raises ExecutionFailed, with the subinterpreter's traceback
+        finally:
+            interp.close()
+        return
     import _interpreters
 
     interp = _interpreters.create(config)
     try:
-        failure = _interpreters.exec(interp, f"import sys\nsys.path[:] = {sys.path!r}\n{textwrap.dedent(source)}")
+        failure = _interpreters.exec(interp, code)
     finally:
         _interpreters.destroy(interp)
     assert failure is None, failure.errdisplay

@@ -268,11 +268,10 @@ Ref file_changes_through_objects(PyObject* module, PyObject* tokens) {
     while (PyDict_Next(statuses.get(), &pos, &path_found, &status_found)) {
         Ref path = Ref::borrow(path_found);
         Ref status_pair = Ref::borrow(status_found);
-        Ref counted = Ref::borrow(PyDict_GetItemWithError(counts.get(), path.get()));
-        if (!counted) {
-            if (PyErr_Occurred()) return Ref();
-            counted = Ref::borrow(no_counts.get());
-        }
+        Ref counted;
+        const int present = dict_get(counts.get(), path.get(), counted);
+        if (present < 0) return Ref();
+        if (!present) counted = Ref::borrow(no_counts.get());
         PyObject* cls = file_change.get();
         if (cls == nullptr) return Ref();
         PyObject* values[] = {path.get(), PyTuple_GET_ITEM(status_pair.get(), 0), PyTuple_GET_ITEM(counted.get(), 0),

@@ -64,12 +64,12 @@ int runs_python_call(PyObject* x) {
     return PyFunction_Check(call.get()) ? 1 : 0;
 }
 
-// Whether the function `f` is foreign to `files`. A method that a
+// Whether the function `f` is foreign to `modules`. A method that a
 // contextlib decorator made counts as the function it wraps.
-int foreign_function(PyObject* f, PyObject* files) {
-    const int own = defined_in(f, files);
+int foreign_function(PyObject* f, PyObject* modules) {
+    const int own = defined_in(f, modules);
     if (own != 0) return own < 0 ? -1 : 0;
-    Ref decorators = module_files("contextlib");
+    Ref decorators = module_namespaces("contextlib");
     const int decorated = decorators ? defined_in(f, decorators.get()) : -1;
     if (decorated <= 0) return decorated < 0 ? -1 : 1;
     Ref wrapped = Ref::steal(PyObject_GetAttrString(f, "__wrapped__"));
@@ -77,7 +77,7 @@ int foreign_function(PyObject* f, PyObject* files) {
         PyErr_Clear();
         return 1;
     }
-    return foreign_function(wrapped.get(), files);
+    return foreign_function(wrapped.get(), modules);
 }
 
 }  // namespace
@@ -152,16 +152,16 @@ void GuardBuilder::empty_dict(PyObject* dict) {
     if (!snapshot || append_all(dicts_.get(), {dict, snapshot.get()}) < 0) failed_ = true;
 }
 
-void GuardBuilder::genuine_function(PyObject* f, PyObject* files) {
+void GuardBuilder::genuine_function(PyObject* f, PyObject* modules) {
     if (failed_ || !genuine_) return;
-    const int own = defined_in(f, files);
+    const int own = defined_in(f, modules);
     if (own <= 0) {
         failed_ = own < 0;
         reject();
     }
 }
 
-void GuardBuilder::genuine_class(PyObject* type, PyObject* files) {
+void GuardBuilder::genuine_class(PyObject* type, PyObject* modules) {
     if (failed_ || !genuine_) return;
     if (!PyType_Check(type)) return reject();
     Ref mro = Ref::steal(PyObject_GetAttrString(type, "__mro__"));
@@ -197,7 +197,7 @@ void GuardBuilder::genuine_class(PyObject* type, PyObject* files) {
                 // functions, operator.itemgetter), run no host code.
                 PyObject* x = v.get();
                 if (x == nullptr || PyType_Check(x)) continue;
-                const int foreign = PyFunction_Check(x) ? foreign_function(x, files) : runs_python_call(x);
+                const int foreign = PyFunction_Check(x) ? foreign_function(x, modules) : runs_python_call(x);
                 if (foreign != 0) {
                     if (PyErr_Occurred()) failed_ = true;
                     return reject();
@@ -220,11 +220,11 @@ int GuardBuilder::finish(Guard& out) {
     return 0;
 }
 
-Ref module_files(const char* name) {
+Ref module_namespaces(const char* name) {
     PyObject* modules = PyImport_GetModuleDict();
-    Ref files = Ref::steal(PyList_New(0));
+    Ref namespaces = Ref::steal(PyList_New(0));
     Ref items = Ref::steal(PyDict_Items(modules));
-    if (!files || !items) return Ref();
+    if (!namespaces || !items) return Ref();
     const std::size_t length = std::strlen(name);
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
         PyObject* key = PyTuple_GET_ITEM(PyList_GET_ITEM(items.get(), i), 0);
@@ -235,22 +235,21 @@ Ref module_files(const char* name) {
             continue;
         }
         if (std::strncmp(text, name, length) != 0 || (text[length] != '\0' && text[length] != '.')) continue;
-        Ref file = Ref::steal(PyObject_GetAttrString(module, "__file__"));
-        if (!file) {
-            PyErr_Clear();
-            continue;
-        }
-        if (PyUnicode_Check(file.get()) && PyList_Append(files.get(), file.get()) < 0) return Ref();
+        if (!PyModule_Check(module)) continue;
+        if (PyList_Append(namespaces.get(), PyModule_GetDict(module)) < 0) return Ref();
     }
-    return Ref::steal(PyList_AsTuple(files.get()));
+    return Ref::steal(PyList_AsTuple(namespaces.get()));
 }
 
-int defined_in(PyObject* f, PyObject* files) {
+// By the globals, not the code's file name: a standard-library module may be
+// frozen into the interpreter (its code names "<frozen genericpath>", not
+// the file its __file__ gives), and a wrapper made elsewhere with
+// functools.wraps keeps the globals of the module that made it.
+int defined_in(PyObject* f, PyObject* modules) {
     if (!PyFunction_Check(f)) return 0;
-    Ref filename = Ref::steal(PyObject_GetAttrString(PyFunction_GET_CODE(f), "co_filename"));
-    if (!filename) return -1;
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(files); ++i)
-        if (const int same = PyObject_RichCompareBool(filename.get(), PyTuple_GET_ITEM(files, i), Py_EQ)) return same;
+    PyObject* globals = PyFunction_GetGlobals(f);
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(modules); ++i)
+        if (globals == PyTuple_GET_ITEM(modules, i)) return 1;
     return 0;
 }
 

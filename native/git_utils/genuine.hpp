@@ -1,7 +1,9 @@
 // Whether the standard-library objects a native path stands in for are
-// still the genuine ones. Loading decides what is genuine (a function's code
-// object tells where it was compiled; a wrapper copies names, not code) and
-// records it as a Guard; each call then only compares pointers against it.
+// still the genuine ones. Loading decides what is genuine (a function belongs
+// to the module whose namespace is its globals, wherever its code was read
+// from, a file or the interpreter's frozen modules; a wrapper copies names,
+// not globals) and records it as a Guard; each call then only compares
+// pointers against it.
 #pragma once
 
 #include <Python.h>
@@ -40,11 +42,11 @@ public:
     // `dict` (an instance's) must stay empty.
     void empty_dict(PyObject* dict);
     // The class (and each base up to object) must be genuine: every function
-    // and wrapped function in its dict compiled from one of `files` (a tuple
-    // of str), no other callable but classes and built-ins.
-    void genuine_class(PyObject* type, PyObject* files);
-    // `f` must be a function compiled from one of `files`.
-    void genuine_function(PyObject* f, PyObject* files);
+    // and wrapped function in its dict defined in one of `modules` (a tuple
+    // of module namespaces), no other callable but classes and built-ins.
+    void genuine_class(PyObject* type, PyObject* modules);
+    // `f` must be a function defined in one of `modules`.
+    void genuine_function(PyObject* f, PyObject* modules);
     void reject() { genuine_ = false; }
     // An error of the interpreter is pending.
     void fail() { failed_ = true; }
@@ -59,12 +61,15 @@ private:
     Ref dicts_;
 };
 
-// The file names of the source of module `name` and of its submodules now
-// loaded (a package such as pathlib spreads over several), as a tuple.
-Ref module_files(const char* name);
+// The namespaces (dicts) of module `name` and of its submodules now loaded
+// (a package such as pathlib spreads over several), as a tuple.
+Ref module_namespaces(const char* name);
 
-// Whether `f` is a function whose code was compiled from one of `files`:
-// 1, 0, or -1 with an exception.
-int defined_in(PyObject* f, PyObject* files);
+// The name the logger's guard still calls module_namespaces by.
+inline Ref module_files(const char* name) { return module_namespaces(name); }
+
+// Whether `f` is a function defined in one of `modules` (its globals are one
+// of those namespaces): 1 or 0.
+int defined_in(PyObject* f, PyObject* modules);
 
 }  // namespace gu

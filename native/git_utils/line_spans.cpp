@@ -356,9 +356,10 @@ private:
     // strongly, as helpers that are Python code run between its uses.
     PyObject* current_list() {
         if (list_) return list_.get();
-        Ref found = Ref::borrow(PyDict_GetItemWithError(spans_.get(), path_.get()));
-        if (!found) {
-            if (PyErr_Occurred()) return nullptr;
+        Ref found;
+        const int present = dict_get(spans_.get(), path_.get(), found);
+        if (present < 0) return nullptr;
+        if (!present) {
             found = Ref::steal(PyList_New(0));
             if (!found || PyDict_SetItem(spans_.get(), path_.get(), found.get()) < 0) return nullptr;
         }

@@ -99,12 +99,11 @@ Ref own_dict(PyObject* cls) {
 #endif
 }
 
-// The class's own __init__ now, compared by identity only; null when it has none.
-PyObject* own_init(const ModuleState* st, PyObject* cls) {
+// The class's own __init__ now; null when it has none.
+Ref own_init(const ModuleState* st, PyObject* cls) {
     Ref dict = own_dict(cls);
-    if (!dict) return nullptr;
-    PyObject* init = PyDict_GetItemWithError(dict.get(), st->str_init);
-    if (init == nullptr) PyErr_Clear();
+    Ref init;
+    if (!dict || dict_get(dict.get(), st->str_init, init) < 0) PyErr_Clear();
     return init;
 }
 
@@ -134,18 +133,22 @@ Ref make_record_class(PyObject* module, Name name) {
     PyObject* dict = PyModule_GetDict(module);
     // dataclass runs generated code with the namespace as its globals, which
     // leaves __builtins__ behind; the module's namespace does not carry it.
-    const bool had_builtins = PyDict_GetItemString(dict, "__builtins__") != nullptr;
+    Ref builtins;
+    const int had_builtins = dict_get(dict, "__builtins__", builtins);
+    if (had_builtins < 0) return Ref();
     Ref dataclass = lookup(module, Name::dataclass);
     Ref cls = dataclass ? build_class(module, spec, dataclass.get()) : Ref();
-    if (!cls || (!had_builtins && PyDict_GetItemString(dict, "__builtins__") &&
-                 PyDict_DelItemString(dict, "__builtins__") < 0))
-        return Ref();
-    PyObject* init = own_init(st, cls.get());
-    if (init == nullptr) {
-        if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "record class without __init__");
+    if (!cls) return Ref();
+    if (!had_builtins) {
+        const int left = dict_get(dict, "__builtins__", builtins);
+        if (left < 0 || (left && PyDict_DelItemString(dict, "__builtins__") < 0)) return Ref();
+    }
+    Ref init = own_init(st, cls.get());
+    if (!init) {
+        PyErr_SetString(PyExc_SystemError, "record class without __init__");
         return Ref();
     }
-    st->record_inits[static_cast<int>(spec.kind)] = Py_NewRef(init);
+    st->record_inits[static_cast<int>(spec.kind)] = init.release();
     return cls;
 }
 
@@ -153,7 +156,7 @@ bool fills_natively(const ModuleState* st, Record kind, PyObject* cls) {
     const int k = static_cast<int>(kind);
     return cls == st->originals[index(kRecords[k].name)] &&
            reinterpret_cast<PyTypeObject*>(cls)->tp_new == PyBaseObject_Type.tp_new &&
-           own_init(st, cls) == st->record_inits[k];
+           own_init(st, cls).get() == st->record_inits[k];
 }
 
 // What the generated __init__ does: object.__setattr__ of each field in

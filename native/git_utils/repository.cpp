@@ -164,13 +164,49 @@ bool is_plain_path(PyObject* module, PyObject* obj) {
            guard_holds(st->path_guard);
 }
 
+// Whether an errno of the stat of ".git" says only that the entry is not
+// there: missing, a component on the way that is no directory, a link loop,
+// a bad descriptor. Every other error stops the search and reaches the caller.
+bool means_no_entry(long err) { return err == ENOENT || err == ENOTDIR || err == ELOOP || err == EBADF; }
+
+#ifdef _WIN32
+// The Windows errors pathlib's exists() answered false for until 3.13: a
+// drive not ready, a name the file system refuses, a link it can't resolve.
+bool windows_means_no_entry(long err) { return err == 21 || err == 123 || err == 1921; }
+#endif
+
+// The int attribute `name` of an exception (errno, winerror), or -1.
+long error_code(PyObject* error, const char* name) {
+    Ref code = Ref::steal(PyObject_GetAttrString(error, name));
+    const long value = code && PyLong_Check(code.get()) ? PyLong_AsLong(code.get()) : -1;
+    PyErr_Clear();
+    return value;
+}
+
+// Sorts the pending exception of a stat: 0 (cleared) when it says the entry
+// is not there, or is a ValueError for a text the file system can't take;
+// -1 with the exception kept otherwise.
+int sort_stat_error() {
+    if (PyErr_ExceptionMatches(PyExc_ValueError)) {
+        PyErr_Clear();
+        return 0;
+    }
+    if (!PyErr_ExceptionMatches(PyExc_OSError)) return -1;
+    Ref error = Ref::steal(PyErr_GetRaisedException());
+    bool absent = means_no_entry(error_code(error.get(), "errno"));
+#ifdef _WIN32
+    absent = absent || windows_means_no_entry(error_code(error.get(), "winerror"));
+#endif
+    if (absent) return 0;
+    PyErr_SetRaisedException(error.release());
+    return -1;
+}
+
 #ifndef _WIN32
-// (candidate / ".git").exists() for a plain path: os.stat of the entry's
-// text, following links. Until 3.13 exists() is false for ENOENT, ENOTDIR,
-// EBADF and ELOOP and for a text the file system can't take, and raises
-// every other error with the entry's text as its filename; from 3.14 on it
-// asks os.path.exists, which is false for every error (`ignore_errors`).
-int git_entry_exists_natively(PyObject* candidate, bool ignore_errors) {
+// (candidate / ".git").stat() for a plain path, its errors sorted: os.stat
+// of the entry's text, following links. A text the file system can't take
+// is no entry; other errors carry the entry's text as their filename.
+int git_entry_exists_natively(PyObject* candidate) {
     Ref base = Ref::steal(PyOS_FSPath(candidate));
     if (!base) return -1;
     Ref entry;
@@ -202,20 +238,22 @@ int git_entry_exists_natively(PyObject* candidate, bool ignore_errors) {
         err = errno;
     });
     if (rc == 0) return 1;
-    if (ignore_errors || err == ENOENT || err == ENOTDIR || err == EBADF || err == ELOOP) return 0;
+    if (means_no_entry(err)) return 0;
     errno = err;
     PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, entry.get());
     return -1;
 }
 #endif
 
-// bool((candidate / ".git").exists()); `native`: the path class and what its
-// exists() reaches are as loading found them.
+// Whether candidate / ".git" exists, by the rule above on every version
+// (pathlib's exists() is false for every error from 3.14 on). `native`: the
+// path class and what its stat() reaches are as loading found them; else
+// the path's own stat() is called, so a host's fake file system sees it.
 int git_entry_exists(PyObject* module, PyObject* candidate, bool native) {
 #ifndef _WIN32
     const ModuleState* st = state_of(module);
     if (native && reinterpret_cast<PyObject*>(Py_TYPE(candidate)) == st->plain_path)
-        return git_entry_exists_natively(candidate, st->exists_ignores_errors);
+        return git_entry_exists_natively(candidate);
 #else
     (void)module;
     (void)native;
@@ -224,7 +262,8 @@ int git_entry_exists(PyObject* module, PyObject* candidate, bool native) {
     if (!name) return -1;
     Ref entry = Ref::steal(PyNumber_TrueDivide(candidate, name.get()));
     if (!entry) return -1;
-    return truth(call_method(entry.get(), "exists"));
+    if (call_method(entry.get(), "stat")) return 1;
+    return sort_stat_error();
 }
 
 // Path.cwd() through the namespace.
@@ -451,11 +490,10 @@ PyObject* resolve_commit(PyObject* module, PyObject* const* a) {
 }
 
 #ifndef _WIN32
-// The genuine stat behind the concrete path's exists(), on this version.
-// 3.10: the class's accessor, whose type holds os.stat; 3.11 to 3.13:
-// exists() calls stat(), which calls os.stat through its module's `os`;
-// from 3.14: exists() calls os.path.exists, which calls os.stat.
-void stat_route(GuardBuilder& guard, PyObject* plain, bool from_3_14) {
+// The genuine stat behind the concrete path's stat(), on this version.
+// 3.10: the class's accessor, whose type holds os.stat; from 3.11: stat()
+// calls os.stat through its module's `os`.
+void stat_route(GuardBuilder& guard, PyObject* plain) {
     Ref os = Ref::steal(PyImport_ImportModule("os"));
     Ref posix = Ref::steal(PyImport_ImportModule("posix"));
     Ref stat = posix ? Ref::steal(PyObject_GetAttrString(posix.get(), "stat")) : Ref();
@@ -478,27 +516,12 @@ void stat_route(GuardBuilder& guard, PyObject* plain, bool from_3_14) {
         guard.empty_dict(instance_dict.get());
         return;
     }
-    Ref method = Ref::steal(PyObject_GetAttrString(plain, from_3_14 ? "exists" : "stat"));
+    Ref method = Ref::steal(PyObject_GetAttrString(plain, "stat"));
     if (!method || !PyFunction_Check(method.get())) {
         PyErr_Clear();
         return guard.reject();
     }
     guard.entry(PyFunction_GET_GLOBALS(method.get()), "os", os.get());
-    if (from_3_14) {
-        Ref os_path = Ref::steal(PyObject_GetAttrString(os.get(), "path"));
-        if (!os_path || !PyModule_Check(os_path.get())) {
-            PyErr_Clear();
-            return guard.reject();
-        }
-        guard.entry(os_dict, "path", os_path.get());
-        PyObject* exists = PyDict_GetItemString(PyModule_GetDict(os_path.get()), "exists");
-        Ref files = module_files("genericpath");
-        if (!files) return guard.fail();
-        if (!exists || !PyFunction_Check(exists)) return guard.reject();
-        guard.entry(PyModule_GetDict(os_path.get()), "exists", exists);
-        guard.genuine_function(exists, files.get());
-        guard.entry(PyFunction_GET_GLOBALS(exists), "os", os.get());
-    }
     guard.entry(os_dict, "stat", stat.get());
 }
 #endif
@@ -511,25 +534,19 @@ int record_discovery_originals([[maybe_unused]] PyObject* module) {
     Ref pathlib = Ref::steal(PyImport_ImportModule("pathlib"));
     if (!pathlib) return -1;
     Ref plain = Ref::steal(PyObject_GetAttrString(pathlib.get(), "PosixPath"));
-    Ref files = module_files("pathlib");
-    if (!plain || !files) return -1;
+    Ref modules = module_namespaces("pathlib");
+    if (!plain || !modules) return -1;
     PyObject* path_class = st->originals[index(Name::Path)];
     if (!PyType_Check(plain.get()) || !PyType_Check(path_class) ||
         !PyType_IsSubtype(reinterpret_cast<PyTypeObject*>(plain.get()), reinterpret_cast<PyTypeObject*>(path_class)))
         return 0;
     GuardBuilder methods;
-    methods.genuine_class(plain.get(), files.get());
+    methods.genuine_class(plain.get(), modules.get());
     if (methods.finish(st->path_guard) < 0) return -1;
     if (st->path_guard.entries == nullptr) return 0;
 
-    Ref version = Ref::borrow(PySys_GetObject("version_info"));
-    Ref minor = version ? Ref::steal(PySequence_GetItem(version.get(), 1)) : Ref();
-    if (!minor) return -1;
-    const long minor_version = PyLong_AsLong(minor.get());
-    if (minor_version == -1 && PyErr_Occurred()) return -1;
-    st->exists_ignores_errors = minor_version >= 14;
     GuardBuilder route;
-    stat_route(route, plain.get(), st->exists_ignores_errors);
+    stat_route(route, plain.get());
     if (!route.ok()) return -1;
     if (route.finish(st->stat_guard) < 0) return -1;
     st->plain_path = plain.release();

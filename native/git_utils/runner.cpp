@@ -413,34 +413,29 @@ int record_runner_originals(PyObject* module) {
     ModuleState* st = state_of(module);
     PyObject* subprocess = st->originals[index(Name::subprocess)];
     if (!PyModule_Check(subprocess)) return 0;
-    Ref file = Ref::steal(PyObject_GetAttrString(subprocess, "__file__"));
-    if (!file) {
-        PyErr_Clear();
-        return 0;
-    }
-    Ref files = Ref::steal(PyTuple_Pack(1, file.get()));
-    if (!files) return -1;
     PyObject* dict = PyModule_GetDict(subprocess);
+    Ref modules = Ref::steal(PyTuple_Pack(1, dict));
+    if (!modules) return -1;
     GuardBuilder guard;
     guard.entry(dict, "run");
     guard.entry(dict, "Popen");
     guard.entry(dict, "PIPE");
     guard.entry(dict, "TimeoutExpired");
     guard.entry(dict, "CompletedProcess");
-    PyObject* run = PyDict_GetItemString(dict, "run");
-    PyObject* popen = PyDict_GetItemString(dict, "Popen");
-    if (run == nullptr || popen == nullptr || !PyType_Check(popen)) return 0;
-    guard.genuine_function(run, files.get());
-    guard.genuine_class(popen, files.get());
+    Ref run, popen;
+    if (dict_get(dict, "run", run) < 0 || dict_get(dict, "Popen", popen) < 0) return -1;
+    if (!run || !popen || !PyType_Check(popen.get())) return 0;
+    guard.genuine_function(run.get(), modules.get());
+    guard.genuine_class(popen.get(), modules.get());
     for (const char* name : kPopenMethods) {
-        Ref method = Ref::steal(PyObject_GetAttrString(popen, name));
+        Ref method = Ref::steal(PyObject_GetAttrString(popen.get(), name));
         if (!method) {
             PyErr_Clear();
             guard.reject();
         }
     }
     if (guard.finish(st->runner_guard) < 0) return -1;
-    if (st->runner_guard.entries != nullptr) st->subprocess_run = Ref::borrow(run).release();
+    if (st->runner_guard.entries != nullptr) st->subprocess_run = run.release();
     return 0;
 }
 

@@ -23,8 +23,7 @@ struct ModuleState {
     Guard runner_guard;               // subprocess's run, Popen and Popen's methods
     PyObject* plain_path;             // pathlib's concrete path class at load, if genuine
     Guard path_guard;                 // the methods of that class and its bases
-    Guard stat_guard;                 // what its exists() reaches for the stat
-    bool exists_ignores_errors;       // exists() is false for every OSError (3.14 on)
+    Guard stat_guard;                 // what its stat() reaches
     PyObject* datetime_now;           // datetime.now bound at load, if genuine
     PyCFunction datetime_now_impl;    // the C function behind it at load
     void* datetime_api;               // the datetime C API, imported at load
