@@ -10,6 +10,7 @@ default-branch detection (main or master), author contribution statistics. On Wi
 is hidden with a STARTUPINFO using SW_HIDE.
 """
 
+import errno
 import logging
 import re
 import subprocess
@@ -70,9 +71,18 @@ def find_git_root(start: Path | None = None) -> Path | None:
     """The nearest directory at or above start (default: the working directory) holding a .git entry."""
     here = (start if start is not None else Path.cwd()).absolute()
     for candidate in (here, *here.parents):
-        if (candidate / ".git").exists():
+        try:
+            (candidate / ".git").stat()
             return candidate
+        except OSError as e:  # what exists() answered false for up to 3.13; anything else reaches the caller
+            if e.errno not in _NO_ENTRY:
+                raise
+        except ValueError:
+            pass
     return None
+
+
+_NO_ENTRY = (errno.ENOENT, errno.ENOTDIR, errno.EBADF, errno.ELOOP)
 
 
 def find_repo_root() -> Path:
