@@ -4,9 +4,12 @@ against a few lines of such Python, run under the same tool."""
 
 import datetime as dt
 import errno
+import functools
 import inspect
 import logging
 import os
+import pathlib
+import re
 import subprocess
 import sys
 import textwrap
@@ -15,6 +18,8 @@ from unittest import mock
 
 import pytest
 from pyfakefs.helpers import reset_ids, set_uid
+
+from morvane_tessary.utils import git_utils
 
 
 def python_find_git_root(start=None):
@@ -44,18 +49,83 @@ def python_run(root, args):
     return result.stdout, result.stderr, result.returncode
 
 
-def test_native_paths_taken_when_nothing_is_replaced(gu, fake_git, tmp_path):
-    """A guard that wrongly rejects the standard library changes no answer, only speed: catch it here."""
-    fake_git("echo out")
+def fast_path_names() -> list[str]:
+    """The registry of fast paths, as the binding layer names them."""
+    [header] = (Path(__file__).parents[1] / "native").rglob("fast_paths.hpp")
+    registry = header.read_text().split("#define GU_FAST_PATHS(X)", 1)[1].split("\n\n", 1)[0]
+    return re.findall(r"X\((\w+)\)", registry)
+
+
+def wrapped(owner, name):
+    """A host's wrapper of owner.name, which a fast path must not take for the original."""
+    original = inspect.getattr_static(owner, name)
+
+    @functools.wraps(original)
+    def wrapper(*args, **kwargs):
+        return original(*args, **kwargs)
+
+    in_class = isinstance(owner, type) and inspect.isbuiltin(original)  # no self for a built-in held by a class
+    return lambda monkeypatch: monkeypatch.setattr(owner, name, staticmethod(wrapper) if in_class else wrapper)
+
+
+def travelling(monkeypatch):  # a clock double swaps the C function behind datetime.now in place
+    import time_machine
+
+    traveller = time_machine.travel(dt.datetime(2020, 6, 15, 12, 0), tick=False)
+    traveller.start()
+    monkeypatch.undo = lambda stop=traveller.stop, undo=monkeypatch.undo: (stop(), undo())
+
+
+def clock_followed(result, called):  # C calls from C are not profiled: the moment tells which clock was read
+    return result == dt.datetime(2020, 6, 8, 12, 0)
+
+
+def joined_by_parts(result, called):  # the native join is one `/` of "memory/lorebook/<branch>"
+    return called.count("__truediv__") == 3
+
+
+RECORDS = "\x00".join([":100644 100644 a b M", "f", "1\t2\tf", ""])
+# For each fast path: what replaces what it stands in for, the call that takes it, and the Python function
+# that only the Python path runs (or what tells the Python path's result).
+FAST_PATHS = {
+    "spawn": (wrapped(subprocess, "run"), lambda gu, root: gu.run_git_command(root, ["x"]), "communicate"),
+    "path": (wrapped(pathlib.PurePath, "__truediv__"), lambda gu, root: gu.wiki_directory(root, "b"), joined_by_parts),
+    # up to 3.10 the path's stat() reaches os.stat through its accessor class
+    "path_stat": (wrapped(getattr(pathlib, "_NormalAccessor", os), "stat"),
+                  lambda gu, root: gu.find_git_root(root / "a" / "b"), "stat"),
+    "clock": (travelling, lambda gu, root: gu.parse_time_spec("7d"), clock_followed),
+    "logger": (wrapped(logging.Logger, "debug"), lambda gu, root: gu.run_git_command(root, ["fail"]), "debug"),
+    "file_change": (wrapped(git_utils.FileChange, "__init__"), lambda gu, root: gu.parse_file_changes(RECORDS),
+                    "__init__"),
+    "commit_changes": (wrapped(git_utils.CommitChanges, "__init__"),
+                       lambda gu, root: gu.parse_commit_changes("\x1e1700000000\x00"), "__init__"),
+    "line_span": (wrapped(git_utils.LineSpan, "__init__"), lambda gu, root: gu.parse_line_spans("+++ f\n@@ -1 +1 @@\n"),
+                  "__init__"),
+}
+
+
+def test_every_fast_path_has_a_case():
+    assert sorted(fast_path_names()) == sorted(FAST_PATHS)
+
+
+@pytest.mark.parametrize("replaced", [False, True], ids=["genuine", "replaced"])
+@pytest.mark.parametrize("fast_path", fast_path_names())
+def test_fast_path_native_unless_replaced(gu, fake_git, tmp_path, monkeypatch, caplog, fast_path, replaced):
+    """Native while what a fast path stands in for is genuine, the Python path once a host wrapped it; a guard
+    that wrongly rejects the standard library changes no answer, only speed: caught here."""
+    replace, probe, python_only = FAST_PATHS[fast_path]
+    fake_git('[ "$1" = fail ] && exit 3; echo out')
     (tmp_path / ".git").mkdir()
-    called = set()
-    sys.setprofile(lambda frame, event, arg: event == "call" and called.add(frame.f_code.co_name))
+    if replaced:
+        replace(monkeypatch)
+    caplog.set_level(logging.DEBUG, logger=gu.__name__)
+    called = []
+    sys.setprofile(lambda frame, event, arg: event == "call" and called.append(frame.f_code.co_name))
     try:
-        gu.run_git_command(tmp_path, ["x"])
-        gu.find_git_root(tmp_path / "a" / "b")
+        result = probe(gu, tmp_path)
     finally:
         sys.setprofile(None)
-    assert not called & {"run", "communicate", "exists", "stat"}
+    assert (python_only(result, called) if callable(python_only) else python_only in called) == replaced
 
 
 def test_pytest_subprocess_double_answers(gu, fp, tmp_path):

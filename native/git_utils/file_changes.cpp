@@ -171,7 +171,7 @@ FromBytes file_changes_natively(PyObject* module, const NativeFileChanges& nativ
     Collaborator file_change(module, Name::FileChange);
     // Filled natively, the records are made without running Python code.
     const bool fill =
-        file_change.is_original() && fills_natively(state_of(module), Record::file_change, file_change.get());
+        file_change.is_original() && allowed_for(state_of(module), FastPath::file_change, file_change.get());
     GcPause pause(fill);
     if (fill_file_changes(module, native, records, text, file_change, fill, list.get(), git_bytes) < 0) return Ref();
     return list;
@@ -384,8 +384,8 @@ FromBytes commits_natively(PyObject* module, const NativeFileChanges& native, co
     Collaborator commit_changes(module, Name::CommitChanges);
     const ModuleState* st = state_of(module);
     const bool fill = file_change.is_original() && commit_changes.is_original() &&
-                      fills_natively(st, Record::file_change, file_change.get()) &&
-                      fills_natively(st, Record::commit_changes, commit_changes.get());
+                      allowed_for(st, FastPath::file_change, file_change.get()) &&
+                      allowed_for(st, FastPath::commit_changes, commit_changes.get());
     GcPause pause(fill);
     core::FileCollector<Unit> collector;
     if (git_bytes) collector.check_utf8();

@@ -6,16 +6,6 @@
 namespace gu {
 namespace {
 
-// The dict behind a class, what its attribute lookups search (a new
-// reference). The class keeps it alive as long as the guard keeps the class.
-Ref class_dict_of(PyObject* type) {
-#if PY_VERSION_HEX >= 0x030C0000
-    return Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(type)));
-#else
-    return Ref::borrow(reinterpret_cast<PyTypeObject*>(type)->tp_dict);
-#endif
-}
-
 // Reading a class's __annotations__ stores an empty dict in the class on some
 // versions; that entry changes no method, so the comparison passes over it.
 bool is_annotations_key(PyObject* key) {
@@ -82,8 +72,16 @@ int foreign_function(PyObject* f, PyObject* modules) {
 
 }  // namespace
 
+Ref class_dict_of(PyObject* type) {
+#if PY_VERSION_HEX >= 0x030C0000
+    return Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(type)));
+#else
+    return Ref::borrow(reinterpret_cast<PyTypeObject*>(type)->tp_dict);
+#endif
+}
+
 bool guard_holds(const Guard& guard) {
-    if (guard.entries == nullptr) return false;
+    if (guard.subject == nullptr) return false;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(guard.entries); i += 3) {
         PyObject* found = PyDict_GetItemWithError(PyTuple_GET_ITEM(guard.entries, i),
                                                   PyTuple_GET_ITEM(guard.entries, i + 1));
@@ -92,24 +90,37 @@ bool guard_holds(const Guard& guard) {
             return false;
         }
     }
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(guard.missing); i += 2) {
+        if (PyDict_GetItemWithError(PyTuple_GET_ITEM(guard.missing, i), PyTuple_GET_ITEM(guard.missing, i + 1)) ||
+            PyErr_Occurred()) {
+            PyErr_Clear();
+            return false;
+        }
+    }
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(guard.dicts); i += 2)
         if (!dict_matches(PyTuple_GET_ITEM(guard.dicts, i), PyTuple_GET_ITEM(guard.dicts, i + 1))) return false;
-    return true;
+    return guard.impl == nullptr || PyCFunction_GetFunction(guard.subject) == guard.impl;
 }
 
 int traverse_guard(const Guard& guard, visitproc visit, void* arg) {
+    Py_VISIT(guard.subject);
     Py_VISIT(guard.entries);
+    Py_VISIT(guard.missing);
     Py_VISIT(guard.dicts);
     return 0;
 }
 
 void clear_guard(Guard& guard) {
+    Py_CLEAR(guard.subject);
     Py_CLEAR(guard.entries);
+    Py_CLEAR(guard.missing);
     Py_CLEAR(guard.dicts);
+    guard.impl = nullptr;
 }
 
-GuardBuilder::GuardBuilder() : entries_(Ref::steal(PyList_New(0))), dicts_(Ref::steal(PyList_New(0))) {
-    failed_ = !entries_ || !dicts_;
+GuardBuilder::GuardBuilder()
+    : entries_(Ref::steal(PyList_New(0))), missing_(Ref::steal(PyList_New(0))), dicts_(Ref::steal(PyList_New(0))) {
+    failed_ = !entries_ || !missing_ || !dicts_;
 }
 
 void GuardBuilder::entry(PyObject* dict, const char* key, PyObject* value) {
@@ -134,6 +145,20 @@ void GuardBuilder::entry_in_class(PyObject* type, const char* key, PyObject* val
     if (!PyType_Check(type)) return reject();
     Ref dict = class_dict_of(type);
     entry(dict.get(), key, value);
+}
+
+void GuardBuilder::absent_in_class(PyObject* type, const char* key) {
+    if (failed_ || !genuine_) return;
+    if (!PyType_Check(type)) return reject();
+    Ref dict = class_dict_of(type);
+    Ref name = Ref::steal(PyUnicode_InternFromString(key));
+    if (!dict || !name) {
+        failed_ = true;
+        return;
+    }
+    const int present = PyDict_Contains(dict.get(), name.get());
+    if (present != 0) return present < 0 ? fail() : reject();
+    if (append_all(missing_.get(), {dict.get(), name.get()}) < 0) failed_ = true;
 }
 
 void GuardBuilder::class_dict(PyObject* type) {
@@ -210,10 +235,13 @@ void GuardBuilder::genuine_class(PyObject* type, PyObject* modules) {
 
 int GuardBuilder::finish(Guard& out) {
     if (failed_) return -1;
-    if (!genuine_) return 0;
+    if (!genuine_ || !subject_) return 0;
+    out.subject = subject_.release();
+    out.impl = impl_;
     out.entries = PyList_AsTuple(entries_.get());
+    out.missing = PyList_AsTuple(missing_.get());
     out.dicts = PyList_AsTuple(dicts_.get());
-    if (out.entries == nullptr || out.dicts == nullptr) {
+    if (out.entries == nullptr || out.missing == nullptr || out.dicts == nullptr) {
         clear_guard(out);
         return -1;
     }

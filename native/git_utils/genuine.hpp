@@ -12,14 +12,20 @@
 
 namespace gu {
 
-// What one native path relies on, as loading found it. `entries` is a flat
-// tuple of (dict, key, value) triples: dict[key] must still be value.
-// `dicts` is a flat tuple of (dict, snapshot) pairs: the dict (a class's)
-// must still hold the snapshot's keys and values, in order, and nothing
-// else. Null `entries`: not genuine at load, the native path never runs.
+// What one native path relies on, as loading found it. `subject` is the
+// object the path stands in for (subprocess.run, a class, datetime.now);
+// null: not genuine at load, and the path never runs. `entries` is a flat
+// tuple of (dict, key, value) triples: dict[key] must still be value;
+// `missing`, of (dict, key) pairs: the key must still be missing. `dicts` is a flat tuple of (dict,
+// snapshot) pairs: the dict (a class's) must still hold the snapshot's keys
+// and values, in order, and nothing else. `impl`, for a built-in subject: the
+// C function that must still run behind it (a clock double swaps it in place).
 struct Guard {
+    PyObject* subject;
     PyObject* entries;
+    PyObject* missing;
     PyObject* dicts;
+    PyCFunction impl;
 };
 
 // Pointer comparisons only: no attribute lookup, no call into Python code.
@@ -33,10 +39,16 @@ void clear_guard(Guard& guard);
 class GuardBuilder {
 public:
     GuardBuilder();
+    // What the path stands in for; a guard without one is not genuine.
+    void subject(PyObject* object) { subject_ = Ref::borrow(object); }
+    // The built-in subject must keep running `impl`.
+    void runs(PyCFunction impl) { impl_ = impl; }
     // dict[key] must stay `value`; `value` null means "whatever dict[key] is now".
     void entry(PyObject* dict, const char* key, PyObject* value = nullptr);
     // The same for an entry of a class's own dict.
     void entry_in_class(PyObject* type, const char* key, PyObject* value);
+    // The class's own dict must stay without `key`.
+    void absent_in_class(PyObject* type, const char* key);
     // The class's own dict must keep every entry it has now.
     void class_dict(PyObject* type);
     // `dict` (an instance's) must stay empty.
@@ -57,16 +69,22 @@ public:
 private:
     bool failed_ = false;
     bool genuine_ = true;
+    Ref subject_;
     Ref entries_;
+    Ref missing_;
     Ref dicts_;
+    PyCFunction impl_ = nullptr;
 };
+
+// The dict behind a class, what its attribute lookups search (a new
+// reference).
+Ref class_dict_of(PyObject* type);
 
 // The namespaces (dicts) of module `name` and of its submodules now loaded
 // (a package such as pathlib spreads over several), as a tuple.
 Ref module_namespaces(const char* name);
 
 // The name the logger's guard still calls module_namespaces by.
-inline Ref module_files(const char* name) { return module_namespaces(name); }
 
 // Whether `f` is a function defined in one of `modules` (its globals are one
 // of those namespaces): 1 or 0.

@@ -5,11 +5,13 @@
 #include <Python.h>
 
 #include "git_utils/function.hpp"
+#include "git_utils/genuine.hpp"
 
 namespace gu {
 
-// At load: the datetime C API, and datetime.now as the original clock when it
-// is datetime's own C function.
-int record_clock_originals(PyObject* module);
+// The builder of the clock's fast path; it also keeps the datetime C API in
+// module state. datetime.now as loading found it, when it is datetime's own
+// C function, and that function behind it.
+int clock_guard(PyObject* module, GuardBuilder& guard);
 
 }  // namespace gu

@@ -292,7 +292,7 @@ public:
     // be asked about again.
     bool all_native() {
         fill_ = native_header_ && native_span_ && native_path_ && native_unquote_ && line_span_.is_original() &&
-                fills_natively(state_of(module_), Record::line_span, line_span_.get());
+                allowed_for(state_of(module_), FastPath::line_span, line_span_.get());
         return fill_;
     }
 

@@ -20,9 +20,7 @@ constexpr const char* kCalledMethods[] = {"isEnabledFor", "makeRecord", "handle"
 // Whether `logger` is the standard Logger with logging's own methods:
 // 1, 0, or -1 with an exception.
 int standard_logger(const ModuleState* st, PyObject* logger) {
-    if (st->logger_class == nullptr || reinterpret_cast<PyObject*>(Py_TYPE(logger)) != st->logger_class ||
-        !guard_holds(st->logger_guard))
-        return 0;
+    if (!allowed_for(st, FastPath::logger, reinterpret_cast<PyObject*>(Py_TYPE(logger)))) return 0;
     Ref dict = Ref::steal(PyObject_GenericGetDict(logger, nullptr));
     if (!dict) return -1;
     for (const char* name : kReplacedMethods) {
@@ -109,18 +107,17 @@ int log_line(PyObject* module, LogLevel level, const char* function, const char*
     return r ? 0 : -1;
 }
 
-int record_logging_originals(PyObject* module) {
-    ModuleState* st = state_of(module);
-    PyObject* logging = st->originals[index(Name::logging)];
+int logger_guard(PyObject* module, GuardBuilder& guard) {
+    PyObject* logging = state_of(module)->originals[index(Name::logging)];
     if (!PyModule_Check(logging)) return 0;
     Ref logger_class = Ref::borrow(PyDict_GetItemString(PyModule_GetDict(logging), "Logger"));
     if (!logger_class || !PyType_Check(logger_class.get())) return 0;
-    Ref files = module_files("logging");
-    if (!files) return -1;
+    Ref modules = module_namespaces("logging");
+    if (!modules) return -1;
     // Only what the record path takes the place of must be logging's own; a
     // host's wrapper elsewhere (sentry-sdk wraps callHandlers) still runs,
     // through logger.handle.
-    GuardBuilder guard;
+    guard.subject(logger_class.get());
     for (const char* name : kReplacedMethods) {
         Ref method = Ref::steal(PyObject_GetAttrString(logger_class.get(), name));
         if (!method) {
@@ -129,7 +126,7 @@ int record_logging_originals(PyObject* module) {
             break;
         }
         guard.entry_in_class(logger_class.get(), name, method.get());
-        guard.genuine_function(method.get(), files.get());
+        guard.genuine_function(method.get(), modules.get());
     }
     for (const char* name : kCalledMethods) {
         Ref method = Ref::steal(PyObject_GetAttrString(logger_class.get(), name));
@@ -138,9 +135,7 @@ int record_logging_originals(PyObject* module) {
             guard.reject();
         }
     }
-    if (guard.finish(st->logger_guard) < 0) return -1;
-    if (st->logger_guard.entries != nullptr) st->logger_class = logger_class.release();
-    return 0;
+    return guard.ok() ? 0 : -1;
 }
 
 }  // namespace gu

@@ -7,6 +7,8 @@
 
 #include <initializer_list>
 
+#include "git_utils/genuine.hpp"
+
 namespace gu {
 
 enum class LogLevel { debug = 10, warning = 30 };
@@ -16,8 +18,8 @@ enum class LogLevel { debug = 10, warning = 30 };
 int log_line(PyObject* module, LogLevel level, const char* function, const char* format,
              std::initializer_list<PyObject*> values);
 
-// At load: logging.Logger as the original when it and the methods a log
-// call runs are logging's own.
-int record_logging_originals(PyObject* module);
+// The builder of the logger's fast path: logging.Logger, when it and the
+// methods a log call runs are logging's own.
+int logger_guard(PyObject* module, GuardBuilder& guard);
 
 }  // namespace gu

@@ -189,6 +189,27 @@ void register_exit_kill() {
 }
 #endif
 
+// Each fast path's builder, in the order loading runs them.
+constexpr FastPathDef kFastPaths[] = {
+    {FastPath::spawn, spawn_guard},
+    {FastPath::path, path_guard},
+    {FastPath::path_stat, path_stat_guard},
+    {FastPath::clock, clock_guard},
+    {FastPath::logger, logger_guard},
+    {FastPath::file_change, build_record_guard<Record::file_change>},
+    {FastPath::commit_changes, build_record_guard<Record::commit_changes>},
+    {FastPath::line_span, build_record_guard<Record::line_span>},
+};
+constexpr bool one_builder_each() {
+    bool seen[kFastPathCount] = {};
+    for (const FastPathDef& def : kFastPaths) {
+        if (seen[static_cast<std::size_t>(def.path)]) return false;
+        seen[static_cast<std::size_t>(def.path)] = true;
+    }
+    return std::size(kFastPaths) == kFastPathCount;
+}
+static_assert(one_builder_each(), "one builder for every fast path");
+
 int exec_module(PyObject* module) {
     if (init_state(module) < 0) return -1;
 #ifndef _WIN32
@@ -203,11 +224,8 @@ int exec_module(PyObject* module) {
     }
     for (std::size_t i = 0; i < kNameCount; ++i)
         if (bind(module, Name(i), make_value(module, Name(i))) < 0) return -1;
-    // What the native paths stand in for, if genuine now.
-    if (record_runner_originals(module) < 0 || record_discovery_originals(module) < 0 ||
-        record_clock_originals(module) < 0 || record_logging_originals(module) < 0)
-        return -1;
-    return 0;
+    // What the fast paths stand in for, if genuine now.
+    return build_fast_paths(module, kFastPaths);
 }
 
 int module_traverse(PyObject* module, visitproc visit, void* arg) {

@@ -89,24 +89,6 @@ Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
     return result;
 }
 
-// The attribute dict of a class of its own (not its bases'), borrowed from
-// the class for as long as the caller holds no reference across Python code.
-Ref own_dict(PyObject* cls) {
-#if PY_VERSION_HEX >= 0x030C0000
-    return Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(cls)));
-#else
-    return Ref::borrow(reinterpret_cast<PyTypeObject*>(cls)->tp_dict);
-#endif
-}
-
-// The class's own __init__ now; null when it has none.
-Ref own_init(const ModuleState* st, PyObject* cls) {
-    Ref dict = own_dict(cls);
-    Ref init;
-    if (!dict || dict_get(dict.get(), st->str_init, init) < 0) PyErr_Clear();
-    return init;
-}
-
 // The record spec of the class bound under `name`.
 const RecordSpec& spec_named(Name name) {
     for (const RecordSpec& spec : kRecords)
@@ -129,7 +111,6 @@ Ref call_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* con
 
 Ref make_record_class(PyObject* module, Name name) {
     const RecordSpec& spec = spec_named(name);
-    ModuleState* st = state_of(module);
     PyObject* dict = PyModule_GetDict(module);
     // dataclass runs generated code with the namespace as its globals, which
     // leaves __builtins__ behind; the module's namespace does not carry it.
@@ -143,21 +124,23 @@ Ref make_record_class(PyObject* module, Name name) {
         const int left = dict_get(dict, "__builtins__", builtins);
         if (left < 0 || (left && PyDict_DelItemString(dict, "__builtins__") < 0)) return Ref();
     }
-    Ref init = own_init(st, cls.get());
-    if (!init) {
-        PyErr_SetString(PyExc_SystemError, "record class without __init__");
-        return Ref();
-    }
-    st->record_inits[static_cast<int>(spec.kind)] = init.release();
     return cls;
 }
 
-bool fills_natively(const ModuleState* st, Record kind, PyObject* cls) {
-    const int k = static_cast<int>(kind);
-    return cls == st->originals[index(kRecords[k].name)] &&
-           reinterpret_cast<PyTypeObject*>(cls)->tp_new == PyBaseObject_Type.tp_new &&
-           own_init(st, cls).get() == st->record_inits[k];
+int record_guard(PyObject* module, GuardBuilder& guard, Record kind) {
+    PyObject* cls = state_of(module)->originals[index(kRecords[static_cast<int>(kind)].name)];
+    if (!PyType_Check(cls)) return 0;
+    Ref dict = class_dict_of(cls);
+    Ref init;
+    if (!dict || dict_get(dict.get(), "__init__", init) < 0) return -1;
+    // The __init__ and __new__ the class had when loading made it (a host may
+    // patch either in place): object.__new__, and the generated __init__.
+    guard.subject(cls);
+    guard.entry_in_class(cls, "__init__", init.get());
+    guard.absent_in_class(cls, "__new__");
+    return guard.ok() ? 0 : -1;
 }
+
 
 // What the generated __init__ does: object.__setattr__ of each field in
 // declared order, into the instance dict the class's instances share keys
@@ -195,7 +178,7 @@ Ref fill_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* con
 }
 
 Ref make_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
-    return fills_natively(st, kind, cls) ? fill_record(st, kind, cls, values) : call_record(st, kind, cls, values);
+    return allowed_for(st, fast_path_of(kind), cls) ? fill_record(st, kind, cls, values) : call_record(st, kind, cls, values);
 }
 
 }  // namespace gu

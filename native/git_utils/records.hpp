@@ -5,6 +5,7 @@
 
 #include <Python.h>
 
+#include "git_utils/fast_paths.hpp"
 #include "git_utils/ref.hpp"
 #include "git_utils/state.hpp"
 
@@ -12,23 +13,32 @@ namespace gu {
 
 enum class Record { file_change, commit_changes, line_span };
 
+// The fast path that fills records of `kind` natively.
+constexpr FastPath fast_path_of(Record kind) {
+    return kind == Record::file_change      ? FastPath::file_change
+           : kind == Record::commit_changes ? FastPath::commit_changes
+                                            : FastPath::line_span;
+}
+
 // At load: the record class bound under `name` (FileChange, CommitChanges
 // or LineSpan), a frozen dataclass.
 Ref make_record_class(PyObject* module, Name name);
 
-// Whether instances of `cls` may be filled natively: it is the class that
-// loading made, with the __init__ and __new__ it had then (a host may patch
-// either in place). A few identity checks; the verdict holds until Python
-// code next runs.
-bool fills_natively(const ModuleState* st, Record kind, PyObject* cls);
+// The builder of the fast path that fills records of `kind`: the class that
+// loading made, with the __init__ and __new__ it had then.
+int record_guard(PyObject* module, GuardBuilder& guard, Record kind);
+template <Record kind>
+int build_record_guard(PyObject* module, GuardBuilder& guard) {
+    return record_guard(module, guard, kind);
+}
 
 // An instance of the class loading made, filled natively with `values` for
-// its fields in declared order; only while fills_natively holds.
+// its fields in declared order; only while its fast path is allowed.
 Ref fill_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values);
 
 // An instance of `cls` (found in the namespace under the record's name) with
 // `values` for its fields in declared order: filled natively while
-// fills_natively holds, else the class is called as the parsers call it:
+// its fast path is allowed, else the class is called as the parsers call it:
 // FileChange(path, status, additions, deletions, old_path=...),
 // CommitChanges(timestamp, files), LineSpan(start, end, added).
 Ref make_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values);

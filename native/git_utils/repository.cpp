@@ -159,9 +159,7 @@ Ref sanitize_object(PyObject* branch) {
 // loading found it, with its methods unchanged since: for it, the native
 // shortcuts give what its methods give.
 bool is_plain_path(PyObject* module, PyObject* obj) {
-    const ModuleState* st = state_of(module);
-    return st->plain_path != nullptr && reinterpret_cast<PyObject*>(Py_TYPE(obj)) == st->plain_path &&
-           guard_holds(st->path_guard);
+    return allowed_for(state_of(module), FastPath::path, reinterpret_cast<PyObject*>(Py_TYPE(obj)));
 }
 
 // Whether an errno of the stat of ".git" says only that the entry is not
@@ -252,7 +250,7 @@ int git_entry_exists_natively(PyObject* candidate) {
 int git_entry_exists(PyObject* module, PyObject* candidate, bool native) {
 #ifndef _WIN32
     const ModuleState* st = state_of(module);
-    if (native && reinterpret_cast<PyObject*>(Py_TYPE(candidate)) == st->plain_path)
+    if (native && reinterpret_cast<PyObject*>(Py_TYPE(candidate)) == subject_of(st, FastPath::path))
         return git_entry_exists_natively(candidate);
 #else
     (void)module;
@@ -288,8 +286,7 @@ PyObject* find_git_root(PyObject* module, PyObject* const* a) {
     if (!candidates || PyList_Insert(candidates.get(), 0, current.get()) < 0) return nullptr;
     // Checked once: between candidates the native test runs no Python code.
     const ModuleState* st = state_of(module);
-    const bool native =
-        st->plain_path != nullptr && guard_holds(st->path_guard) && guard_holds(st->stat_guard);
+    const bool native = allowed(st, FastPath::path) && allowed(st, FastPath::path_stat);
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(candidates.get()); ++i) {
         Ref candidate = Ref::borrow(PyList_GET_ITEM(candidates.get(), i));
         const int found = git_entry_exists(module, candidate.get(), native);
@@ -502,6 +499,7 @@ void stat_route(GuardBuilder& guard, PyObject* plain) {
         return guard.reject();
     }
     PyObject* os_dict = PyModule_GetDict(os.get());
+    guard.subject(stat.get());
     Ref accessor = Ref::steal(PyObject_GetAttrString(plain, "_accessor"));
     if (!accessor) PyErr_Clear();
     if (accessor) {
@@ -526,32 +524,43 @@ void stat_route(GuardBuilder& guard, PyObject* plain) {
 }
 #endif
 
-}  // namespace
-
-int record_discovery_originals([[maybe_unused]] PyObject* module) {
 #ifndef _WIN32
-    ModuleState* st = state_of(module);
+// pathlib's concrete path class of this system, when it is a kind of the
+// Path that loading bound; null without an exception when it is not.
+Ref plain_path_class(PyObject* module) {
     Ref pathlib = Ref::steal(PyImport_ImportModule("pathlib"));
-    if (!pathlib) return -1;
-    Ref plain = Ref::steal(PyObject_GetAttrString(pathlib.get(), "PosixPath"));
-    Ref modules = module_namespaces("pathlib");
-    if (!plain || !modules) return -1;
-    PyObject* path_class = st->originals[index(Name::Path)];
+    Ref plain = pathlib ? Ref::steal(PyObject_GetAttrString(pathlib.get(), "PosixPath")) : Ref();
+    if (!plain) return Ref();
+    PyObject* path_class = state_of(module)->originals[index(Name::Path)];
     if (!PyType_Check(plain.get()) || !PyType_Check(path_class) ||
         !PyType_IsSubtype(reinterpret_cast<PyTypeObject*>(plain.get()), reinterpret_cast<PyTypeObject*>(path_class)))
-        return 0;
-    GuardBuilder methods;
-    methods.genuine_class(plain.get(), modules.get());
-    if (methods.finish(st->path_guard) < 0) return -1;
-    if (st->path_guard.entries == nullptr) return 0;
-
-    GuardBuilder route;
-    stat_route(route, plain.get());
-    if (!route.ok()) return -1;
-    if (route.finish(st->stat_guard) < 0) return -1;
-    st->plain_path = plain.release();
+        return Ref::borrow(Py_None);
+    return plain;
+}
 #endif
-    return 0;
+
+}  // namespace
+
+int path_guard([[maybe_unused]] PyObject* module, [[maybe_unused]] GuardBuilder& guard) {
+#ifndef _WIN32
+    Ref plain = plain_path_class(module);
+    Ref modules = module_namespaces("pathlib");
+    if (!plain || !modules) return -1;
+    if (plain.get() == Py_None) return 0;
+    guard.subject(plain.get());
+    guard.genuine_class(plain.get(), modules.get());
+#endif
+    return guard.ok() ? 0 : -1;
+}
+
+int path_stat_guard([[maybe_unused]] PyObject* module, [[maybe_unused]] GuardBuilder& guard) {
+#ifndef _WIN32
+    Ref plain = plain_path_class(module);
+    if (!plain) return -1;
+    if (plain.get() == Py_None) return 0;
+    stat_route(guard, plain.get());
+#endif
+    return guard.ok() ? 0 : -1;
 }
 
 const FunctionDef kDefs[] = {

@@ -6,11 +6,14 @@
 #include <Python.h>
 
 #include "git_utils/function.hpp"
+#include "git_utils/genuine.hpp"
 
 namespace gu {
 
-// At load: pathlib's concrete path class, its methods and what its exists()
-// reaches for the stat, as the originals when they are the standard library's.
-int record_discovery_originals(PyObject* module);
+// The builders of the path's fast paths: pathlib's concrete path class with
+// its methods (joins and the .git test), and what its stat() reaches (the
+// .git test's stat), when they are the standard library's own.
+int path_guard(PyObject* module, GuardBuilder& guard);
+int path_stat_guard(PyObject* module, GuardBuilder& guard);
 
 }  // namespace gu

@@ -350,8 +350,8 @@ Ref run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObject* tim
 
 #ifndef _WIN32
     double seconds = 0;
-    if (is_original(st, Name::subprocess, subprocess.get()) && run.get() == st->subprocess_run &&
-        guard_holds(st->runner_guard) && PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 &&
+    if (is_original(st, Name::subprocess, subprocess.get()) && allowed_for(st, FastPath::spawn, run.get()) &&
+        PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 &&
         PyList_CheckExact(argv.get()) && plain_timeout(timeout, seconds)) {
         core::SpawnSpec spec;
         const int ready = prepare(st, argv.get(), cwd.get(), spec);
@@ -409,14 +409,12 @@ constexpr const char* kPopenMethods[] = {"__init__", "__enter__", "__exit__", "c
 
 }  // namespace
 
-int record_runner_originals(PyObject* module) {
-    ModuleState* st = state_of(module);
-    PyObject* subprocess = st->originals[index(Name::subprocess)];
+int spawn_guard(PyObject* module, GuardBuilder& guard) {
+    PyObject* subprocess = state_of(module)->originals[index(Name::subprocess)];
     if (!PyModule_Check(subprocess)) return 0;
     PyObject* dict = PyModule_GetDict(subprocess);
     Ref modules = Ref::steal(PyTuple_Pack(1, dict));
     if (!modules) return -1;
-    GuardBuilder guard;
     guard.entry(dict, "run");
     guard.entry(dict, "Popen");
     guard.entry(dict, "PIPE");
@@ -425,6 +423,7 @@ int record_runner_originals(PyObject* module) {
     Ref run, popen;
     if (dict_get(dict, "run", run) < 0 || dict_get(dict, "Popen", popen) < 0) return -1;
     if (!run || !popen || !PyType_Check(popen.get())) return 0;
+    guard.subject(run.get());
     guard.genuine_function(run.get(), modules.get());
     guard.genuine_class(popen.get(), modules.get());
     for (const char* name : kPopenMethods) {
@@ -434,9 +433,7 @@ int record_runner_originals(PyObject* module) {
             guard.reject();
         }
     }
-    if (guard.finish(st->runner_guard) < 0) return -1;
-    if (st->runner_guard.entries != nullptr) st->subprocess_run = run.release();
-    return 0;
+    return guard.ok() ? 0 : -1;
 }
 
 int unpack_git_result(PyObject* value, Ref out[3]) {

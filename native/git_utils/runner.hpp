@@ -7,15 +7,16 @@
 
 #include "core/byte_buffer.hpp"
 #include "git_utils/function.hpp"
+#include "git_utils/genuine.hpp"
 
 namespace gu {
 
 // GitError's documentation text.
 extern const char* const kGitErrorDoc;
 
-// At load: subprocess.run, Popen and the Popen methods run reaches are
-// recorded as the originals when they are the standard library's own.
-int record_runner_originals(PyObject* module);
+// The builder of the spawn's fast path: subprocess.run, Popen and the Popen
+// methods run reaches, when they are the standard library's own.
+int spawn_guard(PyObject* module, GuardBuilder& guard);
 
 // For the queries: call what the namespace holds under run_git_command or
 // _git_output now, with two arguments (the default time-out).

@@ -1,6 +1,5 @@
 #include "git_utils/state.hpp"
 
-#include <initializer_list>
 
 namespace gu {
 
@@ -25,15 +24,10 @@ int traverse_state(ModuleState* st, visitproc visit, void* arg) {
     Py_VISIT(st->function_type);
     Py_VISIT(st->module_name);
     for (PyObject* o : st->originals) Py_VISIT(o);
-    Py_VISIT(st->subprocess_run);
-    Py_VISIT(st->plain_path);
-    Py_VISIT(st->datetime_now);
-    Py_VISIT(st->logger_class);
-    for (const Guard* g : {&st->runner_guard, &st->path_guard, &st->stat_guard, &st->logger_guard})
-        if (int r = traverse_guard(*g, visit, arg)) return r;
+    for (const Guard& g : st->fast_paths)
+        if (int r = traverse_guard(g, visit, arg)) return r;
     Py_VISIT(st->os_get_exec_path);
     Py_VISIT(st->builtins);
-    for (PyObject* o : st->record_inits) Py_VISIT(o);
     return 0;
 }
 
@@ -42,16 +36,31 @@ void clear_state(ModuleState* st) {
     Py_CLEAR(st->module_name);
     for (PyObject*& o : st->names) Py_CLEAR(o);
     for (PyObject*& o : st->originals) Py_CLEAR(o);
-    Py_CLEAR(st->subprocess_run);
-    Py_CLEAR(st->plain_path);
-    Py_CLEAR(st->datetime_now);
-    Py_CLEAR(st->logger_class);
-    for (Guard* g : {&st->runner_guard, &st->path_guard, &st->stat_guard, &st->logger_guard}) clear_guard(*g);
+    for (Guard& g : st->fast_paths) clear_guard(g);
     Py_CLEAR(st->os_get_exec_path);
     Py_CLEAR(st->builtins);
     for (const auto& interned : kInterned) Py_CLEAR(st->*interned.first);
     for (PyObject*& o : st->record_fields) Py_CLEAR(o);
-    for (PyObject*& o : st->record_inits) Py_CLEAR(o);
+}
+
+bool allowed(const ModuleState* st, FastPath path) { return guard_holds(st->fast_paths[static_cast<std::size_t>(path)]); }
+
+bool allowed_for(const ModuleState* st, FastPath path, PyObject* found) {
+    return found == subject_of(st, path) && allowed(st, path);
+}
+
+PyObject* subject_of(const ModuleState* st, FastPath path) {
+    return st->fast_paths[static_cast<std::size_t>(path)].subject;
+}
+
+int build_fast_paths(PyObject* module, std::span<const FastPathDef> defs) {
+    ModuleState* st = state_of(module);
+    for (const FastPathDef& def : defs) {
+        GuardBuilder guard;
+        if (def.build(module, guard) < 0 || guard.finish(st->fast_paths[static_cast<std::size_t>(def.path)]) < 0)
+            return -1;
+    }
+    return 0;
 }
 
 }  // namespace gu

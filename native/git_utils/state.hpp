@@ -6,8 +6,10 @@
 
 #include <Python.h>
 
+#include <span>
 #include <utility>
 
+#include "git_utils/fast_paths.hpp"
 #include "git_utils/genuine.hpp"
 #include "git_utils/names.hpp"
 #include "git_utils/ref.hpp"
@@ -19,16 +21,8 @@ struct ModuleState {
     PyObject* module_name;    // __name__ at load, the __module__ of functions and classes
     PyObject* names[kNameCount];      // interned attribute names
     PyObject* originals[kNameCount];  // what loading bound under each name (null: not built)
-    PyObject* subprocess_run;         // subprocess.run as bound at load, if genuine
-    Guard runner_guard;               // subprocess's run, Popen and Popen's methods
-    PyObject* plain_path;             // pathlib's concrete path class at load, if genuine
-    Guard path_guard;                 // the methods of that class and its bases
-    Guard stat_guard;                 // what its stat() reaches
-    PyObject* datetime_now;           // datetime.now bound at load, if genuine
-    PyCFunction datetime_now_impl;    // the C function behind it at load
+    Guard fast_paths[kFastPathCount];  // what each fast path stands in for, as loading found it
     void* datetime_api;               // the datetime C API, imported at load
-    PyObject* logger_class;           // logging.Logger at load, if genuine
-    Guard logger_guard;               // the Logger methods a record made natively replaces
     PyObject* str_is_enabled_for;     // interned "isEnabledFor"
     PyObject* str_make_record;        // interned "makeRecord"
     PyObject* str_handle;             // interned "handle"
@@ -39,8 +33,6 @@ struct ModuleState {
     PyObject* str_debug;              // interned "debug"
     PyObject* str_warning;            // interned "warning"
     PyObject* record_fields[3];       // field names of each record class, in order
-    PyObject* record_inits[3];        // each record class's own __init__ as loading made it
-    PyObject* str_init;               // interned "__init__"
 };
 
 // The interned names above and their texts.
@@ -48,7 +40,7 @@ inline constexpr std::pair<PyObject* ModuleState::*, const char*> kInterned[] = 
     {&ModuleState::str_is_enabled_for, "isEnabledFor"}, {&ModuleState::str_make_record, "makeRecord"},
     {&ModuleState::str_handle, "handle"},               {&ModuleState::str_run, "run"},
     {&ModuleState::str_strip, "strip"},                 {&ModuleState::str_debug, "debug"},
-    {&ModuleState::str_warning, "warning"},             {&ModuleState::str_init, "__init__"},
+    {&ModuleState::str_warning, "warning"},
 };
 
 ModuleState* state_of(PyObject* module);
@@ -64,6 +56,9 @@ inline bool is_original(const ModuleState* st, Name name, PyObject* found) {
 // A copy of the namespace as it stands, with this interpreter's builtins:
 // the globals in which loading runs its bits of Python source.
 Ref namespace_copy(PyObject* module);
+
+// Runs each fast path's builder, in the order given, into module state.
+int build_fast_paths(PyObject* module, std::span<const FastPathDef> defs);
 
 int traverse_state(ModuleState* st, visitproc visit, void* arg);
 void clear_state(ModuleState* st);

@@ -328,13 +328,6 @@ Ref native_local_moment(const PyDateTime_CAPI* api, const core::IsoMoment& m) {
 
 #endif  // _WIN32
 
-// Whether datetime.now still runs the C function loading found behind it: a
-// host's clock double (time-machine) swaps that function in place, so the
-// class stays the same object while now() reads another clock.
-bool genuine_clock(const ModuleState* st) {
-    return st->datetime_now != nullptr && PyCFunction_GetFunction(st->datetime_now) == st->datetime_now_impl;
-}
-
 // now - timedelta(**{_SPEC_UNITS[unit]: count}), or null.
 Ref relative_moment(PyObject* module, const Relative& rel) {
     Ref units = lookup(module, Name::_SPEC_UNITS);
@@ -347,7 +340,7 @@ Ref relative_moment(PyObject* module, const Relative& rel) {
     if (!unit_name) return Ref();
 #ifndef _WIN32
     if (!rel.count && native_datetime(module, datetime.get()) && native_timedelta(module, timedelta.get()) &&
-        genuine_clock(state_of(module))) {
+        allowed(state_of(module), FastPath::clock)) {
         if (std::optional<Ref> moment = native_relative(datetime_api(module), rel.digits, unit_name.get()))
             return std::move(*moment);
     }
@@ -468,7 +461,7 @@ bool same_library(const void* a, const void* b) {
 
 }  // namespace
 
-int record_clock_originals(PyObject* module) {
+int clock_guard(PyObject* module, GuardBuilder& guard) {
     ModuleState* st = state_of(module);
     // Kept in module state only: the header's own static pointer is shared by
     // every interpreter that loads the module, and is never written here.
@@ -484,13 +477,14 @@ int record_clock_originals(PyObject* module) {
     if (!now) return -1;
     if (!PyCFunction_Check(now.get())) return 0;
     // Genuine when the function is datetime's own, not a clock double's
-    // installed before the import.
+    // installed before the import; a double swapped in later (time-machine
+    // swaps the C function in place) fails the guard.
     const PyCFunction impl = PyCFunction_GetFunction(now.get());
     if (!same_library(reinterpret_cast<const void*>(impl),
                       reinterpret_cast<const void*>(api->DateTime_FromDateAndTime)))
         return 0;
-    st->datetime_now_impl = impl;
-    st->datetime_now = now.release();
+    guard.subject(now.get());
+    guard.runs(impl);
     return 0;
 }
 
