@@ -149,20 +149,19 @@ bool fits_records(const Text<Unit>& text) {
     return text.view().size() <= core::max_record_text;
 }
 
-// What parsing git's bytes in place gives, or nullopt when a path in them is
+// What parsing git's bytes in place gives; declined when a path in them is
 // not well-formed UTF-8: paths that decode alike may then differ as bytes,
 // and the caller parses the decoded text instead.
-using FromBytes = std::optional<Ref>;
 
 template <class Unit>
-FromBytes file_changes_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
-                                core::BasicTokenStream<Unit>& stream, bool git_bytes = false) {
+Native file_changes_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
+                             core::BasicTokenStream<Unit>& stream, bool git_bytes = false) {
     std::vector<core::FileRecord> records;
     try {
         core::FileCollector<Unit> collector;  // its table is gone before the records are made
         if (git_bytes) collector.check_utf8();
         collector.collect(stream, text.base(), records);
-        if (!collector.paths_valid()) return std::nullopt;
+        if (!collector.paths_valid()) return declined;
     } catch (const std::bad_alloc&) {
         return Ref::steal(PyErr_NoMemory());
     }
@@ -376,8 +375,8 @@ Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
 // One pass over the log: each commit's body is read straight off it, by
 // one collector into one buffer of core records that serve every commit.
 template <class Unit>
-FromBytes commits_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
-                           bool git_bytes = false) {
+Native commits_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
+                        bool git_bytes = false) {
     Ref commits = Ref::steal(PyList_New(0));
     if (!commits) return Ref();
     Collaborator file_change(module, Name::FileChange);
@@ -397,7 +396,7 @@ FromBytes commits_natively(PyObject* module, const NativeFileChanges& native, co
             Ref time = commit_time(time_text, text);
             if (!time) return Ref();
             collector.collect(log, text.base(), records, false);
-            if (!collector.paths_valid()) return std::nullopt;  // the commits so far are dropped, unseen
+            if (!collector.paths_valid()) return declined;  // the commits so far are dropped, unseen
             Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
             if (!files ||
                 fill_file_changes(module, native, records, text, file_change, fill, files.get(), git_bytes) < 0)
@@ -509,7 +508,7 @@ Ref parse_file_changes_from_git(PyObject* module, std::string_view output) {
     if (native.ready && unchanged(module, Name::_file_changes) && output.size() <= core::max_record_text) {
         const GitText text(output);
         core::TokenStream stream(output);
-        if (FromBytes parsed = file_changes_natively<char>(module, native, text, stream, true))
+        if (Native parsed = file_changes_natively<char>(module, native, text, stream, true))
             return std::move(*parsed);
     }
     Ref text = decoded(output);
@@ -522,7 +521,7 @@ Ref parse_commit_changes_from_git(PyObject* module, std::string_view output) {
     NativeFileChanges native(module);
     if (native.ready && unchanged(module, Name::_file_changes) && unchanged(module, Name::_COMMIT_START) &&
         output.size() <= core::max_record_text)
-        if (FromBytes parsed = commits_natively<char>(module, native, GitText(output), true))
+        if (Native parsed = commits_natively<char>(module, native, GitText(output), true))
             return std::move(*parsed);
     Ref text = decoded(output);
     if (!text) return Ref();

@@ -324,6 +324,17 @@ Ref run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObje
     return git_triple(out.get(), err.get(), code.get());
 }
 
+// The native spawn, declined when some input is not plain: the
+// subprocess.run path then gives the interpreter's own behaviour.
+Native spawn_natively(PyObject* module, double seconds, PyObject* argv, PyObject* cwd, PyObject* timeout,
+                      PyObject* args, core::ByteBuffer* capture) {
+    core::SpawnSpec spec;
+    const int ready = prepare(state_of(module), argv, cwd, spec);
+    if (ready == 0) return declined;
+    if (ready < 0) return Ref();
+    return run_natively(module, spec, seconds, argv, cwd, timeout, args, capture);
+}
+
 #endif
 
 // run_git_command, and for a caller that parses stdout itself (`capture`
@@ -353,10 +364,8 @@ Ref run_git(PyObject* module, PyObject* repo_root, PyObject* args, PyObject* tim
     if (is_original(st, Name::subprocess, subprocess.get()) && allowed_for(st, FastPath::spawn, run.get()) &&
         PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 &&
         PyList_CheckExact(argv.get()) && plain_timeout(timeout, seconds)) {
-        core::SpawnSpec spec;
-        const int ready = prepare(st, argv.get(), cwd.get(), spec);
-        if (ready < 0) return Ref();
-        if (ready > 0) return run_natively(module, spec, seconds, argv.get(), cwd.get(), timeout, args, capture);
+        if (Native done = spawn_natively(module, seconds, argv.get(), cwd.get(), timeout, args, capture))
+            return std::move(*done);
     }
 #endif
     return run_through_subprocess(module, subprocess.get(), run.get(), argv.get(), cwd.get(), timeout,

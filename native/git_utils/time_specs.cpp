@@ -271,17 +271,17 @@ long long unit_seconds(PyObject* unit_name) {
 // path builds: then the timedelta constructor itself runs, and raises what
 // Python raises. The subtraction is the type's own, with its OverflowError
 // before year 1.
-std::optional<Ref> native_relative(const PyDateTime_CAPI* api, std::string_view digits, PyObject* unit_name) {
+Native native_relative(const PyDateTime_CAPI* api, std::string_view digits, PyObject* unit_name) {
     const long long unit = unit_seconds(unit_name);
-    if (unit == 0) return std::nullopt;
-    if (digits.size() > kDigitsBelowAnyLimit) return std::nullopt;
+    if (unit == 0) return declined;
+    if (digits.size() > kDigitsBelowAnyLimit) return declined;
     unsigned long long count = 0;
     for (const char c : digits) {
         count = count * 10 + static_cast<unsigned>(c - '0');
-        if (count > kMaxNativeCount) return std::nullopt;
+        if (count > kMaxNativeCount) return declined;
     }
     const long long seconds = static_cast<long long>(count) * unit;
-    if (seconds / kSecondsPerDay > kMaxDeltaDays) return std::nullopt;
+    if (seconds / kSecondsPerDay > kMaxDeltaDays) return declined;
     Ref span = new_delta(api, static_cast<int>(seconds / kSecondsPerDay), static_cast<int>(seconds % kSecondsPerDay), 0);
     Ref now = span ? local_now(api) : Ref();
     return now ? Ref::steal(PyNumber_Subtract(now.get(), span.get())) : Ref();
@@ -341,7 +341,7 @@ Ref relative_moment(PyObject* module, const Relative& rel) {
 #ifndef _WIN32
     if (!rel.count && native_datetime(module, datetime.get()) && native_timedelta(module, timedelta.get()) &&
         allowed(state_of(module), FastPath::clock)) {
-        if (std::optional<Ref> moment = native_relative(datetime_api(module), rel.digits, unit_name.get()))
+        if (Native moment = native_relative(datetime_api(module), rel.digits, unit_name.get()))
             return std::move(*moment);
     }
 #endif
