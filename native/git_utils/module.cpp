@@ -11,17 +11,22 @@
 #ifndef _WIN32
 #include "core/spawn.hpp"
 #endif
-#include "git_utils/changes.hpp"
-#include "git_utils/function.hpp"
-#include "git_utils/helpers.hpp"
-#include "git_utils/history.hpp"
-#include "git_utils/log_line.hpp"
-#include "git_utils/names.hpp"
-#include "git_utils/records.hpp"
-#include "git_utils/ref.hpp"
-#include "git_utils/repository.hpp"
-#include "git_utils/runner.hpp"
-#include "git_utils/state.hpp"
+#include "git_utils/binding/function.hpp"
+#include "git_utils/binding/helpers.hpp"
+#include "git_utils/binding/log_line.hpp"
+#include "git_utils/binding/names.hpp"
+#include "git_utils/binding/ref.hpp"
+#include "git_utils/binding/state.hpp"
+#include "git_utils/changes/change_queries.hpp"
+#include "git_utils/changes/file_changes.hpp"
+#include "git_utils/changes/line_spans.hpp"
+#include "git_utils/changes/records.hpp"
+#include "git_utils/history/history.hpp"
+#include "git_utils/history/time_specs.hpp"
+#include "git_utils/repository/branch_names.hpp"
+#include "git_utils/repository/discovery.hpp"
+#include "git_utils/repository/revision_queries.hpp"
+#include "git_utils/runner/runner.hpp"
 
 namespace gu {
 namespace {
@@ -112,8 +117,8 @@ constexpr bool follows_name_order() {
 static_assert(follows_name_order(), "the entries follow GU_NAMESPACE, each name once");
 
 const std::span<const FunctionDef> kFunctionTables[] = {
-    kRepositoryFunctions,  kTimeSpecFunctions,   kRunnerFunctions,   kHistoryFunctions,
-    kChangeQueryFunctions, kFileChangeFunctions, kLineSpanFunctions,
+    kDiscoveryFunctions,   kRevisionQueryFunctions, kBranchNameFunctions, kTimeSpecFunctions, kRunnerFunctions,
+    kHistoryFunctions,     kChangeQueryFunctions,   kFileChangeFunctions, kLineSpanFunctions,
 };
 
 int bind(PyObject* module, Name name, Ref value) {
