@@ -5,6 +5,9 @@
 
 #include <Python.h>
 
+#include <iterator>
+#include <utility>
+
 #include "git_utils/binding/names.hpp"
 #include "git_utils/binding/ref.hpp"
 #include "git_utils/binding/state.hpp"
@@ -22,6 +25,28 @@ inline Ref peek(PyObject* module, Name name) {
 // Whether the namespace still holds what loading bound under `name`.
 inline bool unchanged(PyObject* module, Name name) {
     return is_original(state_of(module), name, peek(module, name).get());
+}
+
+// Whether the namespace still holds under `name` the exact dict loading made,
+// with one entry per row of a core `table`, each under the row's letter and
+// accepted by take(row, value), which may keep the value. No exception.
+template <class Table, class Take>
+bool mapping_matches(PyObject* module, Name name, const Table& table, Take take) {
+    Ref held = peek(module, name);
+    PyObject* mapping = held.get();
+    if (!is_original(state_of(module), name, mapping) || !PyDict_CheckExact(mapping) ||
+        PyDict_GET_SIZE(mapping) != static_cast<Py_ssize_t>(std::size(table)))
+        return false;
+    for (const auto& row : table) {
+        const char letter[] = {row.letter, '\0'};
+        Ref value;
+        if (dict_get(mapping, letter, value) <= 0) {
+            PyErr_Clear();
+            return false;
+        }
+        if (!take(row, std::move(value))) return false;
+    }
+    return true;
 }
 
 // A collaborator read at its first use in a call and kept for the rest of it.

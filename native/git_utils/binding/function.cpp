@@ -1,10 +1,10 @@
 #include "git_utils/binding/function.hpp"
 
+#include <array>
 #include <string>
 #include <utility>
 
 #include "git_utils/binding/compat.hpp"
-
 #include "git_utils/binding/state.hpp"
 
 namespace gu {
@@ -378,34 +378,20 @@ PyObject* function_descr_get(PyObject* self, PyObject* obj, PyObject*) {
     return PyMethod_New(self, obj);
 }
 
+// Every object a function owns, for traversal and clearing alike.
+std::array<PyObject**, 10> owned(NativeFunction* f) {
+    return {&f->module, &f->dict,     &f->name,       &f->qualname,    &f->module_name,
+            &f->doc,    &f->defaults, &f->kwdefaults, &f->annotations, &f->params};
+}
+
 int function_traverse(PyObject* self, visitproc visit, void* arg) {
-    NativeFunction* f = as_function(self);
     Py_VISIT(Py_TYPE(self));
-    Py_VISIT(f->module);
-    Py_VISIT(f->dict);
-    Py_VISIT(f->name);
-    Py_VISIT(f->qualname);
-    Py_VISIT(f->module_name);
-    Py_VISIT(f->doc);
-    Py_VISIT(f->defaults);
-    Py_VISIT(f->kwdefaults);
-    Py_VISIT(f->annotations);
-    Py_VISIT(f->params);
+    for (PyObject** o : owned(as_function(self))) Py_VISIT(*o);
     return 0;
 }
 
 int function_clear(PyObject* self) {
-    NativeFunction* f = as_function(self);
-    Py_CLEAR(f->module);
-    Py_CLEAR(f->dict);
-    Py_CLEAR(f->name);
-    Py_CLEAR(f->qualname);
-    Py_CLEAR(f->module_name);
-    Py_CLEAR(f->doc);
-    Py_CLEAR(f->defaults);
-    Py_CLEAR(f->kwdefaults);
-    Py_CLEAR(f->annotations);
-    Py_CLEAR(f->params);
+    for (PyObject** o : owned(as_function(self))) Py_CLEAR(*o);
     return 0;
 }
 

@@ -102,19 +102,8 @@ bool guard_holds(const Guard& guard) {
     return guard.impl == nullptr || PyCFunction_GetFunction(guard.subject) == guard.impl;
 }
 
-int traverse_guard(const Guard& guard, visitproc visit, void* arg) {
-    Py_VISIT(guard.subject);
-    Py_VISIT(guard.entries);
-    Py_VISIT(guard.missing);
-    Py_VISIT(guard.dicts);
-    return 0;
-}
-
 void clear_guard(Guard& guard) {
-    Py_CLEAR(guard.subject);
-    Py_CLEAR(guard.entries);
-    Py_CLEAR(guard.missing);
-    Py_CLEAR(guard.dicts);
+    for (PyObject** o : owned(guard)) Py_CLEAR(*o);
     guard.impl = nullptr;
 }
 

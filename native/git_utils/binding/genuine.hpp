@@ -8,6 +8,8 @@
 
 #include <Python.h>
 
+#include <array>
+
 #include "git_utils/binding/ref.hpp"
 
 namespace gu {
@@ -31,7 +33,11 @@ struct Guard {
 // Pointer comparisons only: no attribute lookup, no call into Python code.
 bool guard_holds(const Guard& guard);
 
-int traverse_guard(const Guard& guard, visitproc visit, void* arg);
+// The objects a guard owns.
+inline std::array<PyObject**, 4> owned(Guard& guard) {
+    return {&guard.subject, &guard.entries, &guard.missing, &guard.dicts};
+}
+
 void clear_guard(Guard& guard);
 
 // Builds a guard while loading. A check that finds something foreign marks

@@ -20,27 +20,36 @@ Ref namespace_copy(PyObject* module) {
     return globals;
 }
 
+namespace {
+
+// Every object module state owns, for traversal and clearing alike.
+template <class Each>
+void each_owned(ModuleState* st, Each each) {
+    each(st->function_type);
+    each(st->module_name);
+    for (PyObject*& o : st->names) each(o);
+    for (PyObject*& o : st->originals) each(o);
+    for (Guard& g : st->fast_paths)
+        for (PyObject** o : owned(g)) each(*o);
+    each(st->os_get_exec_path);
+    each(st->builtins);
+    for (const auto& interned : kInterned) each(st->*interned.first);
+    for (PyObject*& o : st->record_fields) each(o);
+}
+
+}  // namespace
+
 int traverse_state(ModuleState* st, visitproc visit, void* arg) {
-    Py_VISIT(st->function_type);
-    Py_VISIT(st->module_name);
-    for (PyObject* o : st->originals) Py_VISIT(o);
-    for (const Guard& g : st->fast_paths)
-        if (int r = traverse_guard(g, visit, arg)) return r;
-    Py_VISIT(st->os_get_exec_path);
-    Py_VISIT(st->builtins);
-    return 0;
+    int result = 0;
+    each_owned(st, [&](PyObject* o) {
+        if (result == 0 && o != nullptr) result = visit(o, arg);
+    });
+    return result;
 }
 
 void clear_state(ModuleState* st) {
-    Py_CLEAR(st->function_type);
-    Py_CLEAR(st->module_name);
-    for (PyObject*& o : st->names) Py_CLEAR(o);
-    for (PyObject*& o : st->originals) Py_CLEAR(o);
-    for (Guard& g : st->fast_paths) clear_guard(g);
-    Py_CLEAR(st->os_get_exec_path);
-    Py_CLEAR(st->builtins);
-    for (const auto& interned : kInterned) Py_CLEAR(st->*interned.first);
-    for (PyObject*& o : st->record_fields) Py_CLEAR(o);
+    each_owned(st, [](PyObject*& o) { Py_CLEAR(o); });
+    for (Guard& g : st->fast_paths) g.impl = nullptr;
 }
 
 bool allowed(const ModuleState* st, FastPath path) { return guard_holds(st->fast_paths[static_cast<std::size_t>(path)]); }

@@ -62,23 +62,15 @@ struct StatusWords {
     Ref word[5];  // by core::Status
 
     bool read(PyObject* module) {
-        Ref held = peek(module, Name::_STATUS_BY_LETTER);
-        PyObject* mapping = held.get();
-        if (!is_original(state_of(module), Name::_STATUS_BY_LETTER, mapping) || !PyDict_CheckExact(mapping) ||
-            PyDict_GET_SIZE(mapping) != static_cast<Py_ssize_t>(std::size(core::status_letters)))
-            return false;
-        for (const core::StatusLetter& s : core::status_letters) {
-            const char letter[] = {s.letter, '\0'};
-            Ref w;
-            if (dict_get(mapping, letter, w) <= 0) {
-                PyErr_Clear();
-                return false;
-            }
-            if (!PyUnicode_CheckExact(w.get()) || PyUnicode_CompareWithASCIIString(w.get(), s.word) != 0) return false;
-            Ref& slot = word[static_cast<int>(s.status)];
-            if (!slot) slot = std::move(w);
-        }
-        return true;
+        return mapping_matches(module, Name::_STATUS_BY_LETTER, core::status_letters,
+                               [this](const core::StatusLetter& s, Ref w) {
+                                   if (!PyUnicode_CheckExact(w.get()) ||
+                                       PyUnicode_CompareWithASCIIString(w.get(), s.word) != 0)
+                                       return false;
+                                   Ref& slot = word[static_cast<int>(s.status)];
+                                   if (!slot) slot = std::move(w);
+                                   return true;
+                               });
     }
 };
 

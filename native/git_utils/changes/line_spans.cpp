@@ -52,24 +52,11 @@ std::int64_t saturated(PyObject* value) {
 // Whether _C_ESCAPE and _C_ESCAPES are still what loading made, holding what
 // the core's escape table says, so the core's unquoting gives what they would.
 bool native_unquote(PyObject* module) {
-    if (!unchanged(module, Name::_C_ESCAPE)) return false;
-    Ref held = peek(module, Name::_C_ESCAPES);
-    PyObject* escapes = held.get();
-    if (!is_original(state_of(module), Name::_C_ESCAPES, escapes) || !PyDict_CheckExact(escapes) ||
-        PyDict_GET_SIZE(escapes) != static_cast<Py_ssize_t>(std::size(core::control_escapes)))
-        return false;
-    for (const core::ControlEscape& e : core::control_escapes) {
-        const char letter[] = {e.letter, '\0'};
-        Ref c;
-        if (dict_get(escapes, letter, c) <= 0) {
-            PyErr_Clear();
-            return false;
-        }
-        if (!PyUnicode_CheckExact(c.get()) || PyUnicode_GET_LENGTH(c.get()) != 1 ||
-            PyUnicode_READ_CHAR(c.get(), 0) != static_cast<Py_UCS4>(e.byte))
-            return false;
-    }
-    return true;
+    return unchanged(module, Name::_C_ESCAPE) &&
+           mapping_matches(module, Name::_C_ESCAPES, core::control_escapes, [](const core::ControlEscape& e, Ref c) {
+               return PyUnicode_CheckExact(c.get()) && PyUnicode_GET_LENGTH(c.get()) == 1 &&
+                      PyUnicode_READ_CHAR(c.get(), 0) == static_cast<Py_UCS4>(e.byte);
+           });
 }
 
 Ref unquote_natively(std::string_view escaped) {
