@@ -280,9 +280,6 @@ public:
         records_ = nullptr;
     }
 
-    // Frees the path table (after a large diff, before its records are made).
-    void release_table() { std::vector<Bucket>().swap(table_); }
-
     // For git's own bytes: notes whether every path the collector compares
     // is well-formed UTF-8, under which paths equal as bytes are exactly the
     // paths equal as decoded text.
