@@ -562,18 +562,4 @@ private:
     }
 };
 
-// Calls on_commit(Piece time_text, BasicLogStream& body) per commit of a log,
-// in order; the callback may read the commit's body tokens from `body`.
-template <class Unit, class F>
-void split_commits(Piece<Unit> output, F on_commit) {
-    BasicLogStream<Unit> log(output);
-    Piece<Unit> time_text;
-    while (log.next_commit(time_text)) on_commit(time_text, log);
-}
-
-template <class F>
-void split_commits(std::string_view output, F on_commit) {
-    split_commits<char>(output, std::move(on_commit));
-}
-
 }  // namespace gu::core

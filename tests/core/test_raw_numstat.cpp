@@ -176,10 +176,11 @@ void test_commit_log() {
     using Commits = std::vector<std::pair<std::string, std::vector<std::string>>>;
     const auto commits_of = [](std::string_view log) {
         Commits got;
-        split_commits(log, [&](std::string_view time, BasicLogStream<char>& body) {
+        BasicLogStream<char> commits(log);
+        for (std::string_view time; commits.next_commit(time);) {
             got.emplace_back(time, std::vector<std::string>{});
-            while (!body.done()) got.back().second.emplace_back(body.next());
-        });
+            while (!commits.done()) got.back().second.emplace_back(commits.next());
+        }
         return got;
     };
     const std::string log = z({"before", "\x1e" "300", "\n:1 2 a b M", "a", "1\t1\ta", "\x1e" "200",
@@ -193,10 +194,11 @@ void test_commit_log() {
     std::vector<std::string> records;
     FileCollector<char> collector;
     const std::string cut = z({"\x1e" "1", "\n:1 2 a b R1", "old", "\x1e" "2", "junk", ":1 2 a b A", "n"});
-    split_commits(cut, [&](std::string_view, BasicLogStream<char>& body) {
-        std::vector<FileRecord> found;
-        collector.collect(body, cut.data(), found, false);
+    BasicLogStream<char> commits(cut);
+    std::vector<FileRecord> found;
+    for (std::string_view time; commits.next_commit(time);) {
+        collector.collect(commits, cut.data(), found, false);
         records.push_back(render(found, cut.data()));
-    });
+    }
     CHECK((records == std::vector<std::string>{"", "A n -; "}));
 }
