@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -504,9 +503,6 @@ private:
 inline bool ascii_count(std::string_view field, std::uint64_t& value) noexcept {
     return ascii_count<char>(field, value);
 }
-
-// The records of one diff in bytes, as offsets from the text's start.
-std::vector<FileRecord> collect_file_changes(std::string_view output);
 
 // `git log --format=%x1e%ct --raw --numstat -z` output, read commit by
 // commit in one pass. A token whose text after its leading newlines starts
