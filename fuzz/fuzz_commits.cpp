@@ -1,5 +1,6 @@
-// split_commits against a direct reading of the token list: every commit's
-// head and body tokens must come back, each body ending before the next head.
+// The commit log read commit by commit (BasicLogStream) against a direct
+// reading of the token list: every commit's head and body tokens must come
+// back, each body ending before the next head.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -29,14 +30,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     std::size_t n = 0;
-    split_commits(text, [&](std::string_view time, BasicLogStream<char>& body) {
+    BasicLogStream<char> body(text);
+    for (std::string_view time; body.next_commit(time); ++n) {
         if (n >= want.size() || time != want[n].time) std::abort();
         std::size_t k = 0;
         while (!body.done())
             if (k >= want[n].body.size() || body.next() != want[n].body[k++]) std::abort();
         if (k != want[n].body.size() || !body.next().empty()) std::abort();
-        ++n;
-    });
+    }
     if (n != want.size()) std::abort();
     return 0;
 }

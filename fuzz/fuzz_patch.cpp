@@ -5,6 +5,7 @@
 // same walk.
 #include <cstdint>
 #include <cstdlib>
+#include <limits>
 #include <optional>
 #include <regex>
 #include <string>
@@ -49,10 +50,17 @@ struct Checker {
         }
         if (!h) return std::nullopt;
         if (const std::optional<Span> s = make_span(*h); s && s->end < s->start) std::abort();
-        if (hunk_counts(*h) != std::pair(h->old_lines, h->new_lines)) std::abort();
+        // The values read with the match against the groups read again: an
+        // absent count is 1, a value past int64 saturates.
+        const auto value = [](std::string_view digits, std::int64_t absent) {
+            return digits.empty() ? absent : exact_digits(digits).value_or(std::numeric_limits<std::int64_t>::max());
+        };
+        if (value(h->old_count, 1) != h->old_lines || value(h->new_start, 0) != h->start ||
+            value(h->new_count, 1) != h->new_lines)
+            std::abort();
         if (h->exact && !make_span(*h) != !make_span(h->start, h->new_lines, h->old_lines)) std::abort();
         events.push_back(h->start);
-        return hunk_counts(*h);
+        return std::pair(h->old_lines, h->new_lines);
     }
 
     std::vector<std::int64_t> events;  // the start of each head matched

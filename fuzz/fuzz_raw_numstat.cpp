@@ -1,4 +1,4 @@
-// collect_file_changes against a plain quadratic model of the same rules,
+// FileCollector against a plain quadratic model of the same rules,
 // so the path table's ordering and tie-breaks are checked on any input; and
 // the same text read as 2- and 4-byte units (each byte widened to one) must
 // give the same records; checking paths as UTF-8 (for git's bytes) flags
@@ -60,12 +60,19 @@ bool counts_match(const FileRecord& g, const Entry* c, const char* base) {
     return true;
 }
 
+// The records of one diff, as the binding collects them.
+template <class Unit>
+std::vector<FileRecord> collect(Piece<Unit> text) {
+    BasicTokenStream<Unit> stream(text);
+    std::vector<FileRecord> records;
+    FileCollector<Unit>().collect(stream, text.data(), records);
+    return records;
+}
+
 template <class Unit>
 void same_in_width(std::string_view text, const std::vector<FileRecord>& bytes) {
     const std::basic_string<Unit> wide(text.begin(), text.end());
-    BasicTokenStream<Unit> stream{Piece<Unit>(wide)};
-    std::vector<FileRecord> got;
-    FileCollector<Unit>().collect(stream, wide.data(), got);
+    const std::vector<FileRecord> got = collect(Piece<Unit>(wide));
     if (got.size() != bytes.size()) std::abort();
     for (std::size_t i = 0; i < got.size(); ++i) {
         const FileRecord &g = got[i], &b = bytes[i];
@@ -81,7 +88,7 @@ void same_in_width(std::string_view text, const std::vector<FileRecord>& bytes) 
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
-    const std::vector<FileRecord> got = collect_file_changes(text);
+    const std::vector<FileRecord> got = collect(text);
 
     Model m;
     TokenStream stream(text);

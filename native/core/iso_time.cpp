@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "core/utf8_lead.hpp"
+
 namespace gu::core {
 
 namespace {
@@ -24,31 +26,17 @@ bool read_digits(std::string_view s, std::size_t at, std::size_t count, int& val
 
 // Byte length of the code point `s` starts with, 0 when it is not UTF-8.
 // Surrogates pass: 3.10 takes a lone one as the separator.
-std::size_t code_point_length(std::string_view s) noexcept {
-    const unsigned lead = static_cast<unsigned char>(s[0]);
-    if (lead < 0x80) return 1;
-    std::size_t n = 0;
-    unsigned lo = 0x80, hi = 0xBF;  // bounds of the second byte: no overlong forms, nothing past U+10FFFF
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        n = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        n = 3;
-        if (lead == 0xE0) lo = 0xA0;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        n = 4;
-        if (lead == 0xF0) lo = 0x90;
-        if (lead == 0xF4) hi = 0x8F;
-    } else {
-        return 0;
-    }
-    if (s.size() < n) return 0;
-    for (std::size_t i = 1; i < n; ++i) {
+std::size_t separator_length(std::string_view s) noexcept {
+    const Utf8Lead lead = utf8_lead(static_cast<unsigned char>(s[0]), Surrogates::pass);
+    if (s.size() < lead.length) return 0;
+    unsigned lo = lead.second_lo, hi = lead.second_hi;
+    for (std::size_t i = 1; i < lead.length; ++i) {
         const unsigned c = static_cast<unsigned char>(s[i]);
         if (c < lo || c > hi) return 0;
         lo = 0x80;
         hi = 0xBF;
     }
-    return n;
+    return lead.length;
 }
 
 enum class Tail { clean, extra, bad };
@@ -133,7 +121,7 @@ IsoError parse_iso_datetime(std::string_view utf8, IsoMoment& out) noexcept {
         s[7] != '-' || !read_digits(s, 8, 2, out.day))
         return IsoError::invalid;
     if (s.size() > 10) {
-        const std::size_t sep = code_point_length(s.substr(10));
+        const std::size_t sep = separator_length(s.substr(10));
         if (sep == 0) return IsoError::invalid;
         if (const IsoError e = parse_time(s.substr(10 + sep), out); e != IsoError::none) return e;
     }

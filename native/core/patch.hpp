@@ -121,21 +121,6 @@ std::optional<std::int64_t> exact_digits(Piece<Unit> digits) noexcept {
 
 inline std::optional<std::int64_t> exact_digits(std::string_view digits) noexcept { return exact_digits<char>(digits); }
 
-// ASCII digits to a number, INT64_MAX when the value does not fit.
-inline std::int64_t saturating_digits(std::string_view digits) noexcept {
-    return exact_digits(digits).value_or(detail::int64_max);
-}
-
-// The old and new line counts of a head (an absent count is 1), saturated,
-// from its groups.
-template <class Unit>
-std::pair<std::int64_t, std::int64_t> hunk_counts(const BasicHunkHeader<Unit>& h) noexcept {
-    const auto count = [](Piece<Unit> d) {
-        return d.empty() ? std::int64_t{1} : exact_digits(d).value_or(detail::int64_max);
-    };
-    return {count(h.old_count), count(h.new_count)};
-}
-
 // The lines a hunk touches in the newer file. A hunk that only removes
 // lines marks the point where they were (at least line 1).
 struct Span {

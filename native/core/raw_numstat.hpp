@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -280,9 +279,6 @@ public:
         records_ = nullptr;
     }
 
-    // Frees the path table (after a large diff, before its records are made).
-    void release_table() { std::vector<Bucket>().swap(table_); }
-
     // For git's own bytes: notes whether every path the collector compares
     // is well-formed UTF-8, under which paths equal as bytes are exactly the
     // paths equal as decoded text.
@@ -508,9 +504,6 @@ inline bool ascii_count(std::string_view field, std::uint64_t& value) noexcept {
     return ascii_count<char>(field, value);
 }
 
-// The records of one diff in bytes, as offsets from the text's start.
-std::vector<FileRecord> collect_file_changes(std::string_view output);
-
 // `git log --format=%x1e%ct --raw --numstat -z` output, read commit by
 // commit in one pass. A token whose text after its leading newlines starts
 // with 0x1E heads a commit; the tokens up to the next head are its body, and
@@ -564,19 +557,5 @@ private:
         head_ = !bare_.empty() && bare_[0] == Unit('\x1e');
     }
 };
-
-// Calls on_commit(Piece time_text, BasicLogStream& body) per commit of a log,
-// in order; the callback may read the commit's body tokens from `body`.
-template <class Unit, class F>
-void split_commits(Piece<Unit> output, F on_commit) {
-    BasicLogStream<Unit> log(output);
-    Piece<Unit> time_text;
-    while (log.next_commit(time_text)) on_commit(time_text, log);
-}
-
-template <class F>
-void split_commits(std::string_view output, F on_commit) {
-    split_commits<char>(output, std::move(on_commit));
-}
 
 }  // namespace gu::core

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "core/utf8_lead.hpp"
+
 // Every x86-64 processor has SSE2: GCC and Clang say so with __SSE2__,
 // MSVC with _M_X64 (or _M_IX86_FP of 2 on 32-bit x86).
 #if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
@@ -323,23 +325,11 @@ inline bool valid_utf8(std::string_view bytes) noexcept {
         // to many characters, each of which would start the checks above
         // again for nothing.
         do {
-            const unsigned char c = *p;
-            std::size_t n;
-            unsigned char lo = 0x80, hi = 0xBF;  // the range of the second byte
-            if (c >= 0xC2 && c <= 0xDF) {
-                n = 2;
-            } else if (c >= 0xE0 && c <= 0xEF) {
-                n = 3;
-                if (c == 0xE0) lo = 0xA0;
-                if (c == 0xED) hi = 0x9F;
-            } else if (c >= 0xF0 && c <= 0xF4) {
-                n = 4;
-                if (c == 0xF0) lo = 0x90;
-                if (c == 0xF4) hi = 0x8F;
-            } else {
+            const auto [n, lo, hi] = utf8_lead(*p, Surrogates::refused);
+            // The second byte's range in one unsigned comparison.
+            if (n == 0 || static_cast<std::size_t>(end - p) < n ||
+                static_cast<unsigned char>(p[1] - lo) > static_cast<unsigned char>(hi - lo))
                 return false;
-            }
-            if (static_cast<std::size_t>(end - p) < n || p[1] < lo || p[1] > hi) return false;
             for (std::size_t i = 2; i < n; ++i)
                 if ((p[i] & 0xC0) != 0x80) return false;
             p += n;
