@@ -56,15 +56,19 @@ int log_record(PyObject* module, PyObject* logger, LogLevel level, const char* f
     // logging._srcfile set to None switches the caller lookup off: then the
     // record names no file and no function, as _log makes it.
     PyObject* logging = st->originals[index(Name::logging)];
-    PyObject* srcfile = PyModule_Check(logging) ? PyDict_GetItemString(PyModule_GetDict(logging), "_srcfile") : nullptr;
-    int find = srcfile ? PyObject_IsTrue(srcfile) : 0;
+    Ref srcfile;
+    if (PyModule_Check(logging) && dict_get(PyModule_GetDict(logging), "_srcfile", srcfile) < 0) return -1;
+    const int find = srcfile ? PyObject_IsTrue(srcfile.get()) : 0;
     if (find < 0) return -1;
-    PyObject* file = find ? PyDict_GetItemString(PyModule_GetDict(module), "__file__") : nullptr;
-    Ref path = file ? Ref::borrow(file) : text("(unknown file)");
+    Ref file;
+    if (find && dict_get(PyModule_GetDict(module), "__file__", file) < 0) return -1;
+    Ref path = file ? Ref::borrow(file.get()) : text("(unknown file)");
     Ref func = file ? text(function) : text("(unknown function)");
+    if (!path || !func) return -1;
     Ref name = Ref::steal(PyObject_GetAttrString(logger, "name"));
+    if (!name) return -1;
     Ref line = Ref::steal(PyLong_FromLong(0));
-    if (!path || !func || !name || !line) return -1;
+    if (!line) return -1;
     PyObject* argv[] = {logger,        name.get(), number.get(), path.get(), line.get(), format,
                         values,        Py_None,    func.get(),   Py_None,    Py_None};
     Ref record = Ref::steal(PyObject_VectorcallMethod(st->str_make_record, argv, std::size(argv), nullptr));
@@ -110,7 +114,8 @@ int log_line(PyObject* module, LogLevel level, const char* function, const char*
 int logger_guard(PyObject* module, GuardBuilder& guard) {
     PyObject* logging = state_of(module)->originals[index(Name::logging)];
     if (!PyModule_Check(logging)) return 0;
-    Ref logger_class = Ref::borrow(PyDict_GetItemString(PyModule_GetDict(logging), "Logger"));
+    Ref logger_class;
+    if (dict_get(PyModule_GetDict(logging), "Logger", logger_class) < 0) return -1;
     if (!logger_class || !PyType_Check(logger_class.get())) return 0;
     Ref modules = module_namespaces("logging");
     if (!modules) return -1;
