@@ -146,20 +146,22 @@ Ref run_through_subprocess(PyObject* module, PyObject* subprocess, PyObject* run
 
 #ifndef _WIN32
 
-// os.fsencode(text) into `out`; false (no error set) when the text can't be
-// encoded or holds a NUL: subprocess.run then raises the interpreter's error.
-bool fs_bytes(PyObject* text_obj, std::string& out) {
-    if (!PyUnicode_CheckExact(text_obj)) return false;
+// os.fsencode(text) into `out`: 1; 0 (no error set) when the text can't be
+// encoded or holds a NUL: subprocess.run then raises the interpreter's error;
+// -1 when memory ran out.
+int fs_bytes(PyObject* text_obj, std::string& out) {
+    if (!PyUnicode_CheckExact(text_obj)) return 0;
     Ref b = Ref::steal(PyUnicode_EncodeFSDefault(text_obj));
     if (!b) {
+        if (PyErr_ExceptionMatches(PyExc_MemoryError)) return -1;
         PyErr_Clear();
-        return false;
+        return 0;
     }
     const char* data = PyBytes_AS_STRING(b.get());
     const Py_ssize_t size = PyBytes_GET_SIZE(b.get());
-    if (std::memchr(data, '\0', static_cast<std::size_t>(size)) != nullptr) return false;
+    if (std::memchr(data, '\0', static_cast<std::size_t>(size)) != nullptr) return 0;
     out.assign(data, static_cast<std::size_t>(size));
-    return true;
+    return 1;
 }
 
 bool plain_timeout(PyObject* timeout, double& seconds) {
@@ -226,8 +228,9 @@ int prepare(const ModuleState* st, PyObject* argv, PyObject* cwd, core::SpawnSpe
     const Py_ssize_t n = PyList_GET_SIZE(argv);
     spec.argv.resize(static_cast<std::size_t>(n));
     for (Py_ssize_t i = 0; i < n; ++i)
-        if (!fs_bytes(PyList_GET_ITEM(argv, i), spec.argv[static_cast<std::size_t>(i)])) return 0;
-    if (!fs_bytes(cwd, spec.cwd)) return 0;
+        if (const int plain = fs_bytes(PyList_GET_ITEM(argv, i), spec.argv[static_cast<std::size_t>(i)]); plain <= 0)
+            return plain;
+    if (const int plain = fs_bytes(cwd, spec.cwd); plain <= 0) return plain;
     std::string path;
     if (environ_path(st->os_get_exec_path, path)) {
         // path.split(os.pathsep), on the bytes: ':' never occurs inside a
@@ -244,7 +247,7 @@ int prepare(const ModuleState* st, PyObject* argv, PyObject* cwd, core::SpawnSpe
     if (!iter) return -1;
     while (Ref dir = Ref::steal(PyIter_Next(iter.get()))) {
         std::string bytes;
-        if (!fs_bytes(dir.get(), bytes)) return 0;
+        if (const int plain = fs_bytes(dir.get(), bytes); plain <= 0) return plain;
         add_candidate(spec, std::move(bytes));
     }
     return PyErr_Occurred() ? -1 : 1;
