@@ -11,6 +11,7 @@
 #ifndef _WIN32
 #include "core/spawn.hpp"
 #endif
+#include "git_utils/binding/boundary.hpp"
 #include "git_utils/binding/function.hpp"
 #include "git_utils/binding/helpers.hpp"
 #include "git_utils/binding/log_line.hpp"
@@ -252,7 +253,7 @@ void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 // may load it too. Free-threading is not declared (no Py_mod_gil): the
 // interpreter then turns its GIL on when it loads the module.
 PyModuleDef_Slot module_slots[] = {
-    {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
+    {Py_mod_exec, reinterpret_cast<void*>(guarded<exec_module>)},
 #if PY_VERSION_HEX >= 0x030C0000
     {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
 #endif
