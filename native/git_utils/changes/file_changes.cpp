@@ -7,7 +7,6 @@
 // holds where the algorithm uses it.
 #include <cstdint>
 #include <iterator>
-#include <new>
 #include <optional>
 #include <type_traits>
 #include <vector>
@@ -149,13 +148,11 @@ template <class Unit>
 Native file_changes_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
                              core::BasicTokenStream<Unit>& stream, bool git_bytes = false) {
     std::vector<core::FileRecord> records;
-    try {
+    {
         core::FileCollector<Unit> collector;  // its table is gone before the records are made
         if (git_bytes) collector.check_utf8();
         collector.collect(stream, text.base(), records);
         if (!collector.paths_valid()) return declined;
-    } catch (const std::bad_alloc&) {
-        return Ref::steal(PyErr_NoMemory());
     }
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(records.size())));
     if (!list) return Ref();
@@ -383,25 +380,20 @@ Native commits_natively(PyObject* module, const NativeFileChanges& native, const
     std::vector<core::FileRecord> records;
     core::BasicLogStream<Unit> log(text.view());
     core::Piece<Unit> time_text;
-    try {
-        while (log.next_commit(time_text)) {
-            Ref time = commit_time(time_text, text);
-            if (!time) return Ref();
-            collector.collect(log, text.base(), records, false);
-            if (!collector.paths_valid()) return declined;  // the commits so far are dropped, unseen
-            Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
-            if (!files ||
-                fill_file_changes(module, native, records, text, file_change, fill, files.get(), git_bytes) < 0)
-                return Ref();
-            PyObject* cls = commit_changes.get();
-            if (cls == nullptr) return Ref();
-            PyObject* values[] = {time.get(), files.get()};
-            Ref commit = fill ? fill_record(st, Record::commit_changes, cls, values)
-                              : make_record(st, Record::commit_changes, cls, values);
-            if (!commit || PyList_Append(commits.get(), commit.get()) < 0) return Ref();
-        }
-    } catch (const std::bad_alloc&) {
-        return Ref::steal(PyErr_NoMemory());
+    while (log.next_commit(time_text)) {
+        Ref time = commit_time(time_text, text);
+        if (!time) return Ref();
+        collector.collect(log, text.base(), records, false);
+        if (!collector.paths_valid()) return declined;  // the commits so far are dropped, unseen
+        Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
+        if (!files || fill_file_changes(module, native, records, text, file_change, fill, files.get(), git_bytes) < 0)
+            return Ref();
+        PyObject* cls = commit_changes.get();
+        if (cls == nullptr) return Ref();
+        PyObject* values[] = {time.get(), files.get()};
+        Ref commit = fill ? fill_record(st, Record::commit_changes, cls, values)
+                          : make_record(st, Record::commit_changes, cls, values);
+        if (!commit || PyList_Append(commits.get(), commit.get()) < 0) return Ref();
     }
     return commits;
 }

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <iterator>
 #include <limits>
-#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -425,11 +424,7 @@ Ref spans_of(PyObject* module, const Text<Unit>& text) {
     SpanCollector<Unit> collector(module, text);
     if (collector.start() < 0) return Ref();
     GcPause pause(collector.all_native());
-    try {
-        core::walk_patch(text.view(), collector);
-    } catch (const std::bad_alloc&) {
-        return Ref::steal(PyErr_NoMemory());
-    }
+    core::walk_patch(text.view(), collector);
     return collector.result();
 }
 
