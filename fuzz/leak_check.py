@@ -3,7 +3,7 @@ test suite hunts leaks: under a debug interpreter, each call runs a few times to
 repeated calls; `sys.gettotalrefcount()` and `sys.getallocatedblocks()` are read between rounds, and a call
 leaks when every round leaves more behind than it found. Run it from anywhere with the module installed:
 
-    python3.14d fuzz/leak_check.py [--rounds N] [--calls N] [LABEL-SUBSTRING...]
+    python3.14d fuzz/leak_check.py [--rounds N] [--calls N] [--quiet] [LABEL-SUBSTRING...]
 
 It prints one line per call (the references and blocks each round of the last few left behind) and exits
 non-zero when any call leaks."""
@@ -72,7 +72,8 @@ def main() -> int:
     parser.add_argument("--rounds", type=int, default=4)
     parser.add_argument("--calls", type=int, default=10)
     parser.add_argument("--most", type=int, default=30, help="rounds at most, warm-up included")
-    parser.add_argument("patterns", nargs="*")
+    parser.add_argument("--quiet", action="store_true", help="print the leaks and the outcome only")
+    parser.add_argument("patterns", nargs="*", help="check only the calls whose label holds one of these")
     options = parser.parse_args()
     if not hasattr(sys, "gettotalrefcount"):
         print("needs a debug interpreter (python3.14d)")
@@ -98,10 +99,11 @@ def main() -> int:
             refs, blocks = [r for r, _, _ in found], [b for _, b, _ in found]
             leaks = all(r >= 1 for r in refs) or all(b >= 1 for b in blocks)
             leaking += [name] if leaks else []
-            print(f"{name}: {'LEAKS' if leaks else 'flat'}, calls {found[0][2] - options.calls + 1} to "
-                  f"{found[-1][2]} left {refs} references, {blocks} blocks", flush=True)
+            if leaks or not options.quiet:
+                print(f"{name}: {'LEAKS' if leaks else 'flat'}, calls {found[0][2] - options.calls + 1} to "
+                      f"{found[-1][2]} left {refs} references, {blocks} blocks", flush=True)
     os.close(terminal), os.close(keep)
-    print(f"leak check: {count} calls, each flat over {options.rounds} rounds of {options.calls} or not, "
+    print(f"leak check: {count} calls, each judged on {options.rounds} rounds of {options.calls} after its warm-up, "
           f"in {time.monotonic() - started:.0f} s: {'flat' if not leaking else f'{len(leaking)} leak'}")
     return 1 if leaking else 0
 

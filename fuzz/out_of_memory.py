@@ -5,9 +5,11 @@ its exception and message, and the same log lines) or MemoryError: never a crash
 answer, an "Exception ignored" report or a reference leaked. Each call is swept in a child process, so that a
 crash is caught and names the call and the allocation. Run it from anywhere with the module installed:
 
-    python3.14d fuzz/out_of_memory.py [LABEL-SUBSTRING...]
+    python3.14d fuzz/out_of_memory.py [--jobs N] [--quiet] [LABEL-SUBSTRING...]
 
-It prints one line per call and the sweep's size (calls x allocations), and exits non-zero on any fault."""
+It prints one line per call (with --quiet only those with faults) and the sweep's size (calls x allocations),
+and exits non-zero on any fault."""
+import argparse
 import datetime as dt
 import gc
 import json
@@ -17,6 +19,7 @@ import subprocess
 import sys
 import tempfile
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
@@ -140,7 +143,12 @@ def run_child(label: str, world_dir: Path, terminal: int) -> dict:
     return report
 
 
-def main(patterns: list[str]) -> int:
+def main() -> int:
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--jobs", type=int, default=2, help="calls swept at once, each in its own child")
+    parser.add_argument("--quiet", action="store_true", help="print the faults and the outcome only")
+    parser.add_argument("patterns", nargs="*", help="sweep only the calls whose label holds one of these")
+    options = parser.parse_args()
     try:
         from _testcapi import set_nomemory  # noqa: F401
     except ImportError:
@@ -153,16 +161,16 @@ def main(patterns: list[str]) -> int:
     total_points, failed = 0, 0
     # git shortlog reads the log from standard input unless that is a terminal: the children get one
     terminal, keep = pty.openpty()
-    with tempfile.TemporaryDirectory() as scratch:
+    with tempfile.TemporaryDirectory() as scratch, ThreadPoolExecutor(options.jobs) as pool:
         world = native_calls.World(Path(scratch))
         labels = [f"{label} ({setting})" for label, setting, _ in native_calls.calls(gu, world)]
-        labels = [label for label in labels if not patterns or any(p in label for p in patterns)]
-        for label in labels:
-            report = run_child(label, Path(scratch), terminal)
+        labels = [label for label in labels if not options.patterns or any(p in label for p in options.patterns)]
+        for label, report in zip(labels, pool.map(lambda label: run_child(label, Path(scratch), terminal), labels)):
             total_points += report["points"]
             failed += bool(report["faults"])
-            print(f"{label}: {report['points']} allocations, {'clean' if not report['faults'] else 'FAULTS'}",
-                  flush=True)
+            if report["faults"] or not options.quiet:
+                print(f"{label}: {report['points']} allocations, {'clean' if not report['faults'] else 'FAULTS'}",
+                      flush=True)
             for fault in report["faults"]:
                 print("    " + fault.replace("\n", "\n    "), flush=True)
     os.close(terminal), os.close(keep)
@@ -176,4 +184,4 @@ if __name__ == "__main__":
     if sys.argv[1:2] == ["--child"]:
         sweep(*sys.argv[2:])
     else:
-        sys.exit(main(sys.argv[1:]))
+        sys.exit(main())
