@@ -162,12 +162,14 @@ PyObject* find_repo_root(PyObject* module, PyObject* const*) {
 // calls os.stat through its module's `os`.
 void stat_route(GuardBuilder& guard, PyObject* plain) {
     Ref os = Ref::steal(PyImport_ImportModule("os"));
-    Ref posix = Ref::steal(PyImport_ImportModule("posix"));
+    Ref posix = os ? Ref::steal(PyImport_ImportModule("posix")) : Ref();
     Ref stat = posix ? Ref::steal(PyObject_GetAttrString(posix.get(), "stat")) : Ref();
-    if (!os || !stat) {
+    if (!stat) {
         PyErr_Clear();
         return guard.reject();
     }
+    // A stand-in for os (pyfakefs's, imported in its place) is no module.
+    if (!PyModule_Check(os.get())) return guard.reject();
     PyObject* os_dict = PyModule_GetDict(os.get());
     guard.subject(stat.get());
     Ref accessor = Ref::steal(PyObject_GetAttrString(plain, "_accessor"));
