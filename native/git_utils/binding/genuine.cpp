@@ -150,6 +150,17 @@ void GuardBuilder::absent_in_class(PyObject* type, const char* key) {
     if (append_all(missing_.get(), {dict.get(), name.get()}) < 0) failed_ = true;
 }
 
+void GuardBuilder::has_attributes(PyObject* type, std::span<const char* const> names) {
+    for (const char* name : names) {
+        if (failed_ || !genuine_) return;
+        Ref attribute = Ref::steal(PyObject_GetAttrString(type, name));
+        if (!attribute) {
+            PyErr_Clear();
+            reject();
+        }
+    }
+}
+
 void GuardBuilder::class_dict(PyObject* type) {
     if (failed_ || !genuine_) return;
     if (!PyType_Check(type)) return reject();

@@ -9,6 +9,7 @@
 #include <Python.h>
 
 #include <array>
+#include <span>
 
 #include "git_utils/binding/ref.hpp"
 
@@ -65,6 +66,8 @@ public:
     void genuine_class(PyObject* type, PyObject* modules);
     // `f` must be a function defined in one of `modules`.
     void genuine_function(PyObject* f, PyObject* modules);
+    // `type` must have each of `names` now (found along its MRO).
+    void has_attributes(PyObject* type, std::span<const char* const> names);
     void reject() { genuine_ = false; }
     // An error of the interpreter is pending.
     void fail() { failed_ = true; }

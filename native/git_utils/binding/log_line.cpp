@@ -133,13 +133,7 @@ int logger_guard(PyObject* module, GuardBuilder& guard) {
         guard.entry_in_class(logger_class.get(), name, method.get());
         guard.genuine_function(method.get(), modules.get());
     }
-    for (const char* name : kCalledMethods) {
-        Ref method = Ref::steal(PyObject_GetAttrString(logger_class.get(), name));
-        if (!method) {
-            PyErr_Clear();
-            guard.reject();
-        }
-    }
+    guard.has_attributes(logger_class.get(), kCalledMethods);
     return guard.ok() ? 0 : -1;
 }
 

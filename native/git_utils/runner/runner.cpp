@@ -438,13 +438,7 @@ int spawn_guard(PyObject* module, GuardBuilder& guard) {
     guard.subject(run.get());
     guard.genuine_function(run.get(), modules.get());
     guard.genuine_class(popen.get(), modules.get());
-    for (const char* name : kPopenMethods) {
-        Ref method = Ref::steal(PyObject_GetAttrString(popen.get(), name));
-        if (!method) {
-            PyErr_Clear();
-            guard.reject();
-        }
-    }
+    guard.has_attributes(popen.get(), kPopenMethods);
     return guard.ok() ? 0 : -1;
 }
 
