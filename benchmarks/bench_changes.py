@@ -16,7 +16,7 @@ benchmarks/out/):
 2. diff_line_spans with every path of the tree (one git per batch of paths)
    against one git with all paths on one command line.
 3. The three parsers alone on the captured output against the same rules in
-   plain Python (changes_reference.py), the result freed inside the timing
+   plain Python (plain_git_utils.py), the result freed inside the timing
    and, beside it, kept, and the freeing of each result alone; then each
    parser on git's bytes as its query hands them over (a stand-in git
    printing the captured output).
@@ -43,7 +43,7 @@ from datetime import datetime
 from pathlib import Path
 from typing import Callable
 
-import changes_reference as ref
+import plain_git_utils as ref
 from bench_runner import OUT, BareServer, bare, build_bare, print_table, rate
 from make_history import ensure_history
 
@@ -579,7 +579,7 @@ _MEMORY_CHILD = r"""
 import resource, sys, time
 sys.path.insert(0, sys.argv[4])
 from morvane_tessary.utils import git_utils
-import changes_reference
+import plain_git_utils
 path, mode, name, root = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[5]
 queries = {  # the query that hands its git output to each parser
     "parse_line_spans": lambda: git_utils.diff_line_spans(root, "main", "feature", merge_base=True),
@@ -604,7 +604,7 @@ except OSError:
 start = time.perf_counter()
 result = None
 if mode in ("module", "reference"):
-    result = getattr(git_utils if mode == "module" else changes_reference, name)(text)
+    result = getattr(git_utils if mode == "module" else plain_git_utils, name)(text)
 elif mode == "query":
     result = queries[name]()
 seconds = time.perf_counter() - start

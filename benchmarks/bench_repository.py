@@ -3,7 +3,7 @@
     python benchmarks/bench_repository.py [--runs N] [--rounds R]
 
 1. normalize_branch_name, sanitize_branch_name and wiki_directory against
-   the same functions in plain Python (repository_reference.py).
+   the same functions in plain Python (plain_git_utils.py).
 2. get_head_commit and resolve_commit against the bare spawn of the same git
    command line (bare_spawn.cpp: posix_spawn and drain, no interpreter).
 """
@@ -18,7 +18,7 @@ import tempfile
 import timeit
 from pathlib import Path
 
-import repository_reference as ref
+import plain_git_utils as ref
 from bench_runner import bare, build_bare, print_table, rate, timed
 
 from morvane_tessary.utils import git_utils

@@ -8,7 +8,7 @@ installed:
 It prints one line per group and exits non-zero when any case misbehaves.
 
 With --against-plain it calls the native module and the module written in plain Python
-(fuzz/plain_git_utils.py) with the same arguments, case by case, and reports every case where one returns
+(benchmarks/plain_git_utils.py) with the same arguments, case by case, and reports every case where one returns
 and the other raises, they raise different exception types, or they return different values:
 
     python fuzz/bad_input.py --against-plain"""
@@ -22,8 +22,9 @@ import sys
 import tempfile
 from pathlib import Path
 
-FUZZ = Path(__file__).resolve().parent  # plain_git_utils: the module written in plain Python
-TESTS = FUZZ.parent / "tests"  # proof_support: the repository builder, children()
+ROOT = Path(__file__).resolve().parents[1]
+PLAIN = ROOT / "benchmarks"  # plain_git_utils: the module written in plain Python
+TESTS = ROOT / "tests"  # proof_support: the repository builder, children()
 
 GROUPS = {
     "runner": ["run_git_command", "_git_output"],
@@ -172,7 +173,7 @@ def drive(group: str, repo: str, spawner: str, against: str = "") -> None:  # in
     faulthandler.enable()
     modules = [gu]
     if against == "plain":
-        sys.path.insert(0, str(FUZZ))
+        sys.path.insert(0, str(PLAIN))
         import plain_git_utils
 
         modules.append(plain_git_utils)

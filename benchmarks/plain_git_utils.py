@@ -1,8 +1,9 @@
 """Git utilities for parsing git log, diff and related commands, written in plain Python.
 
 The yardstick of the native module: the same namespace, the same names, defaults and annotations, and the
-same behaviour, in the simplest Python that has it. fuzz/bad_input.py --against-plain calls both with the
-same arguments and reports where they part. Nothing in the package or the tests imports it.
+same behaviour, in the simplest Python that has it. The benchmarks time the module against it, and
+fuzz/bad_input.py --against-plain calls both with the same arguments and reports where they part. Nothing
+in the package or the tests imports it.
 
 git runs as a child process with a time-out (30 seconds by default) and error recovery. Main features:
 time specs (7d, 24h, 30m, 2w), diffs and commit logs parsed into file changes and changed line spans,
