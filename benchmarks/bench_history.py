@@ -10,43 +10,19 @@ command line.
 
 from __future__ import annotations
 
-import re
 import subprocess
 import sys
 import tempfile
 import time
 import timeit
-from datetime import datetime, timedelta
+from datetime import datetime
 from pathlib import Path
 
 from morvane_tessary.utils import git_utils
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 from bench_runner import bare, build_bare, print_table, rate  # noqa: E402
-
-_RELATIVE = re.compile(r"(\d+)([mhdw])")
-_UNITS = {"m": "minutes", "h": "hours", "d": "days", "w": "weeks"}
-
-
-def reference_parse_time_spec(since: str) -> datetime:
-    spec = since.strip()
-    try:
-        match = _RELATIVE.fullmatch(spec)
-        if match:
-            amount = int(match.group(1))
-            if amount > 0:
-                return datetime.now() - timedelta(**{_UNITS[match.group(2)]: amount})
-        elif spec:
-            moment = datetime.fromisoformat(spec)
-            if moment.tzinfo is not None:
-                moment = moment.astimezone().replace(tzinfo=None)
-            return moment
-    except ValueError:
-        pass
-    except OverflowError as exc:
-        raise ValueError(f"since {since!r} reaches outside the calendar") from exc
-    raise ValueError(f"since must be {git_utils.TIME_SPEC_FORMS}; got {since!r}")
-
+from plain_git_utils import parse_time_spec as reference_parse_time_spec  # noqa: E402
 
 RELATIVE_SPECS = ("7d", " 24h ", "30m", "2w")
 ISO_SPECS = ("2026-09-01", "2026-09-01T12:30", "2026-09-01T12:30:00+02:00")
