@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 #include <string>
 
 #include "core/line_ends.hpp"
