@@ -39,35 +39,37 @@ private:
     PyThreadState*& saved_;
 };
 
-// Calls work(saved) with the lock released, where `saved` is the thread state
-// a Relock inside takes the lock back with; returns with the lock held.
-// Any other C++ exception from `work` is rethrown with the lock held.
-template <class Work>
-void run_unlocked(Work&& work) {
-    PyThreadState* saved = PyEval_SaveThread();
+// Takes the lock back for good after work done without it; a thread that
+// the finalizing interpreter ends there parks instead.
+inline void take_back(PyThreadState* saved) {
 #ifdef GITUTILS_FORCED_UNWIND
-    try {
-        work(saved);
-    } catch (const abi::__forced_unwind&) {
-        park_thread();
-    } catch (...) {
-        PyEval_RestoreThread(saved);
-        throw;
-    }
     try {
         PyEval_RestoreThread(saved);
     } catch (const abi::__forced_unwind&) {
         park_thread();
     }
 #else
-    try {
-        work(saved);
-    } catch (...) {
-        PyEval_RestoreThread(saved);
-        throw;
-    }
     PyEval_RestoreThread(saved);
 #endif
+}
+
+// Calls work(saved) with the lock released, where `saved` is the thread state
+// a Relock inside takes the lock back with; returns with the lock held.
+// Any other C++ exception from `work` is rethrown with the lock held.
+template <class Work>
+void run_unlocked(Work&& work) {
+    PyThreadState* saved = PyEval_SaveThread();
+    try {
+        work(saved);
+#ifdef GITUTILS_FORCED_UNWIND
+    } catch (const abi::__forced_unwind&) {
+        park_thread();  // a Relock inside was refused the lock at exit
+#endif
+    } catch (...) {
+        take_back(saved);
+        throw;
+    }
+    take_back(saved);
 }
 
 }  // namespace gu
