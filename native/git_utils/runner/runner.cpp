@@ -277,6 +277,10 @@ Ref raise_errno(int err, PyObject* filename) {
 // triple, exceptions and log lines as the subprocess.run path.
 Ref run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObject* argv, PyObject* cwd,
                        PyObject* timeout, PyObject* args, core::ByteBuffer* capture) {
+    // The output pipes, then the audit event, in the interpreter's order:
+    // a full descriptor table or a refusing hook stops both paths alike.
+    core::OutputPipes pipes;
+    if (const int pipe_error = core::make_output_pipes(pipes)) return raise_errno(pipe_error, nullptr);
     if (PySys_Audit("subprocess.Popen", "OOOO", PyList_GET_ITEM(argv, 0), argv, cwd, Py_None) < 0) return Ref();
     // The child lives inside the unlocked work, so that however the work
     // ends (an allocation failure, the thread ended at exit) git is killed
@@ -285,7 +289,7 @@ Ref run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObje
     int error = 0;
     core::Finished done;
     run_unlocked([&](PyThreadState*& saved) {
-        core::Child child = core::start(spec);
+        core::Child child = core::start(spec, std::move(pipes));
         failure = child.failure();
         error = child.error();
         if (failure == core::StartFailure::none) done = core::finish(child, seconds, core::Interrupt{check_signals, &saved});
