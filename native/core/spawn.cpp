@@ -415,7 +415,7 @@ struct Waiter {
         return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
     }
     bool expired() const { return has_deadline && Clock::now() >= deadline; }
-    bool interrupted() const { return interrupt.check && interrupt.check(interrupt.context); }
+    bool interrupted() const { return interrupt.check && interrupt.check(interrupt.context) < 0; }
 
     // The time-out, checked on every pass as the interpreter's own wait does,
     // and the signals, once their check is due.

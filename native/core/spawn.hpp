@@ -110,10 +110,11 @@ private:
 // go to the child; their read ends stay with the returned child.
 Child start(const SpawnSpec& spec, OutputPipes pipes);
 
-// Asked when a signal interrupts the wait; true stops the wait (the child's
-// group is then killed and the child reaped).
+// Asked when a signal interrupts the wait, and now and then in between:
+// -1 stops the wait (the child's group is then killed and the child reaped;
+// whatever the check reported stays with its caller), 0 goes on.
 struct Interrupt {
-    bool (*check)(void* context) = nullptr;
+    int (*check)(void* context) = nullptr;
     void* context = nullptr;
 };
 
