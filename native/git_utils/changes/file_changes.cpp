@@ -83,17 +83,19 @@ struct FileChangesPlan {
     Collaborator two_path_letters, status_by_letter, line_count, file_changes, commit_start;
     RecordMaker files, commits;
     StatusWords words;
+    PyObject* module;
     Parse parse;
     bool scan = false;
 
-    FileChangesPlan(PyObject* module, Parse parse_of)
-        : two_path_letters(module, Name::_TWO_PATH_LETTERS),
-          status_by_letter(module, Name::_STATUS_BY_LETTER),
-          line_count(module, Name::_line_count),
-          file_changes(module, Name::_file_changes),
-          commit_start(module, Name::_COMMIT_START),
-          files(module, Record::file_change),
-          commits(module, Record::commit_changes),
+    FileChangesPlan(PyObject* module_of, Parse parse_of)
+        : two_path_letters(module_of, Name::_TWO_PATH_LETTERS),
+          status_by_letter(module_of, Name::_STATUS_BY_LETTER),
+          line_count(module_of, Name::_line_count),
+          file_changes(module_of, Name::_file_changes),
+          commit_start(module_of, Name::_COMMIT_START),
+          files(module_of, Record::file_change),
+          commits(module_of, Record::commit_changes),
+          module(module_of),
           parse(parse_of) {
         scan = two_path_letters.as_loaded() && line_count.as_loaded() && words.read(status_by_letter) &&
                (parse == Parse::tokens || file_changes.as_loaded()) &&
@@ -363,7 +365,7 @@ PyObject* line_count(PyObject*, PyObject* const* a) {
 
 // int(time.strip()) for the time of a commit header, a piece of `text`.
 template <class Unit>
-Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
+Ref commit_time(PyObject* module, core::Piece<Unit> time_text, const Text<Unit>& text) {
     std::size_t begin = 0, end = time_text.size();
     const auto blank = [](Unit c) {
         return c == Unit(' ') || (c >= Unit('\t') && c <= Unit('\r')) || (c >= Unit('\x1c') && c <= Unit('\x1f'));
@@ -375,7 +377,7 @@ Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
         return Ref::steal(PyLong_FromUnsignedLongLong(value));
     Ref s = text.str(time_text);  // signs, underscores, other scripts' blanks and digits, or no number
     if (!s) return Ref();
-    Ref stripped = call_method(s.get(), "strip");
+    Ref stripped = strip(module, s.get());
     return stripped ? Ref::steal(PyLong_FromUnicodeObject(stripped.get(), 10)) : Ref();
 }
 
@@ -394,7 +396,7 @@ Native commits_natively(FileChangesPlan& plan, const Text<Unit>& text, bool git_
     core::BasicLogStream<Unit> log(text.view());
     core::Piece<Unit> time_text;
     while (log.next_commit(time_text)) {
-        Ref time = commit_time(time_text, text);
+        Ref time = commit_time(plan.module, time_text, text);
         if (!time) return Ref();
         collector.collect(log, text.base(), records, false);
         if (!collector.paths_valid()) return declined;  // the commits so far are dropped, unseen
@@ -438,7 +440,7 @@ Ref commits_through_objects(FileChangesPlan& plan, PyObject* output) {
                 return Ref();
             Ref rest = Ref::steal(PySequence_GetSlice(stripped.get(), 1, PY_SSIZE_T_MAX));
             if (!rest) return Ref();
-            time = call_method(rest.get(), "strip");
+            time = strip(plan.module, rest.get());
             body = Ref::steal(PyList_New(0));
             if (!time || !body) return Ref();
         } else if (time && PyList_Append(body.get(), token.get()) < 0) {
