@@ -468,8 +468,9 @@ PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
     return commits_of_str(plan, a[0]).release();
 }
 
-// What git printed, decoded as the runner decodes it.
-Ref decoded(std::string_view output) {
+// What git printed, decoded as the runner decodes it (its line ends are
+// normalised already).
+Ref runner_text(std::string_view output) {
     return Ref::steal(PyUnicode_DecodeUTF8(output.data(), static_cast<Py_ssize_t>(output.size()), "replace"));
 }
 
@@ -507,7 +508,7 @@ Ref parse_file_changes_from_git(PyObject* module, std::string_view output) {
         const std::vector<core::FileRecord> records = collect_files<char>(text, stream, &utf8_paths);
         if (utf8_paths) return file_changes_natively<char>(plan, records, text, true);
     }
-    Ref text = decoded(output);
+    Ref text = runner_text(output);
     return text ? file_changes_of_str(plan, text.get()) : Ref();
 }
 
@@ -515,7 +516,7 @@ Ref parse_commit_changes_from_git(PyObject* module, std::string_view output) {
     FileChangesPlan plan(module, Parse::log);
     if (plan.scan && fits_records(output.size()))
         if (Native parsed = commits_natively<char>(plan, GitText(output), true)) return std::move(*parsed);
-    Ref text = decoded(output);
+    Ref text = runner_text(output);
     return text ? commits_of_str(plan, text.get()) : Ref();
 }
 

@@ -87,7 +87,7 @@ public:
             // the rest left to the decoder that replaces what is invalid.
             if (source_ == nullptr && !core::is_ascii(piece))
                 return checked || core::valid_utf8(piece)
-                           ? decoded(piece)
+                           ? str_of_valid_utf8(piece)
                            : Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
             if (ascii_ || source_ == nullptr) {
                 Ref s = Ref::steal(PyUnicode_New(n, 127));
@@ -137,7 +137,7 @@ protected:
     }
 
     // The str of well-formed UTF-8 that is not all ASCII.
-    static Ref decoded(std::string_view valid) {
+    static Ref str_of_valid_utf8(std::string_view valid) {
         const core::Utf8Shape shape = core::utf8_shape(valid);
         return new_str(static_cast<Py_ssize_t>(shape.length), shape.widest,
                        [valid](auto* out) { core::decode_utf8(valid, out); });

@@ -259,7 +259,9 @@ int check_signals(void* saved) {
     return PyErr_CheckSignals();
 }
 
-Ref decode(core::ByteBuffer& bytes) {
+// A stream as the runner gives it: line ends normalised, then UTF-8 with
+// invalid bytes replaced. The buffer is emptied.
+Ref stream_text(core::ByteBuffer& bytes) {
     const std::size_t size = core::normalize_line_ends(bytes.data(), bytes.size());
     Ref s = Ref::steal(PyUnicode_DecodeUTF8(bytes.data() ? bytes.data() : "", static_cast<Py_ssize_t>(size), "replace"));
     bytes.clear();
@@ -332,9 +334,9 @@ RunResult run_natively(const RunRequest& run, const core::SpawnSpec& spec, doubl
         *capture = std::move(done.out);
         return {Ref(), true};
     }
-    Ref out = decode(done.out);
+    Ref out = stream_text(done.out);
     if (!out) return {};
-    Ref err = decode(done.err);
+    Ref err = stream_text(done.err);
     Ref code = Ref::steal(PyLong_FromLong(done.returncode));
     if (!err || !code) return {};
     if (done.returncode != 0 && log_failure(run, code.get(), err.get()) < 0) return {};
