@@ -270,14 +270,17 @@ void close_from(int lowest, int keep, int max_fd) noexcept {
 }
 
 // vfork, as the interpreter's spawner uses it: the parent's thread waits
-// until the child has exec'd or exited, and no memory is copied. Elsewhere a
-// plain fork.
+// until the child has exec'd or exited, and no memory is copied. Where vfork
+// is refused (a sandbox, a kernel that forbids it), fork, as the
+// interpreter then forks. Elsewhere a plain fork.
 [[gnu::noinline]] pid_t fork_child(const ChildPlan& plan) noexcept {
 #ifdef __linux__
-    const pid_t pid = ::vfork();
-#else
-    const pid_t pid = ::fork();
+    if (const pid_t pid = ::vfork(); pid != -1) {
+        if (pid == 0) exec_child(plan);
+        return pid;
+    }
 #endif
+    const pid_t pid = ::fork();
     if (pid == 0) exec_child(plan);
     return pid;
 }
