@@ -4,6 +4,7 @@ it), whose operator new fails on demand."""
 import ctypes
 import datetime as dt
 import functools
+import os
 
 import proof_support
 import pytest
@@ -44,6 +45,7 @@ def repo(tmp_path_factory):
 def test_each_failed_allocation_gives_memory_error(gu, repo, name):
     call = functools.partial(CALLS[name], gu, repo)
     expected, point = outcome(call), 0
+    descriptors = len(os.listdir("/proc/self/fd"))
     while True:
         fail_new_at(point)
         try:
@@ -54,5 +56,6 @@ def test_each_failed_allocation_gives_memory_error(gu, repo, name):
         if made <= point:  # the call ended before allocation number `point`
             break
         assert got in (expected, (MemoryError, "")), f"allocation {point}"
+        assert len(os.listdir("/proc/self/fd")) == descriptors, f"allocation {point} left descriptors open"
         point += 1
     assert got == expected and point > 0

@@ -10,6 +10,12 @@
 #include <string_view>
 #include <utility>
 
+#ifdef GITUTILS_FAULT_INJECTION
+// The test build's failing allocations (native/testing/failing_new.cpp)
+// reach the buffer's realloc too.
+extern "C" bool gitutils_allocation_fails() noexcept;
+#endif
+
 namespace gu::core {
 
 class ByteBuffer {
@@ -41,6 +47,9 @@ public:
         if (capacity_ - size_ < n) {
             std::size_t want = capacity_ ? capacity_ * 2 : n;
             if (want < size_ + n) want = size_ + n;
+#ifdef GITUTILS_FAULT_INJECTION
+            if (gitutils_allocation_fails()) throw std::bad_alloc();
+#endif
             void* p = std::realloc(data_, want);
             if (p == nullptr) throw std::bad_alloc();
             data_ = static_cast<char*>(p);

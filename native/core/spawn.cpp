@@ -3,18 +3,17 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstdint>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <ctime>
+#include <new>
 #include <optional>
 
 #ifdef __APPLE__
@@ -23,28 +22,99 @@
 extern char** environ;
 #endif
 
+#ifdef __linux__
+// Numbers of the calls newer than some C libraries' headers; the same on
+// every architecture.
+#ifndef SYS_pidfd_open
+#define SYS_pidfd_open 434
+#endif
+#ifndef SYS_close_range
+#define SYS_close_range 436
+#endif
+#endif
+
 namespace gu::core {
+
+Fd& Fd::operator=(Fd&& o) noexcept {
+    if (this != &o) {
+        reset();
+        fd_ = std::exchange(o.fd_, -1);
+    }
+    return *this;
+}
+
+void Fd::reset() noexcept {
+    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+}
+
+// The children started and not yet reaped, each beside the process that
+// started it (a fork's copy of the table is not its own): at the host's exit,
+// a thread that waits for git never comes back to reap it, and
+// kill_unfinished ends what it started. A slot is taken before the start, so
+// that a started child always has one; the table grows by blocks, never
+// shrinks, and is read without a lock.
+class LiveSlot {
+public:
+    void hold(pid_t child) noexcept { entry_.store(pack(child), std::memory_order_relaxed); }
+    void release() noexcept { entry_.store(0, std::memory_order_relaxed); }
+    bool take() noexcept {
+        std::uint64_t empty = 0;
+        return entry_.compare_exchange_strong(empty, pack(0), std::memory_order_relaxed);
+    }
+    void kill_if_mine() noexcept {
+        const std::uint64_t entry = entry_.load(std::memory_order_relaxed);
+        const auto child = static_cast<pid_t>(entry & kPidMask);
+        if (child <= 0 || (entry & ~kPidMask) != pack(0)) return;
+        ::kill(-child, SIGKILL);
+        ::kill(child, SIGKILL);
+    }
+
+private:
+    static constexpr std::uint64_t kPidMask = 0xffffffffu;
+    static std::uint64_t pack(pid_t child) noexcept {
+        return static_cast<std::uint64_t>(static_cast<std::uint32_t>(::getpid())) << 32 |
+               static_cast<std::uint32_t>(child);
+    }
+    std::atomic<std::uint64_t> entry_{0};
+};
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-void close_fd(int& fd) noexcept {
-    if (fd >= 0) {
-        ::close(fd);
-        fd = -1;
+class LiveChildren {
+public:
+    // A free slot, taken; throws std::bad_alloc when the table can't grow.
+    LiveSlot* take() {
+        for (Block* block = &first_;;) {
+            for (LiveSlot& slot : block->slots)
+                if (slot.take()) return &slot;
+            Block* next = block->next.load(std::memory_order_acquire);
+            if (next == nullptr) {
+                Block* fresh = new Block();
+                if (block->next.compare_exchange_strong(next, fresh, std::memory_order_acq_rel)) {
+                    next = fresh;
+                } else {
+                    delete fresh;  // another thread grew it first; `next` is its block
+                }
+            }
+            block = next;
+        }
     }
-}
+    void kill_all() noexcept {
+        for (Block* block = &first_; block != nullptr; block = block->next.load(std::memory_order_acquire))
+            for (LiveSlot& slot : block->slots) slot.kill_if_mine();
+    }
 
-// Keeps pipe ends off descriptors 0 to 2, so that the child's dup2 onto 1 and
-// 2 never overwrites the other pipe when the host runs with stdio closed.
-int above_stdio(int fd) noexcept {
-    if (fd > 2) return fd;
-    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
-    const int saved = errno;
-    ::close(fd);
-    errno = saved;
-    return moved;
-}
+private:
+    struct Block {
+        LiveSlot slots[64];
+        std::atomic<Block*> next{nullptr};
+    };
+    Block first_;
+};
+
+LiveChildren live_children;
 
 char** environment() noexcept {
 #ifdef __APPLE__
@@ -54,38 +124,24 @@ char** environment() noexcept {
 #endif
 }
 
-bool make_pipe(int fds[2]) noexcept {
+int make_pipe(Fd& read_end, Fd& write_end) noexcept {
+    int fds[2];
 #ifdef __APPLE__
     // No pipe2 here. The window before FD_CLOEXEC is set does not reach our
-    // own children: their spawn keeps only the descriptors it names.
-    if (::pipe(fds) != 0) return false;
+    // own children: they close every descriptor from 3 up.
+    if (::pipe(fds) != 0) return errno;
     ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
     ::fcntl(fds[1], F_SETFD, FD_CLOEXEC);
 #else
-    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
+    if (::pipe2(fds, O_CLOEXEC) != 0) return errno;
 #endif
-    fds[0] = above_stdio(fds[0]);
-    fds[1] = above_stdio(fds[1]);
-    if (fds[0] < 0 || fds[1] < 0) {
-        const int saved = errno;
-        close_fd(fds[0]);
-        close_fd(fds[1]);
-        errno = saved;
-        return false;
-    }
-    return true;
+    read_end = Fd(fds[0]);
+    write_end = Fd(fds[1]);
+    return 0;
 }
 
-#ifdef O_PATH
-constexpr int kDirectoryOpen = O_PATH | O_DIRECTORY | O_CLOEXEC;
-#else
-// Where O_PATH is missing (macOS), opening needs read permission: a
-// directory that can be entered but not listed is refused as the cwd.
-constexpr int kDirectoryOpen = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-#endif
-
 int open_pid_fd(pid_t pid) noexcept {
-#ifdef SYS_pidfd_open
+#ifdef __linux__
     const long fd = ::syscall(SYS_pidfd_open, pid, 0);
     return fd < 0 ? -1 : static_cast<int>(fd);
 #else
@@ -105,141 +161,142 @@ int returncode_of(int status) noexcept {
     return status;
 }
 
-// git starts in a session of its own, so that everything it starts shares
-// its process group and a give-up can kill them all (git's pid names the
-// group). A session rather than a mere process group: a background group on
-// the host's terminal would be stopped by SIGTTIN or SIGTTOU the moment git
-// or a child touched that terminal (a credential prompt, stty). Without a
-// controlling terminal nothing is ever stopped by job control, while a
-// terminal on standard input still reads as one (isatty), so shortlog still
-// summarises HEAD. The terminal's Ctrl-C now reaches only the host, whose
-// wait sees it and kills the group. Where spawn can't start a session, a
-// process group of its own is the fallback.
-#ifdef POSIX_SPAWN_SETSID
-constexpr short kOwnGroup = POSIX_SPAWN_SETSID;
-#else
-constexpr short kOwnGroup = POSIX_SPAWN_SETPGROUP;
-#endif
+// What the child reports through the error pipe when it can't exec.
+struct ChildReport {
+    StartFailure stage;
+    int error;
+};
 
-#if defined(__GLIBC__) && defined(__linux__)
-// Whether the host ignores signal `sig`, asked of the kernel: glibc's own
-// sigaction refuses its internal signals. Every kernel layout of the
-// structure begins with the handler except MIPS's, which begins with flags.
-bool host_ignores(int sig) noexcept {
-#if defined(SYS_rt_sigaction) && !defined(__mips__)
-    unsigned long action[8] = {};  // larger than any architecture's layout
-    constexpr long kKernelSetBytes = 8;  // 64 signals outside MIPS
-    if (::syscall(SYS_rt_sigaction, sig, nullptr, action, kKernelSetBytes) != 0)
-        return false;
-    return action[0] == reinterpret_cast<unsigned long>(SIG_IGN);
-#else
-    (void)sig;
-    return false;
-#endif
+// All the child reads, made before the start: until it execs, the child
+// shares the parent's memory and may neither allocate nor touch a lock.
+struct ChildPlan {
+    char* const* argv;
+    char* const* candidates;  // null-terminated
+    const char* cwd;
+    char* const* envp;
+    int out;     // write ends of the pipes, for 1 and 2
+    int err;
+    int report;  // write end of the error pipe
+    int max_fd;  // where closing one by one stops
+    const sigset_t* mask;  // the parent's mask, the child's from exec on
+};
+
+bool set_inheritable(int fd) noexcept {
+    const int flags = ::fcntl(fd, F_GETFD);
+    return flags >= 0 && ::fcntl(fd, F_SETFD, flags & ~FD_CLOEXEC) == 0;
 }
+
+// Standard output and error onto the pipes. As in the interpreter's child, a
+// pipe end on a descriptor that a later dup2 would overwrite moves first.
+int redirect_output(int out, int err) noexcept {
+    if (out == 0 && (out = ::dup(out)) < 0) return errno;
+    while (err == 0 || err == 1)
+        if ((err = ::dup(err)) < 0) return errno;
+    if (out == 1 ? !set_inheritable(out) : ::dup2(out, 1) < 0) return errno;
+    if (err == 2 ? !set_inheritable(err) : ::dup2(err, 2) < 0) return errno;
+    return 0;
+}
+
+// Back to the default action every signal the parent catches (a handler must
+// not run in the child while it shares the parent's memory) and SIGPIPE and
+// SIGXFSZ, which the interpreter ignores; then the parent's mask again.
+// Signals the C library keeps for itself refuse sigaction and are left as
+// they are, as the interpreter's child leaves them.
+int reset_signals(const sigset_t* mask) noexcept {
+    struct sigaction dfl = {};
+    dfl.sa_handler = SIG_DFL;
+    for (int sig = 1; sig < NSIG; ++sig) {
+        if (sig == SIGKILL || sig == SIGSTOP || sigismember(mask, sig) == 1) continue;
+        struct sigaction old = {};
+        if (::sigaction(sig, nullptr, &old) != 0 || old.sa_handler == SIG_IGN || old.sa_handler == SIG_DFL) continue;
+        (void)::sigaction(sig, &dfl, nullptr);
+    }
+    for (const int sig : {SIGPIPE, SIGXFSZ}) (void)::sigaction(sig, &dfl, nullptr);
+    return ::pthread_sigmask(SIG_SETMASK, mask, nullptr);
+}
+
+// Closes every descriptor from `lowest` up but `keep` (above `lowest`).
+void close_from(int lowest, int keep, int max_fd) noexcept {
+#ifdef __linux__
+    if (::syscall(SYS_close_range, lowest, keep - 1, 0) == 0 &&
+        ::syscall(SYS_close_range, keep + 1, ~0U, 0) == 0)
+        return;
+    // No close_range (an older kernel, a sandbox): the open ones, as listed.
+    const int dir = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        alignas(8) char buffer[2048];
+        long n;
+        while ((n = ::syscall(SYS_getdents64, dir, buffer, sizeof buffer)) > 0) {
+            for (long at = 0; at < n;) {
+                // struct linux_dirent64: ino (8), off (8), reclen (2), type (1), name
+                unsigned short length;
+                __builtin_memcpy(&length, buffer + at + 16, sizeof length);
+                const char* name = buffer + at + 19;
+                int fd = 0;
+                bool number = *name != '\0';
+                for (const char* c = name; *c != '\0'; ++c) {
+                    if (*c < '0' || *c > '9') number = false;
+                    else fd = fd * 10 + (*c - '0');
+                }
+                if (number && fd >= lowest && fd != keep && fd != dir) ::close(fd);
+                at += length;
+            }
+        }
+        ::close(dir);
+        if (n == 0) return;
+    }
 #endif
+    for (int fd = lowest; fd < max_fd; ++fd)
+        if (fd != keep) ::close(fd);
+}
 
-// The children started and not yet reaped, each beside the process that
-// started it (a fork's copy of the table is not its own): at the host's exit,
-// a thread that waits for git never comes back to reap it, and
-// kill_unfinished ends what it started. A full table leaves a child out.
-class LiveChildren {
-public:
-    void add(pid_t child) noexcept {
-        const std::uint64_t entry = pack(child);
-        for (auto& slot : slots_) {
-            std::uint64_t empty = 0;
-            if (slot.compare_exchange_strong(empty, entry, std::memory_order_relaxed)) return;
+[[noreturn]] void exec_child(const ChildPlan& plan) noexcept {
+    ChildReport report{StartFailure::cwd, redirect_output(plan.out, plan.err)};
+    if (report.error == 0 && ::chdir(plan.cwd) != 0) report.error = errno;
+    if (report.error == 0) report.error = reset_signals(plan.mask);
+    if (report.error == 0) {
+        // A session of its own; refused, git stays in the host's group.
+        (void)::setsid();
+        close_from(3, plan.report, plan.max_fd);
+        report.stage = StartFailure::program;
+        for (char* const* candidate = plan.candidates; *candidate != nullptr; ++candidate) {
+            ::execve(*candidate, plan.argv, plan.envp);
+            if (errno != ENOENT && errno != ENOTDIR && report.error == 0) report.error = errno;
         }
+        if (report.error == 0) report.error = errno;
     }
-    void remove(pid_t child) noexcept {
-        const std::uint64_t entry = pack(child);
-        for (auto& slot : slots_) {
-            std::uint64_t found = entry;
-            if (slot.compare_exchange_strong(found, 0, std::memory_order_relaxed)) return;
-        }
-    }
-    void kill_all() noexcept {
-        const std::uint64_t mine = pack(0);
-        for (auto& slot : slots_) {
-            const std::uint64_t entry = slot.load(std::memory_order_relaxed);
-            if (entry == 0 || (entry & ~kPidMask) != mine) continue;
-            const auto child = static_cast<pid_t>(entry & kPidMask);
-            ::kill(-child, SIGKILL);
-            ::kill(child, SIGKILL);
-        }
-    }
+    (void)!::write(plan.report, &report, sizeof report);
+    ::_exit(255);
+}
 
-private:
-    static constexpr std::uint64_t kPidMask = 0xffffffffu;
-    static std::uint64_t pack(pid_t child) noexcept {
-        return static_cast<std::uint64_t>(static_cast<std::uint32_t>(::getpid())) << 32 |
-               static_cast<std::uint32_t>(child);
-    }
-    std::atomic<std::uint64_t> slots_[64] = {};
-};
-
-LiveChildren live_children;
-
-class SpawnSetup {
-public:
-    SpawnSetup(int out_w, int err_w, int cwd_fd) {
-        ::posix_spawn_file_actions_init(&actions_);
-        ::posix_spawnattr_init(&attr_);
-        sigset_t defaults;
-        sigemptyset(&defaults);
-        sigaddset(&defaults, SIGPIPE);
-        sigaddset(&defaults, SIGXFSZ);
-#if defined(__GLIBC__) && defined(__linux__)
-        // glibc's spawn helper ignores its two internal signals (32 and 33)
-        // in the child unless told to default them, and an ignored signal
-        // stays ignored across exec. The interpreter's spawner (fork, exec)
-        // leaves each as exec leaves it: ignored where the host ignores it
-        // (a host itself started by posix_spawn), default otherwise. So
-        // default those the host does not ignore; sigaddset refuses them,
-        // so their bits are set directly.
-        for (const int internal : {32, 33})
-            if (!host_ignores(internal)) defaults.__val[0] |= 1UL << (internal - 1);
-#endif
-        error_ = ::posix_spawn_file_actions_adddup2(&actions_, out_w, 1);
-        if (!error_) error_ = ::posix_spawn_file_actions_adddup2(&actions_, err_w, 2);
-        if (!error_) error_ = ::posix_spawn_file_actions_addfchdir_np(&actions_, cwd_fd);
-#ifdef __APPLE__
-        // POSIX_SPAWN_CLOEXEC_DEFAULT (below) closes what the actions don't
-        // name, standard input included unless it is named as inherited.
-        if (!error_ && ::fcntl(0, F_GETFD) >= 0) error_ = ::posix_spawn_file_actions_addinherit_np(&actions_, 0);
+// vfork, as the interpreter's spawner uses it: the parent's thread waits
+// until the child has exec'd or exited, and no memory is copied. Elsewhere a
+// plain fork.
+[[gnu::noinline]] pid_t fork_child(const ChildPlan& plan) noexcept {
+#ifdef __linux__
+    const pid_t pid = ::vfork();
 #else
-        if (!error_) error_ = ::posix_spawn_file_actions_addclosefrom_np(&actions_, 3);
+    const pid_t pid = ::fork();
 #endif
-        if (!error_) error_ = ::posix_spawnattr_setsigdefault(&attr_, &defaults);
-        short flags = POSIX_SPAWN_SETSIGDEF | kOwnGroup;
-#ifndef POSIX_SPAWN_SETSID
-        if (!error_) error_ = ::posix_spawnattr_setpgroup(&attr_, 0);
-#endif
-#ifdef __APPLE__
-        flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;
-#endif
-        if (!error_) error_ = ::posix_spawnattr_setflags(&attr_, flags);
-    }
-    ~SpawnSetup() {
-        ::posix_spawn_file_actions_destroy(&actions_);
-        ::posix_spawnattr_destroy(&attr_);
-    }
-    SpawnSetup(const SpawnSetup&) = delete;
-    SpawnSetup& operator=(const SpawnSetup&) = delete;
+    if (pid == 0) exec_child(plan);
+    return pid;
+}
 
-    int error() const noexcept { return error_; }
-    int spawn(pid_t* pid, const char* path, char* const* argv) {
-        return ::posix_spawn(pid, path, &actions_, &attr_, argv, environment());
-    }
-
-private:
-    posix_spawn_file_actions_t actions_;
-    posix_spawnattr_t attr_;
-    int error_ = 0;
-};
+// The pointers of `strings`, null-terminated.
+std::vector<char*> c_strings(const std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    pointers.reserve(strings.size() + 1);
+    for (const std::string& s : strings) pointers.push_back(const_cast<char*>(s.c_str()));
+    pointers.push_back(nullptr);
+    return pointers;
+}
 
 }  // namespace
+
+int make_output_pipes(OutputPipes& pipes) noexcept {
+    if (const int error = make_pipe(pipes.out_read, pipes.out_write)) return error;
+    return make_pipe(pipes.err_read, pipes.err_write);
+}
 
 Child::Child(Child&& o) noexcept { *this = std::move(o); }
 
@@ -247,9 +304,10 @@ Child& Child::operator=(Child&& o) noexcept {
     if (this != &o) {
         close_all();
         pid_ = std::exchange(o.pid_, -1);
-        out_fd_ = std::exchange(o.out_fd_, -1);
-        err_fd_ = std::exchange(o.err_fd_, -1);
-        pid_fd_ = std::exchange(o.pid_fd_, -1);
+        slot_ = std::exchange(o.slot_, nullptr);
+        out_ = std::move(o.out_);
+        err_ = std::move(o.err_);
+        pid_fd_ = std::move(o.pid_fd_);
         failure_ = o.failure_;
         error_ = o.error_;
     }
@@ -259,7 +317,7 @@ Child& Child::operator=(Child&& o) noexcept {
 Child::~Child() { close_all(); }
 
 void Child::forget_pid() noexcept {
-    live_children.remove(pid_);
+    if (slot_ != nullptr) std::exchange(slot_, nullptr)->release();
     pid_ = -1;
 }
 
@@ -273,90 +331,65 @@ void Child::close_all() noexcept {
         ::kill(pid_, SIGKILL);
         int status = 0;
         reap(pid_, status);
-        forget_pid();
     }
-    close_fd(out_fd_);
-    close_fd(err_fd_);
-    close_fd(pid_fd_);
+    forget_pid();
+    out_.reset();
+    err_.reset();
+    pid_fd_.reset();
 }
 
-Child start(const SpawnSpec& spec) {
+Child start(const SpawnSpec& spec, OutputPipes pipes) {
     Child child;
-    auto fail = [&child](StartFailure what, int err) {
-        child.failure_ = what;
-        child.error_ = err;
-        return std::move(child);
-    };
+    const std::vector<char*> argv = c_strings(spec.argv);
+    const std::vector<char*> candidates = c_strings(spec.candidates);
+    child.slot_ = live_children.take();
 
-    // The interpreter's spawner changes directory in the child and reports a
-    // refusal against the directory; checking here gives the same errors.
-    int cwd_fd = ::open(spec.cwd.c_str(), kDirectoryOpen);
-    if (cwd_fd < 0) return fail(StartFailure::cwd, errno);
-    // With standard output or error closed in the host, the directory would
-    // take that number, and the child's dup2 of a pipe onto it would replace
-    // the directory before the change into it.
-    cwd_fd = above_stdio(cwd_fd);
-    if (cwd_fd < 0) return fail(StartFailure::system, errno);
-    if (::faccessat(AT_FDCWD, spec.cwd.c_str(), X_OK, AT_EACCESS) != 0) {
-        const int err = errno;
-        ::close(cwd_fd);
-        return fail(StartFailure::cwd, err);
+    Fd report_read, report_write;
+    if (const int error = make_pipe(report_read, report_write)) {
+        child.failure_ = StartFailure::system;
+        child.error_ = error;
+        return child;
     }
-
-    int out[2] = {-1, -1};
-    int err[2] = {-1, -1};
-    if (!make_pipe(out) || !make_pipe(err)) {
-        const int e = errno;
-        ::close(cwd_fd);
-        close_fd(out[0]);
-        close_fd(out[1]);
-        return fail(StartFailure::system, e);
-    }
-
-    std::vector<char*> argv;
-    argv.reserve(spec.argv.size() + 1);
-    for (const std::string& a : spec.argv) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-
-    int first_error = 0;
-    int last_error = ENOENT;
-    pid_t pid = -1;
-    {
-        SpawnSetup setup(out[1], err[1], cwd_fd);
-        if (setup.error()) {
-            first_error = setup.error();
-        } else {
-            for (const std::string& candidate : spec.candidates) {
-                // A candidate that does not exist would fail exec with the same
-                // error; skipping it saves a process start per PATH entry.
-                struct stat st;
-                if (::fstatat(cwd_fd, candidate.c_str(), &st, 0) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
-                    last_error = errno;
-                    continue;
-                }
-                const int rc = setup.spawn(&pid, candidate.c_str(), argv.data());
-                if (rc == 0) break;
-                pid = -1;
-                last_error = rc;
-                if (rc != ENOENT && rc != ENOTDIR && first_error == 0) first_error = rc;
-            }
-        }
-    }
-    ::close(cwd_fd);
-    close_fd(out[1]);
-    close_fd(err[1]);
+    const long open_max = ::sysconf(_SC_OPEN_MAX);
+    sigset_t all, mask;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_BLOCK, &all, &mask);
+    const ChildPlan plan{argv.data(),     candidates.data(), spec.cwd.c_str(),
+                         environment(),   pipes.out_write.get(), pipes.err_write.get(),
+                         report_write.get(), open_max > 0 && open_max < (1L << 30) ? static_cast<int>(open_max) : 256,
+                         &mask};
+    const pid_t pid = fork_child(plan);
+    const int fork_error = errno;
+    ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    report_write.reset();
+    pipes.out_write.reset();
+    pipes.err_write.reset();
     if (pid < 0) {
-        close_fd(out[0]);
-        close_fd(err[0]);
-        return fail(StartFailure::program, first_error ? first_error : last_error);
+        child.failure_ = StartFailure::system;
+        child.error_ = fork_error;
+        return child;
     }
     child.pid_ = pid;
-    live_children.add(pid);
-    child.out_fd_ = out[0];
-    child.err_fd_ = err[0];
+    child.slot_->hold(pid);
+
+    // The child has exec'd or exited by now; a report means it failed.
+    ChildReport report{};
+    ssize_t got;
+    while ((got = ::read(report_read.get(), &report, sizeof report)) < 0 && errno == EINTR) {
+    }
+    if (got == static_cast<ssize_t>(sizeof report)) {
+        int status = 0;
+        reap(pid, status);
+        child.forget_pid();
+        child.failure_ = report.stage;
+        child.error_ = report.error;
+        return child;
+    }
+    child.out_ = std::move(pipes.out_read);
+    child.err_ = std::move(pipes.err_read);
     // Opened now, while git starts up, rather than after its output ended:
     // then the wait for its exit costs one poll.
-    child.pid_fd_ = open_pid_fd(pid);
+    child.pid_fd_ = Fd(open_pid_fd(pid));
     return child;
 }
 
@@ -382,7 +415,7 @@ struct Waiter {
         return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
     }
     bool expired() const { return has_deadline && Clock::now() >= deadline; }
-    bool interrupted() const { return interrupt.check && interrupt.check(interrupt.context); }
+    bool interrupted() const { return interrupt.check && interrupt.check(interrupt.context) < 0; }
 
     // The time-out, checked on every pass as the interpreter's own wait does,
     // and the signals, once their check is due.
@@ -403,7 +436,7 @@ struct Waiter {
         return f;
     }
 
-    static void drain_one(int& fd, ByteBuffer& into) {
+    static void drain_one(Fd& fd, ByteBuffer& into) {
         // Larger reads as the output grows keep the number of calls low.
         std::size_t chunk = into.size() / 4;
         if (chunk < 65536) chunk = 65536;
@@ -411,31 +444,31 @@ struct Waiter {
         // Grow only when little room is left: a short output then stays in
         // its first allocation instead of doubling it on the second read.
         if (into.tail_room() < 4096) into.reserve_tail(chunk);
-        const ssize_t n = ::read(fd, into.data() + into.size(), into.tail_room());
+        const ssize_t n = ::read(fd.get(), into.data() + into.size(), into.tail_room());
         if (n > 0) {
             into.commit(static_cast<std::size_t>(n));
         } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
-            close_fd(fd);
+            fd.reset();
         }
     }
 
     Finished run() {
         Finished result;
-        while (child.out_fd_ >= 0 || child.err_fd_ >= 0) {
+        while (child.out_ || child.err_) {
             if (const std::optional<Outcome> stop_now = due()) return stop(*stop_now);
             pollfd fds[2];
             ByteBuffer* sinks[2] = {};
-            int* owners[2] = {};
+            Fd* owners[2] = {};
             nfds_t n = 0;
-            if (child.out_fd_ >= 0) {
-                fds[n] = {child.out_fd_, POLLIN, 0};
+            if (child.out_) {
+                fds[n] = {child.out_.get(), POLLIN, 0};
                 sinks[n] = &result.out;
-                owners[n++] = &child.out_fd_;
+                owners[n++] = &child.out_;
             }
-            if (child.err_fd_ >= 0) {
-                fds[n] = {child.err_fd_, POLLIN, 0};
+            if (child.err_) {
+                fds[n] = {child.err_.get(), POLLIN, 0};
                 sinks[n] = &result.err;
-                owners[n++] = &child.err_fd_;
+                owners[n++] = &child.err_;
             }
             const int ready = ::poll(fds, n, poll_ms());
             if (ready < 0) {
@@ -473,15 +506,15 @@ struct Waiter {
                 return Outcome::interrupted;
             }
         }
-        close_fd(child.pid_fd_);
+        child.pid_fd_.reset();
         return Outcome::exited;
     }
 
     // Waits, up to the deadline, until the child has exited (or is reaped).
     Outcome wait_for_exit() {
-        while (child.pid_fd_ >= 0) {
+        while (child.pid_fd_) {
             if (const std::optional<Outcome> stop_now = due()) return *stop_now;
-            pollfd fd{child.pid_fd_, POLLIN, 0};
+            pollfd fd{child.pid_fd_.get(), POLLIN, 0};
             const int ready = ::poll(&fd, 1, poll_ms());
             if (ready > 0) return Outcome::exited;
             if (ready == 0) {

@@ -2,22 +2,53 @@
 // with a time limit. Plain POSIX, no interpreter: the binding layer releases
 // its lock around these calls and maps the outcomes to its own results.
 //
-// The child gets: standard output and standard error on two pipes of their
-// own, standard input and the environment inherited, the working directory
-// changed, every other descriptor closed, SIGPIPE and SIGXFSZ back at their
-// default action, the signal mask inherited, and a session (so a process
+// The start follows the interpreter's own spawner step for step, so that a
+// kernel, sandbox or limit that refuses a step refuses it to both alike and
+// the two fail the same way: the output pipes, then (after the caller's
+// audit event) an error pipe and vfork; in the child dup2 onto 1 and 2, the
+// working directory entered, SIGPIPE and SIGXFSZ back at their default
+// action, caught signals reset, the signal mask restored, every descriptor
+// from 3 up closed (close_range, else by the list in /proc/self/fd, else one
+// by one), and execve along the candidates; a failure in the child comes
+// back through the error pipe. Standard input and the environment are
+// inherited.
+//
+// Beyond the interpreter's steps the child starts a session (so a process
 // group) of its own, led by the child: what it starts joins that group
 // unless it leaves it, and a child given up on is killed with its group.
+// Where the session is refused, git stays in the host's group and is killed
+// alone. The parent waits on a process descriptor where the kernel gives
+// one, and polls waitpid otherwise.
 #pragma once
 
 #include <sys/types.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/byte_buffer.hpp"
 
 namespace gu::core {
+
+// An owned descriptor: closed when dropped.
+class Fd {
+public:
+    Fd() noexcept = default;
+    explicit Fd(int fd) noexcept : fd_(fd) {}
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    Fd(Fd&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
+    Fd& operator=(Fd&& o) noexcept;
+    ~Fd() { reset(); }
+
+    int get() const noexcept { return fd_; }
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+    void reset() noexcept;
+
+private:
+    int fd_ = -1;
+};
 
 struct SpawnSpec {
     std::vector<std::string> argv;        // argv[0] is the program name as given
@@ -25,12 +56,23 @@ struct SpawnSpec {
     std::string cwd;                      // the child's working directory
 };
 
+// The pipes of the child's standard output and error, made before the start
+// as the interpreter makes them before its audit event.
+struct OutputPipes {
+    Fd out_read, out_write, err_read, err_write;
+};
+
+// 0, or the errno of the pipe that could not be made.
+int make_output_pipes(OutputPipes& pipes) noexcept;
+
 enum class StartFailure {
     none,
-    cwd,      // the working directory can't be entered; `error` tells why
+    cwd,      // the child failed before exec: the interpreter reports that against the working directory
     program,  // no candidate could be executed; `error` tells why
-    system,   // pipes or spawn attributes could not be made
+    system,   // the error pipe or the process could not be made
 };
+
+class LiveSlot;
 
 // A started child and the read ends of its two pipes. Destroying a child
 // that was never waited for kills its group and reaps it.
@@ -47,15 +89,16 @@ public:
     int error() const noexcept { return error_; }
 
 private:
-    friend Child start(const SpawnSpec& spec);
+    friend Child start(const SpawnSpec& spec, OutputPipes pipes);
     friend struct Waiter;
     void close_all() noexcept;
     void forget_pid() noexcept;  // reaped: off the table of live children
 
     pid_t pid_ = -1;
-    int out_fd_ = -1;
-    int err_fd_ = -1;
-    int pid_fd_ = -1;  // to wait for the exit with a time limit, where the kernel offers it
+    LiveSlot* slot_ = nullptr;  // its entry in the table of live children
+    Fd out_;
+    Fd err_;
+    Fd pid_fd_;  // to wait for the exit with a time limit, where the kernel offers it
     StartFailure failure_ = StartFailure::none;
     int error_ = 0;
 };
@@ -63,13 +106,15 @@ private:
 // Starts argv[0] from the first candidate that can be executed, as the
 // interpreter's own spawner searches PATH: a candidate that does not exist
 // (ENOENT, ENOTDIR) is passed over; otherwise the first error is reported,
-// or the last one when every candidate was missing.
-Child start(const SpawnSpec& spec);
+// or the last one when every candidate was missing. The pipes' write ends
+// go to the child; their read ends stay with the returned child.
+Child start(const SpawnSpec& spec, OutputPipes pipes);
 
-// Asked when a signal interrupts the wait; true stops the wait (the child's
-// group is then killed and the child reaped).
+// Asked when a signal interrupts the wait, and now and then in between:
+// -1 stops the wait (the child's group is then killed and the child reaped;
+// whatever the check reported stays with its caller), 0 goes on.
 struct Interrupt {
-    bool (*check)(void* context) = nullptr;
+    int (*check)(void* context) = nullptr;
     void* context = nullptr;
 };
 

@@ -17,3 +17,4 @@ void test_token_stream();
 void test_file_records_in_every_unit_width();
 void test_commit_log();
 void test_utf8_shapes();
+void test_spawn();

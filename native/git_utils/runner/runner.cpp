@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "core/line_ends.hpp"
@@ -20,6 +21,16 @@ namespace gu {
 const char* const kGitErrorDoc = "A git command failed; the message carries what git said.";
 
 namespace {
+
+// One run of git as run_git_command makes it: what the call was given and
+// what Python code would have made of it, passed whole down the run.
+struct RunRequest {
+    PyObject* module;
+    PyObject* args;     // the caller's list, as the log lines show it
+    PyObject* argv;     // ["git"] + args
+    PyObject* cwd;      // str(repo_root)
+    PyObject* timeout;  // as given, as the time-out's log line shows it
+};
 
 // Seconds the native wait uses; larger limits go to subprocess.run, whose
 // own handling of them (and of odd values) is the reference.
@@ -42,23 +53,24 @@ int log(PyObject* module, LogLevel level, const char* format, std::initializer_l
     return log_line(module, level, "run_git_command", format, values);
 }
 
-Ref timed_out(PyObject* module, PyObject* args, PyObject* timeout) {
-    if (log(module, LogLevel::warning, "git command timed out after %ss: args=%s", {timeout, args}) < 0)
+Ref timed_out(const RunRequest& run) {
+    if (log(run.module, LogLevel::warning, "git command timed out after %ss: args=%s", {run.timeout, run.args}) < 0)
         return Ref();
     return substitute("Command timed out");
 }
 
-Ref not_found(PyObject* module, PyObject* args) {
-    if (log(module, LogLevel::warning, "git executable not found while running args=%s", {args}) < 0)
+Ref not_found(const RunRequest& run) {
+    if (log(run.module, LogLevel::warning, "git executable not found while running args=%s", {run.args}) < 0)
         return Ref();
     return substitute("git not found");
 }
 
 // The debug line of a git that exited with a non-zero code.
-int log_failure(PyObject* module, PyObject* args, PyObject* code, PyObject* err) {
-    Ref stripped = Ref::steal(PyObject_CallMethodNoArgs(err, state_of(module)->str_strip));
+int log_failure(const RunRequest& run, PyObject* code, PyObject* err) {
+    Ref stripped = Ref::steal(PyObject_CallMethodNoArgs(err, state_of(run.module)->str_strip));
     if (!stripped) return -1;
-    return log(module, LogLevel::debug, "git command failed: args=%s rc=%s stderr=%s", {args, code, stripped.get()});
+    return log(run.module, LogLevel::debug, "git command failed: args=%s rc=%s stderr=%s",
+               {run.args, code, stripped.get()});
 }
 
 // What the interpreter names a callable in its call errors: "subprocess.run()".
@@ -116,12 +128,11 @@ int merge_options(PyObject* callee, PyObject* kwargs, PyObject* options) {
 // subprocess.run(argv, cwd=cwd, capture_output=True, encoding="utf-8",
 // errors="replace", timeout=timeout, **options), and what the runner makes
 // of its result or of a time-out or missing git.
-Ref run_through_subprocess(PyObject* module, PyObject* subprocess, PyObject* run, PyObject* argv,
-                                 PyObject* cwd, PyObject* timeout, PyObject* options, PyObject* args) {
-    Ref kwargs = Ref::steal(Py_BuildValue("{s:O,s:O,s:s,s:s,s:O}", "cwd", cwd, "capture_output", Py_True, "encoding",
-                                          "utf-8", "errors", "replace", "timeout", timeout));
+Ref run_through_subprocess(const RunRequest& request, PyObject* subprocess, PyObject* run, PyObject* options) {
+    Ref kwargs = Ref::steal(Py_BuildValue("{s:O,s:O,s:s,s:s,s:O}", "cwd", request.cwd, "capture_output", Py_True,
+                                          "encoding", "utf-8", "errors", "replace", "timeout", request.timeout));
     if (!kwargs || merge_options(run, kwargs.get(), options) < 0) return Ref();
-    Ref call_args = Ref::steal(PyTuple_Pack(1, argv));
+    Ref call_args = Ref::steal(PyTuple_Pack(1, request.argv));
     if (!call_args) return Ref();
     Ref result = Ref::steal(PyObject_Call(run, call_args.get(), kwargs.get()));
     if (!result) {
@@ -129,8 +140,8 @@ Ref run_through_subprocess(PyObject* module, PyObject* subprocess, PyObject* run
         // A failing lookup replaces the pending error, as a failing except clause does.
         Ref expired = Ref::steal(PyObject_GetAttrString(subprocess, "TimeoutExpired"));
         if (!expired) return Ref();
-        if (PyErr_GivenExceptionMatches(pending.get(), expired.get())) return timed_out(module, args, timeout);
-        if (PyErr_GivenExceptionMatches(pending.get(), PyExc_FileNotFoundError)) return not_found(module, args);
+        if (PyErr_GivenExceptionMatches(pending.get(), expired.get())) return timed_out(request);
+        if (PyErr_GivenExceptionMatches(pending.get(), PyExc_FileNotFoundError)) return not_found(request);
         PyErr_SetRaisedException(pending.release());
         return Ref();
     }
@@ -139,7 +150,7 @@ Ref run_through_subprocess(PyObject* module, PyObject* subprocess, PyObject* run
     Ref err = Ref::steal(PyObject_GetAttrString(result.get(), "stderr"));
     if (!code || !out || !err) return Ref();
     const int failed = code_compare(code.get(), Py_NE);
-    if (failed < 0 || (failed && log_failure(module, args, code.get(), err.get()) < 0)) return Ref();
+    if (failed < 0 || (failed && log_failure(request, code.get(), err.get()) < 0)) return Ref();
     return git_triple(out.get(), err.get(), code.get());
 }
 
@@ -163,55 +174,43 @@ int fs_bytes(PyObject* text_obj, std::string& out) {
     return 1;
 }
 
-bool plain_timeout(PyObject* timeout, double& seconds) {
+// The time-out in seconds when it is a plain, positive int or float that the
+// native wait handles; nothing otherwise.
+std::optional<double> plain_timeout(PyObject* timeout) {
     if (PyLong_CheckExact(timeout)) {
         int overflow = 0;
         const long long v = PyLong_AsLongLongAndOverflow(timeout, &overflow);
-        if (overflow || v <= 0 || static_cast<double>(v) > kMaxNativeTimeout) return false;
-        seconds = static_cast<double>(v);
-        return true;
+        if (overflow || v <= 0 || static_cast<double>(v) > kMaxNativeTimeout) return std::nullopt;
+        return static_cast<double>(v);
     }
     if (PyFloat_CheckExact(timeout)) {
         const double v = PyFloat_AS_DOUBLE(timeout);
-        if (!(v > 0 && v <= kMaxNativeTimeout)) return false;
-        seconds = v;
-        return true;
+        if (!(v > 0 && v <= kMaxNativeTimeout)) return std::nullopt;
+        return v;
     }
-    return false;
+    return std::nullopt;
 }
 
 // The bytes of PATH as os.get_exec_path() would return them, read straight
 // from the byte dict behind os.environ while that is still the os module's
 // own _Environ. The function itself runs under warnings.catch_warnings(),
 // which costs some 20 microseconds per run among process starts (cold
-// caches); the dict gives the same bytes. False when the shortcut does not
+// caches); the dict gives the same bytes. Nothing when the shortcut does not
 // apply (os.environ replaced, PATH unset): then the function is called.
-bool environ_path(PyObject* get_exec_path, std::string& out) {
-    if (!PyFunction_Check(get_exec_path)) return false;
+std::optional<std::string> environ_path(PyObject* get_exec_path) {
+    if (!PyFunction_Check(get_exec_path)) return std::nullopt;
     PyObject* os_dict = PyFunction_GET_GLOBALS(get_exec_path);
-    Ref environ_obj, environ_type;
-    if (dict_get(os_dict, "environ", environ_obj) <= 0 || dict_get(os_dict, "_Environ", environ_type) <= 0 ||
-        reinterpret_cast<PyObject*>(Py_TYPE(environ_obj.get())) != environ_type.get()) {
+    Ref environ_obj, environ_type, data, key, value;
+    const bool found = dict_get(os_dict, "environ", environ_obj) > 0 && dict_get(os_dict, "_Environ", environ_type) > 0 &&
+                       reinterpret_cast<PyObject*>(Py_TYPE(environ_obj.get())) == environ_type.get() &&
+                       (data = Ref::steal(PyObject_GetAttrString(environ_obj.get(), "_data"))) &&
+                       PyDict_CheckExact(data.get()) && (key = Ref::steal(PyBytes_FromStringAndSize("PATH", 4))) &&
+                       dict_get(data.get(), key.get(), value) > 0 && PyBytes_CheckExact(value.get());
+    if (!found) {
         PyErr_Clear();
-        return false;
+        return std::nullopt;
     }
-    Ref data = Ref::steal(PyObject_GetAttrString(environ_obj.get(), "_data"));
-    if (!data || !PyDict_CheckExact(data.get())) {
-        PyErr_Clear();
-        return false;
-    }
-    Ref key = Ref::steal(PyBytes_FromStringAndSize("PATH", 4));
-    if (!key) {
-        PyErr_Clear();
-        return false;
-    }
-    Ref value;
-    if (dict_get(data.get(), key.get(), value) <= 0 || !PyBytes_CheckExact(value.get())) {
-        PyErr_Clear();
-        return false;
-    }
-    out.assign(PyBytes_AS_STRING(value.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(value.get())));
-    return true;
+    return std::string(PyBytes_AS_STRING(value.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(value.get())));
 }
 
 // os.path.join(dir, program) for each directory of the search path.
@@ -230,14 +229,13 @@ int prepare(const ModuleState* st, PyObject* argv, PyObject* cwd, core::SpawnSpe
         if (const int plain = fs_bytes(PyList_GET_ITEM(argv, i), spec.argv[static_cast<std::size_t>(i)]); plain <= 0)
             return plain;
     if (const int plain = fs_bytes(cwd, spec.cwd); plain <= 0) return plain;
-    std::string path;
-    if (environ_path(st->os_get_exec_path, path)) {
+    if (const std::optional<std::string> path = environ_path(st->os_get_exec_path)) {
         // path.split(os.pathsep), on the bytes: ':' never occurs inside a
         // multi-byte character of the file system encoding.
         std::size_t from = 0;
-        for (std::size_t colon; (colon = path.find(':', from)) != std::string::npos; from = colon + 1)
-            add_candidate(spec, path.substr(from, colon - from));
-        add_candidate(spec, path.substr(from));
+        for (std::size_t colon; (colon = path->find(':', from)) != std::string::npos; from = colon + 1)
+            add_candidate(spec, path->substr(from, colon - from));
+        add_candidate(spec, path->substr(from));
         return 1;
     }
     Ref dirs = call(st->os_get_exec_path);
@@ -253,11 +251,11 @@ int prepare(const ModuleState* st, PyObject* argv, PyObject* cwd, core::SpawnSpe
 }
 
 // A signal interrupted the wait: run the interpreter's handlers, with the
-// lock taken back for the moment; a handler that raised (Ctrl-C) stops the
-// wait, and the exception propagates.
-bool check_signals(void* saved) {
+// lock taken back for the moment; -1 when a handler raised (Ctrl-C): the
+// wait stops, and the exception propagates.
+int check_signals(void* saved) {
     Relock lock(*static_cast<PyThreadState**>(saved));
-    return PyErr_CheckSignals() < 0;
+    return PyErr_CheckSignals();
 }
 
 Ref decode(core::ByteBuffer& bytes) {
@@ -273,11 +271,29 @@ Ref raise_errno(int err, PyObject* filename) {
                                : PyErr_SetFromErrno(PyExc_OSError));
 }
 
+#endif
+
+// What a run gives its caller: git's triple, or, for a caller that parses
+// stdout itself, that stdout left in the caller's buffer as bytes (git ran
+// natively and exited with 0). Neither: an exception is set.
+struct RunResult {
+    Ref triple;
+    bool captured = false;
+    explicit operator bool() const { return captured || triple; }
+};
+
+#ifndef _WIN32
+
 // Spawns git natively with the interpreter's lock released: the same
 // triple, exceptions and log lines as the subprocess.run path.
-Ref run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObject* argv, PyObject* cwd,
-                       PyObject* timeout, PyObject* args, core::ByteBuffer* capture) {
-    if (PySys_Audit("subprocess.Popen", "OOOO", PyList_GET_ITEM(argv, 0), argv, cwd, Py_None) < 0) return Ref();
+RunResult run_natively(const RunRequest& run, const core::SpawnSpec& spec, double seconds,
+                       core::ByteBuffer* capture) {
+    // The output pipes, then the audit event, in the interpreter's order:
+    // a full descriptor table or a refusing hook stops both paths alike.
+    core::OutputPipes pipes;
+    if (const int pipe_error = core::make_output_pipes(pipes)) return {raise_errno(pipe_error, nullptr)};
+    PyObject* program = PyList_GET_ITEM(run.argv, 0);
+    if (PySys_Audit("subprocess.Popen", "OOOO", program, run.argv, run.cwd, Py_None) < 0) return {};
     // The child lives inside the unlocked work, so that however the work
     // ends (an allocation failure, the thread ended at exit) git is killed
     // and reaped before anything else happens.
@@ -285,7 +301,7 @@ Ref run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObje
     int error = 0;
     core::Finished done;
     run_unlocked([&](PyThreadState*& saved) {
-        core::Child child = core::start(spec);
+        core::Child child = core::start(spec, std::move(pipes));
         failure = child.failure();
         error = child.error();
         if (failure == core::StartFailure::none) done = core::finish(child, seconds, core::Interrupt{check_signals, &saved});
@@ -295,87 +311,81 @@ Ref run_natively(PyObject* module, core::SpawnSpec& spec, double seconds, PyObje
         case core::StartFailure::none:
             break;
         case core::StartFailure::cwd:
-            if (error == ENOENT) return not_found(module, args);
-            return raise_errno(error, cwd);
+            return {error == ENOENT ? not_found(run) : raise_errno(error, run.cwd)};
         case core::StartFailure::program:
-            if (error == ENOENT) return not_found(module, args);
-            return raise_errno(error, PyList_GET_ITEM(argv, 0));
+            return {error == ENOENT ? not_found(run) : raise_errno(error, program)};
         case core::StartFailure::system:
-            return raise_errno(error, nullptr);
+            return {raise_errno(error, nullptr)};
     }
     switch (done.outcome) {
         case core::Outcome::exited:
             break;
         case core::Outcome::timed_out:
-            return timed_out(module, args, timeout);
+            return {timed_out(run)};
         case core::Outcome::interrupted:
             if (!PyErr_Occurred()) PyErr_SetString(PyExc_OSError, "waiting for git failed");
-            return Ref();
+            return {};
     }
     if (capture != nullptr && done.returncode == 0) {
         done.out.resize_down(core::normalize_line_ends(done.out.data(), done.out.size()));
         *capture = std::move(done.out);
-        return Ref::borrow(Py_None);
+        return {Ref(), true};
     }
     Ref out = decode(done.out);
-    if (!out) return Ref();
+    if (!out) return {};
     Ref err = decode(done.err);
     Ref code = Ref::steal(PyLong_FromLong(done.returncode));
-    if (!err || !code) return Ref();
-    if (done.returncode != 0 && log_failure(module, args, code.get(), err.get()) < 0) return Ref();
-    return git_triple(out.get(), err.get(), code.get());
+    if (!err || !code) return {};
+    if (done.returncode != 0 && log_failure(run, code.get(), err.get()) < 0) return {};
+    return {git_triple(out.get(), err.get(), code.get())};
 }
 
 // The native spawn, declined when some input is not plain: the
 // subprocess.run path then gives the interpreter's own behaviour.
-Native spawn_natively(PyObject* module, double seconds, PyObject* argv, PyObject* cwd, PyObject* timeout,
-                      PyObject* args, core::ByteBuffer* capture) {
+std::optional<RunResult> spawn_natively(const RunRequest& run, double seconds, core::ByteBuffer* capture) {
     core::SpawnSpec spec;
-    const int ready = prepare(state_of(module), argv, cwd, spec);
-    if (ready == 0) return declined;
-    if (ready < 0) return Ref();
-    return run_natively(module, spec, seconds, argv, cwd, timeout, args, capture);
+    const int ready = prepare(state_of(run.module), run.argv, run.cwd, spec);
+    if (ready == 0) return std::nullopt;
+    if (ready < 0) return RunResult{};
+    return run_natively(run, spec, seconds, capture);
 }
 
 #endif
 
 // run_git_command, and for a caller that parses stdout itself (`capture`
 // given): when git runs natively and exits with 0, stdout is left in
-// `capture` as bytes with line ends normalised, not decoded, and the result
-// is None instead of the triple.
-Ref run_command(PyObject* module, PyObject* repo_root, PyObject* args, PyObject* timeout,
-                  [[maybe_unused]] core::ByteBuffer* capture) {
+// `capture` as bytes with line ends normalised, not decoded.
+RunResult run_command(PyObject* module, PyObject* repo_root, PyObject* args, PyObject* timeout,
+                      [[maybe_unused]] core::ByteBuffer* capture) {
     ModuleState* st = state_of(module);
 
     // The order in which Python code would evaluate the call's parts.
     Ref subprocess = lookup(module, Name::subprocess);
-    if (!subprocess) return Ref();
+    if (!subprocess) return {};
     Ref run = Ref::steal(PyObject_GetAttr(subprocess.get(), st->str_run));
-    if (!run) return Ref();
+    if (!run) return {};
     Ref prefix = arg_list({"git"});
-    if (!prefix) return Ref();
+    if (!prefix) return {};
     Ref argv = Ref::steal(PyNumber_Add(prefix.get(), args));
-    if (!argv) return Ref();
+    if (!argv) return {};
     Ref cwd = Ref::steal(PyObject_Str(repo_root));
-    if (!cwd) return Ref();
+    if (!cwd) return {};
     Ref options = call_name(module, Name::get_subprocess_hidden_kwargs);
-    if (!options) return Ref();
+    if (!options) return {};
+    const RunRequest request{module, args, argv.get(), cwd.get(), timeout};
 
 #ifndef _WIN32
-    double seconds = 0;
     if (is_original(st, Name::subprocess, subprocess.get()) && allowed_for(st, FastPath::spawn, run.get()) &&
-        PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 &&
-        PyList_CheckExact(argv.get()) && plain_timeout(timeout, seconds)) {
-        if (Native done = spawn_natively(module, seconds, argv.get(), cwd.get(), timeout, args, capture))
-            return std::move(*done);
+        PyDict_CheckExact(options.get()) && PyDict_GET_SIZE(options.get()) == 0 && PyList_CheckExact(argv.get())) {
+        if (const std::optional<double> seconds = plain_timeout(timeout))
+            if (std::optional<RunResult> done = spawn_natively(request, *seconds, capture)) return std::move(*done);
     }
 #endif
-    return run_through_subprocess(module, subprocess.get(), run.get(), argv.get(), cwd.get(), timeout,
-                                  options.get(), args);
+    return {run_through_subprocess(request, subprocess.get(), run.get(), options.get())};
 }
 
 PyObject* run_git_command(PyObject* module, PyObject* const* a) {
-    return run_command(module, a[0], a[1], a[2], nullptr).release();
+    return run_command(module, a[0], a[1], a[2], nullptr).triple.release();
 }
 
 // What _git_output makes of the runner's result: stdout, or GitError.
@@ -406,11 +416,12 @@ PyObject* git_output(PyObject* module, PyObject* const* a) {
     return result ? output_or_error(module, result.get()).release() : nullptr;
 }
 
-// The time-out run_git_command(repo_root, args) runs with: its last default.
-Ref default_timeout(PyObject* run_git_command) {
+// The time-out run_git_command(repo_root, args) runs with: its last default;
+// declined when it has none (the call would then fail as Python's does).
+Native default_timeout(PyObject* run_git_command) {
     Ref defaults = Ref::steal(PyObject_GetAttrString(run_git_command, "__defaults__"));
     if (!defaults) return Ref();
-    if (!PyTuple_Check(defaults.get()) || PyTuple_GET_SIZE(defaults.get()) == 0) return Ref::borrow(Py_None);
+    if (!PyTuple_Check(defaults.get()) || PyTuple_GET_SIZE(defaults.get()) == 0) return declined;
     return Ref::borrow(PyTuple_GET_ITEM(defaults.get(), PyTuple_GET_SIZE(defaults.get()) - 1));
 }
 
@@ -498,14 +509,14 @@ int git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args,
     if (is_original(st, Name::_git_output, strict.get())) {
         Ref lenient = lookup(module, Name::run_git_command);
         if (!lenient) return -1;
-        Ref timeout = is_original(st, Name::run_git_command, lenient.get()) ? default_timeout(lenient.get())
-                                                                            : Ref::borrow(Py_None);
-        if (!timeout) return -1;
-        if (timeout.get() != Py_None) {
-            Ref result = run_command(module, repo_root, args, timeout.get(), &out.bytes);
+        Native timeout = is_original(st, Name::run_git_command, lenient.get()) ? default_timeout(lenient.get())
+                                                                               : declined;
+        if (timeout && !*timeout) return -1;
+        if (timeout) {
+            RunResult result = run_command(module, repo_root, args, timeout->get(), &out.bytes);
             if (!result) return -1;
-            out.is_bytes = result.get() == Py_None;
-            if (!out.is_bytes) out.text = output_or_error(module, result.get());
+            out.is_bytes = result.captured;
+            if (!out.is_bytes) out.text = output_or_error(module, result.triple.get());
             return out.is_bytes || out.text ? 0 : -1;
         }
     }
