@@ -123,7 +123,8 @@ elif kind == "no-proc":  # no /proc, and close_range refused with ENOSYS
     without_proc()
     seccomp_refuse(["close_range"], errno.ENOSYS)
 elif kind == "fds":  # fds:K; the table is filled around each call: the import and OUT need descriptors
-    resource.setrlimit(resource.RLIMIT_NOFILE, (64, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (64 if hard == resource.RLIM_INFINITY else min(64, hard), hard))
     around_each_call = lambda: free_descriptors(int(detail))  # noqa: E731
 elif kind not in ("free", "reload"):
     raise SystemExit(f"unknown case {case}")
