@@ -9,6 +9,7 @@
 #include "git_utils/changes/file_changes.hpp"
 #include "git_utils/changes/line_spans.hpp"
 #include "git_utils/changes/scan_text.hpp"
+#include "git_utils/runner/command_line.hpp"
 #include "git_utils/runner/revisions.hpp"
 #include "git_utils/runner/runner.hpp"
 

@@ -147,6 +147,8 @@ int record_guard(PyObject* module, GuardBuilder& guard, Record kind) {
 // through. The instance comes from the class's tp_alloc, as object.__new__
 // makes it, without the argument tuple and the checks that __new__ makes for
 // arguments the class never gets here.
+namespace {
+
 Ref fill_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
     PyObject* fields = st->record_fields[static_cast<int>(kind)];
     const Py_ssize_t n = PyTuple_GET_SIZE(fields);
@@ -177,8 +179,25 @@ Ref fill_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* con
     return obj;
 }
 
-Ref make_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
-    return allowed_for(st, fast_path_of(kind), cls) ? fill_record(st, kind, cls, values) : call_record(st, kind, cls, values);
+}  // namespace
+
+RecordMaker::RecordMaker(PyObject* module, Record kind)
+    : st_(state_of(module)), kind_(kind), cls_(module, kRecords[static_cast<int>(kind)].name) {}
+
+bool RecordMaker::fills() const {
+    return settled_ ? fills_settled_ : cls_.as_loaded() && allowed(st_, fast_path_of(kind_));
+}
+
+bool RecordMaker::settle() {
+    fills_settled_ = fills();
+    settled_ = true;
+    return fills_settled_;
+}
+
+Ref RecordMaker::make(PyObject* const* values) {
+    PyObject* cls = cls_.get();
+    if (cls == nullptr) return Ref();
+    return fills() ? fill_record(st_, kind_, cls, values) : call_record(st_, kind_, cls, values);
 }
 
 }  // namespace gu

@@ -230,15 +230,15 @@ constexpr unsigned long long kMaxNativeCount = 10'000'000'000'000ULL;
 // a longer count, leading zeros and all, goes through int() and its limit.
 constexpr std::size_t kDigitsBelowAnyLimit = 640;
 
-// localtime_r as datetime's own calls make it: a failure is an OSError.
-bool local_time(time_t t, std::tm& out) {
+// localtime_r as datetime's own calls make it: 0, or -1 with an OSError.
+int local_time(time_t t, std::tm& out) {
     errno = 0;
     if (localtime_r(&t, &out) == nullptr) {
         if (errno == 0) errno = EINVAL;
         PyErr_SetFromErrno(PyExc_OSError);
-        return false;
+        return -1;
     }
-    return true;
+    return 0;
 }
 
 // datetime.now() the way it reads the clock: the system clock floored to the
@@ -248,7 +248,7 @@ Ref local_now(const PyDateTime_CAPI* api) {
     timespec now{};
     if (clock_gettime(CLOCK_REALTIME, &now) != 0) return Ref::steal(PyErr_SetFromErrno(PyExc_OSError));
     std::tm local{};
-    if (!local_time(now.tv_sec, local)) return Ref();
+    if (local_time(now.tv_sec, local) < 0) return Ref();
     return new_datetime(api, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
                         std::min(local.tm_sec, 59), static_cast<int>(now.tv_nsec / 1000));
 }
@@ -315,7 +315,7 @@ Ref native_local_moment(const PyDateTime_CAPI* api, const core::IsoMoment& m) {
         days_since_epoch(PyDateTime_GET_YEAR(u), PyDateTime_GET_MONTH(u), PyDateTime_GET_DAY(u)) * kSecondsPerDay +
         PyDateTime_DATE_GET_HOUR(u) * 3'600LL + PyDateTime_DATE_GET_MINUTE(u) * 60LL + PyDateTime_DATE_GET_SECOND(u);
     std::tm local{};
-    if (!local_time(static_cast<time_t>(timestamp), local)) return Ref();
+    if (local_time(static_cast<time_t>(timestamp), local) < 0) return Ref();
     if (local.tm_gmtoff <= -kSecondsPerDay || local.tm_gmtoff >= kSecondsPerDay) {
         PyErr_SetString(PyExc_ValueError, "offset must be a timedelta strictly between -timedelta(hours=24) and "
                                           "timedelta(hours=24)");

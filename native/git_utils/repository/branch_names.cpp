@@ -41,8 +41,8 @@ Ref normalize_text(PyObject* name) {
 
 // The same steps through the object's own methods, for anything but an
 // exact str.
-Ref normalize_object(PyObject* name) {
-    Ref current = call_method(name, "strip");
+Ref normalize_object(PyObject* module, PyObject* name) {
+    Ref current = strip(module, name);
     if (!current) return Ref();
     for (bool changed = true; changed;) {
         changed = false;
@@ -141,7 +141,7 @@ Ref wiki_join(PyObject* repo_root, PyObject* name, bool plain) {
     return Ref::steal(PyNumber_TrueDivide(path.get(), name));
 }
 
-PyObject* normalize_branch_name(PyObject*, PyObject* const* a) {
+PyObject* normalize_branch_name(PyObject* module, PyObject* const* a) {
     PyObject* name = a[0];
     if (PyUnicode_CheckExact(name)) {
         if (PyUnicode_GET_LENGTH(name) == 0) Py_RETURN_NONE;
@@ -150,7 +150,7 @@ PyObject* normalize_branch_name(PyObject*, PyObject* const* a) {
     const int truth = PyObject_IsTrue(name);
     if (truth < 0) return nullptr;
     if (!truth) Py_RETURN_NONE;
-    return normalize_object(name).release();
+    return normalize_object(module, name).release();
 }
 
 PyObject* sanitize_branch_name(PyObject*, PyObject* const* a) {

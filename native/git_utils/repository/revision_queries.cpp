@@ -4,6 +4,7 @@
 
 #include "git_utils/binding/helpers.hpp"
 #include "git_utils/binding/state.hpp"
+#include "git_utils/runner/command_line.hpp"
 #include "git_utils/runner/runner.hpp"
 
 namespace gu {

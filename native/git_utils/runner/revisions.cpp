@@ -1,6 +1,7 @@
 #include "git_utils/runner/revisions.hpp"
 
 #include "git_utils/binding/helpers.hpp"
+#include "git_utils/runner/command_line.hpp"
 
 namespace gu {
 

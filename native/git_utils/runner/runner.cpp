@@ -11,6 +11,7 @@
 #include "git_utils/binding/log_line.hpp"
 #include "git_utils/binding/state.hpp"
 #include "git_utils/binding/unlocked.hpp"
+#include "git_utils/runner/command_line.hpp"
 
 #ifndef _WIN32
 #include "core/spawn.hpp"
