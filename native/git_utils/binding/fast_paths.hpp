@@ -3,8 +3,18 @@
 // clock, the logger, a record class) and may run only while they are the
 // genuine ones: loading decides that with the path's one builder, which
 // records a Guard in module state, and each call asks one question,
-// allowed(). A new fast path is one entry here and one builder in the
-// registration table (module.cpp).
+// allowed().
+//
+// A new fast path is:
+// 1. one X(name) line in GU_FAST_PATHS below;
+// 2. its builder in its subsystem's source, declared in that subsystem's
+//    header: a GuardBuilder given the subject and what must stay as it is;
+// 3. one row in module.cpp's kFastPaths (checked at compile time: one
+//    builder for each path);
+// 4. allowed(st, FastPath::name) (or allowed_for) where the call decides;
+// 5. a case in the host-tooling test, which reads this list and fails until
+//    the new path has one.
+// State, traversal and clearing need no edit.
 #pragma once
 
 #include <Python.h>
