@@ -459,21 +459,22 @@ Ref make_function(PyObject* module, const FunctionDef& def) {
     if (!proto) return Ref();
     Ref code = attr(proto.get(), "__code__");
     if (!code) return Ref();
+    // Each step only once the one before succeeded: no call with an exception set.
     const Py_ssize_t argcount = as_size(attr(code.get(), "co_argcount").get());
+    if (argcount < 0) return Ref();
     const Py_ssize_t kwonlycount = as_size(attr(code.get(), "co_kwonlyargcount").get());
-    if (argcount < 0 || kwonlycount < 0) return Ref();
+    if (kwonlycount < 0) return Ref();
     if (argcount + kwonlycount > kMaxParams) {
         PyErr_Format(PyExc_SystemError, "%s takes more than %zd parameters", name, kMaxParams);
         return Ref();
     }
     Ref varnames = attr(code.get(), "co_varnames");
-    if (!varnames) return Ref();
-    Ref params = Ref::steal(PyTuple_GetSlice(varnames.get(), 0, argcount + kwonlycount));
-    Ref defaults = attr(proto.get(), "__defaults__");
-    Ref kwdefaults = attr(proto.get(), "__kwdefaults__");
-    Ref annotations = attr(proto.get(), "__annotations__");
-    Ref doc = Ref::steal(PyUnicode_FromString(def.doc));
-    if (!params || !defaults || !kwdefaults || !annotations || !doc) return Ref();
+    Ref params = varnames ? Ref::steal(PyTuple_GetSlice(varnames.get(), 0, argcount + kwonlycount)) : Ref();
+    Ref defaults = params ? attr(proto.get(), "__defaults__") : Ref();
+    Ref kwdefaults = defaults ? attr(proto.get(), "__kwdefaults__") : Ref();
+    Ref annotations = kwdefaults ? attr(proto.get(), "__annotations__") : Ref();
+    Ref doc = annotations ? Ref::steal(PyUnicode_FromString(def.doc)) : Ref();
+    if (!doc) return Ref();
 
     auto* f = PyObject_GC_New(NativeFunction, reinterpret_cast<PyTypeObject*>(st->function_type));
     if (f == nullptr) return Ref();
