@@ -124,6 +124,7 @@ int logger_guard(PyObject* module, GuardBuilder& guard) {
     // through logger.handle.
     guard.subject(logger_class.get());
     for (const char* name : kReplacedMethods) {
+        if (!guard.ok()) break;  // an error is pending: no more lookups
         Ref method = Ref::steal(PyObject_GetAttrString(logger_class.get(), name));
         if (!method) {
             PyErr_Clear();
