@@ -1,5 +1,5 @@
 """A restricted host: `python restricted_host_child.py CASE WORLD OUT` restricts this process as CASE says
-(a seccomp filter, no /proc, a full descriptor table, a reload) before the module is imported, then makes each
+(a seccomp filter, no /proc, a full descriptor table) before the module is imported, then makes each
 call of CALLS three ways: through the module's native path, through its subprocess.run path (taken whenever
 get_subprocess_hidden_kwargs gives a non-empty mapping) and through benchmarks/plain_git_utils.py, the module
 written in plain Python; it writes every outcome and log line to OUT as JSON, or {"skip": reason} when CASE
@@ -126,7 +126,7 @@ elif kind == "fds":  # fds:K; the table is filled around each call: the import a
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (64 if hard == resource.RLIM_INFINITY else min(64, hard), hard))
     around_each_call = lambda: free_descriptors(int(detail))  # noqa: E731
-elif kind not in ("free", "reload"):
+elif kind != "free":
     raise SystemExit(f"unknown case {case}")
 
 # ---- the module, under the restriction ----------------------------------------------------------------------
@@ -137,14 +137,6 @@ plain = importlib.util.module_from_spec(spec)
 spec.loader.exec_module(plain)
 
 extra = {}
-if kind == "reload":  # a host's doubles, then a reload: the module as loading bound it again
-    gu.run_git_command = lambda repo_root, args, timeout=30: ("stub", "", 0)
-    gu.get_head_commit = lambda repo_root, short=True: "stub"
-    try:
-        importlib.reload(gu)
-    except Exception as e:
-        extra["reload raised"] = repr(e)
-
 records = []
 
 
@@ -208,7 +200,7 @@ os.dup2(null, INHERITED, inheritable=True)
 os.close(null)
 answers = {name: {path: outcome(call, path) for path in PATHS} for name, call in CALLS.items()}
 extra["native git's descriptor"] = outcome(lambda m: m.run_git_command(repo, ["descriptor"]), "native")["value"]
-if kind in ("free", "reload"):  # which way git started: natively it leads a session of its own
+if kind == "free":  # which way git started: natively it leads a session of its own
     extra["session"] = {path: outcome(lambda m: m.run_git_command(repo, ["session"]), path)["value"]
                         for path in ("native", "python")}
 with open(out, "w") as f:

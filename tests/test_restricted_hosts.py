@@ -1,5 +1,5 @@
 """The module in restricted hosts: system calls refused by a seccomp filter, no /proc and no close_range, a full
-descriptor table, a reload after the host replaced functions. Each case runs in a fresh interpreter
+descriptor table. Each case runs in a fresh interpreter
 (tests/restricted_host_child.py) that sets its restriction before it imports the module, then makes each call
 through the native path, through the subprocess.run path and through the module written in plain Python
 (benchmarks/plain_git_utils.py). The three must agree exactly: the same answer and log lines, or the same
@@ -54,7 +54,6 @@ ROWS = {
     "no-proc-no-close_range": ("no-proc", REAL),
     # Exactly k descriptors free: subprocess.run needs six (two pipes for the output, one for its errors).
     **{f"free-descriptors-{k}": (f"fds:{k}", errno.EMFILE if k < 6 else REAL) for k in range(7)},
-    "reload": ("reload", REAL),
 }
 
 
@@ -148,10 +147,5 @@ def test_restricted_host(world, unrestricted, row):
                             f"  plain: {show(paths['plain'])}\n")
     if written["native git's descriptor"] == ["open\n", "", 0]:
         problems.append("the host's inheritable descriptor 9 is open in a natively started git\n")
-    if row == "reload":
-        if "reload raised" in written:
-            problems.append(f"importlib.reload raised {written['reload raised']}\n")
-        if written["session"]["native"] != ["leader\n", "", 0]:
-            problems.append(f"git did not start natively after the reload: {show(written['session'])}\n")
     if problems:
         pytest.fail("\n".join(problems), pytrace=False)
