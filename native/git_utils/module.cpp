@@ -218,6 +218,7 @@ static_assert(one_builder_each(), "one builder for every fast path");
 
 int exec_module(PyObject* module) {
     if (init_state(module) < 0) return -1;
+    keep_datetime_api(module);
 #ifndef _WIN32
     register_exit_kill();
 #endif

@@ -21,6 +21,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <span>
 
 #include "git_utils/binding/genuine.hpp"
 #include "git_utils/binding/ref.hpp"
@@ -58,6 +59,10 @@ struct FastPathDef {
     FastPath path;
     GuardBuild build;
 };
+
+// At load: runs each fast path's builder, in the order given, into module
+// state.
+int build_fast_paths(PyObject* module, std::span<const FastPathDef> defs);
 
 // Whether the fast path may run now: its guard holds (pointer comparisons).
 bool allowed(const ModuleState* st, FastPath path);

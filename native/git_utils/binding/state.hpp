@@ -6,7 +6,6 @@
 
 #include <Python.h>
 
-#include <span>
 #include <utility>
 
 #include "git_utils/binding/fast_paths.hpp"
@@ -56,9 +55,6 @@ inline bool is_original(const ModuleState* st, Name name, PyObject* found) {
 // A copy of the namespace as it stands, with this interpreter's builtins:
 // the globals in which loading runs its bits of Python source.
 Ref namespace_copy(PyObject* module);
-
-// Runs each fast path's builder, in the order given, into module state.
-int build_fast_paths(PyObject* module, std::span<const FastPathDef> defs);
 
 int traverse_state(ModuleState* st, visitproc visit, void* arg);
 void clear_state(ModuleState* st);

@@ -461,16 +461,17 @@ bool same_library(const void* a, const void* b) {
 
 }  // namespace
 
-int clock_guard(PyObject* module, GuardBuilder& guard) {
-    ModuleState* st = state_of(module);
+void keep_datetime_api(PyObject* module) {
     // Kept in module state only: the header's own static pointer is shared by
     // every interpreter that loads the module, and is never written here.
-    auto* api = static_cast<PyDateTime_CAPI*>(PyCapsule_Import(PyDateTime_CAPSULE_NAME, 0));
-    if (api == nullptr) {
-        PyErr_Clear();
-        return 0;
-    }
-    st->datetime_api = api;
+    state_of(module)->datetime_api = PyCapsule_Import(PyDateTime_CAPSULE_NAME, 0);
+    if (state_of(module)->datetime_api == nullptr) PyErr_Clear();
+}
+
+int clock_guard(PyObject* module, GuardBuilder& guard) {
+    const ModuleState* st = state_of(module);
+    const PyDateTime_CAPI* api = datetime_api(module);
+    if (api == nullptr) return 0;
     PyObject* datetime = st->originals[index(Name::datetime)];
     if (datetime != reinterpret_cast<PyObject*>(api->DateTimeType)) return 0;
     Ref now = Ref::steal(PyObject_GetAttrString(datetime, "now"));
