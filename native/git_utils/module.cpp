@@ -254,7 +254,7 @@ void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 // may load it too. Free-threading is not declared (no Py_mod_gil): the
 // interpreter then turns its GIL on when it loads the module.
 PyModuleDef_Slot module_slots[] = {
-    {Py_mod_exec, reinterpret_cast<void*>(guarded<exec_module>)},
+    {Py_mod_exec, reinterpret_cast<void*>(at_boundary<exec_module>)},
 #if PY_VERSION_HEX >= 0x030C0000
     {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
 #endif

@@ -339,15 +339,15 @@ PyObject* get_signature(PyObject* self, void*) {
 }
 
 PyGetSetDef function_getset[] = {
-    {"__name__", guarded<get_name>, guarded<set_name>, nullptr, nullptr},
-    {"__qualname__", guarded<get_qualname>, guarded<set_qualname>, nullptr, nullptr},
-    {"__defaults__", guarded<get_defaults>, guarded<set_defaults>, nullptr, nullptr},
-    {"__kwdefaults__", guarded<get_kwdefaults>, guarded<set_kwdefaults>, nullptr, nullptr},
-    {"__annotations__", guarded<get_annotations>, guarded<set_annotations>, nullptr, nullptr},
-    {"__module__", guarded<get_module_name>, guarded<set_module_name>, nullptr, nullptr},
-    {"__doc__", guarded<get_doc>, guarded<set_doc>, nullptr, nullptr},
-    {"__globals__", guarded<get_globals>, nullptr, nullptr, nullptr},
-    {"__signature__", guarded<get_signature>, nullptr, nullptr, nullptr},
+    {"__name__", at_boundary<get_name>, at_boundary<set_name>, nullptr, nullptr},
+    {"__qualname__", at_boundary<get_qualname>, at_boundary<set_qualname>, nullptr, nullptr},
+    {"__defaults__", at_boundary<get_defaults>, at_boundary<set_defaults>, nullptr, nullptr},
+    {"__kwdefaults__", at_boundary<get_kwdefaults>, at_boundary<set_kwdefaults>, nullptr, nullptr},
+    {"__annotations__", at_boundary<get_annotations>, at_boundary<set_annotations>, nullptr, nullptr},
+    {"__module__", at_boundary<get_module_name>, at_boundary<set_module_name>, nullptr, nullptr},
+    {"__doc__", at_boundary<get_doc>, at_boundary<set_doc>, nullptr, nullptr},
+    {"__globals__", at_boundary<get_globals>, nullptr, nullptr, nullptr},
+    {"__signature__", at_boundary<get_signature>, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
@@ -364,7 +364,7 @@ PyMemberDef function_members[] = {
 PyObject* function_reduce(PyObject* self, PyObject*) { return read_slot(self, &NativeFunction::qualname).release(); }
 
 PyMethodDef function_methods[] = {
-    {"__reduce__", guarded<function_reduce>, METH_NOARGS, nullptr},
+    {"__reduce__", at_boundary<function_reduce>, METH_NOARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -409,9 +409,9 @@ PyType_Slot function_slots[] = {
     {Py_tp_dealloc, reinterpret_cast<void*>(function_dealloc)},
     {Py_tp_traverse, reinterpret_cast<void*>(function_traverse)},
     {Py_tp_clear, reinterpret_cast<void*>(function_clear)},
-    {Py_tp_repr, reinterpret_cast<void*>(guarded<function_repr>)},
+    {Py_tp_repr, reinterpret_cast<void*>(at_boundary<function_repr>)},
     {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
-    {Py_tp_descr_get, reinterpret_cast<void*>(guarded<function_descr_get>)},
+    {Py_tp_descr_get, reinterpret_cast<void*>(at_boundary<function_descr_get>)},
     {Py_tp_getset, function_getset},
     {Py_tp_members, function_members},
     {Py_tp_methods, function_methods},
@@ -479,7 +479,7 @@ Ref make_function(PyObject* module, const FunctionDef& def) {
     auto* f = PyObject_GC_New(NativeFunction, reinterpret_cast<PyTypeObject*>(st->function_type));
     if (f == nullptr) return Ref();
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(f));
-    f->vectorcall = guarded<function_vectorcall>;  // every body runs inside it
+    f->vectorcall = at_boundary<function_vectorcall>;  // every body runs inside it
     f->def = &def;
     f->module = Py_NewRef(module);
     f->dict = nullptr;

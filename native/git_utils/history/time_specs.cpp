@@ -36,10 +36,10 @@ PyObject* refuse(PyObject* module, PyObject* since) {
     return nullptr;
 }
 
-// The guard around the parse: a value error refuses the spec (its message is
+// What a failed parse raises: a value error refuses the spec (its message is
 // dropped); an overflow becomes "reaches outside the calendar" with the
 // overflow as its cause; anything else passes unchanged.
-PyObject* guard_failure(PyObject* module, PyObject* since) {
+PyObject* refusal_of_failure(PyObject* module, PyObject* since) {
     if (PyErr_ExceptionMatches(PyExc_ValueError)) {
         PyErr_Clear();
         return refuse(module, since);
@@ -431,19 +431,19 @@ PyObject* parse_time_spec(PyObject* module, PyObject* const* a) {
     if (strip_spec(module, since, spec) < 0) return nullptr;
     Relative rel;
     const int relative = match_relative(module, spec, rel);
-    if (relative < 0) return guard_failure(module, since);
+    if (relative < 0) return refusal_of_failure(module, since);
     if (relative > 0) {
         const int positive = count_above_zero(rel);
         if (positive < 0) return nullptr;
         if (!positive) return refuse(module, since);
         Ref moment = relative_moment(module, rel);
-        return moment ? moment.release() : guard_failure(module, since);
+        return moment ? moment.release() : refusal_of_failure(module, since);
     }
     const Py_ssize_t length = spec_length(spec);
     if (length < 0) return nullptr;
     if (length == 0) return refuse(module, since);
     Ref moment = iso_moment(module, spec);
-    return moment ? moment.release() : guard_failure(module, since);
+    return moment ? moment.release() : refusal_of_failure(module, since);
 }
 
 // Whether two C functions come from the same shared object (or both from
