@@ -118,8 +118,8 @@ constexpr bool follows_name_order() {
 static_assert(follows_name_order(), "the entries follow GU_NAMESPACE, each name once");
 
 const std::span<const FunctionDef> kFunctionTables[] = {
-    kDiscoveryFunctions,   kRevisionQueryFunctions, kBranchNameFunctions, kTimeSpecFunctions, kRunnerFunctions,
-    kHistoryFunctions,     kChangeQueryFunctions,   kFileChangeFunctions, kLineSpanFunctions,
+    kDiscoveryFunctions, kRevisionQueryFunctions, kBranchNameFunctions, kTimeSpecFunctions, kRunnerFunctions,
+    kHistoryFunctions,   kChangeQueryFunctions,   kFileChangeFunctions, kLineSpanFunctions,
 };
 
 int bind(PyObject* module, Name name, Ref value) {
@@ -262,15 +262,8 @@ PyModuleDef_Slot module_slots[] = {
 };
 
 PyModuleDef module_def = {
-    PyModuleDef_HEAD_INIT,
-    "git_utils",
-    kModuleDoc,
-    sizeof(ModuleState),
-    nullptr,
-    module_slots,
-    module_traverse,
-    module_clear,
-    module_free,
+    PyModuleDef_HEAD_INIT, "git_utils",     kModuleDoc,   sizeof(ModuleState), nullptr,
+    module_slots,          module_traverse, module_clear, module_free,
 };
 
 }  // namespace

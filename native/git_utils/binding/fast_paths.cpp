@@ -4,7 +4,9 @@
 
 namespace gu {
 
-bool allowed(const ModuleState* st, FastPath path) { return guard_holds(st->fast_paths[static_cast<std::size_t>(path)]); }
+bool allowed(const ModuleState* st, FastPath path) {
+    return guard_holds(st->fast_paths[static_cast<std::size_t>(path)]);
+}
 
 bool allowed_for(const ModuleState* st, FastPath path, PyObject* found) {
     return found == subject_of(st, path) && allowed(st, path);

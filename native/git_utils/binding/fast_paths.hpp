@@ -27,15 +27,15 @@
 #include "git_utils/binding/ref.hpp"
 
 // Each fast path with what it stands in for. Tests read this list.
-#define GU_FAST_PATHS(X)                                                                     \
-    X(spawn)           /* subprocess.run, Popen and its methods: git spawned natively */     \
-    X(path)            /* pathlib's concrete class and its bases: joins done natively */     \
-    X(path_stat)       /* what that class's stat() reaches: the .git test's stat */          \
-    X(clock)           /* the C function behind datetime.now: relative specs natively */    \
-    X(logger)          /* logging.Logger's record methods: log records made natively */      \
-    X(file_change)     /* FileChange as loading made it: records filled natively */          \
-    X(commit_changes)  /* CommitChanges, likewise */                                          \
-    X(line_span)       /* LineSpan, likewise */
+#define GU_FAST_PATHS(X)                                                                \
+    X(spawn)          /* subprocess.run, Popen and its methods: git spawned natively */ \
+    X(path)           /* pathlib's concrete class and its bases: joins done natively */ \
+    X(path_stat)      /* what that class's stat() reaches: the .git test's stat */      \
+    X(clock)          /* the C function behind datetime.now: relative specs natively */ \
+    X(logger)         /* logging.Logger's record methods: log records made natively */  \
+    X(file_change)    /* FileChange as loading made it: records filled natively */      \
+    X(commit_changes) /* CommitChanges, likewise */                                     \
+    X(line_span)      /* LineSpan, likewise */
 
 namespace gu {
 

@@ -12,11 +12,10 @@ namespace gu {
 namespace {
 
 struct NativeFunction {
-    PyObject_HEAD
-    vectorcallfunc vectorcall;
+    PyObject_HEAD vectorcallfunc vectorcall;
     const FunctionDef* def;
-    PyObject* module;       // the namespace the function reads at each call
-    PyObject* dict;         // __dict__
+    PyObject* module;  // the namespace the function reads at each call
+    PyObject* dict;    // __dict__
     PyObject* weaklist;
     PyObject* name;         // __name__
     PyObject* qualname;     // __qualname__
@@ -109,7 +108,8 @@ PyObject* missing_arguments(NativeFunction* f, PyObject* const* bound, Py_ssize_
     return format_missing(qualname_of(f).get(), kind, names.get());
 }
 
-PyObject* too_many_positional(NativeFunction* f, const CallDefaults& defaults, PyObject* const* bound, Py_ssize_t given) {
+PyObject* too_many_positional(NativeFunction* f, const CallDefaults& defaults, PyObject* const* bound,
+                              Py_ssize_t given) {
     Py_ssize_t kwonly_given = 0;
     for (Py_ssize_t i = f->argcount; i < f->argcount + f->kwonlycount; ++i) kwonly_given += bound[i] != nullptr;
     const Py_ssize_t defcount = defaults.count();
@@ -123,13 +123,14 @@ PyObject* too_many_positional(NativeFunction* f, const CallDefaults& defaults, P
         sig = Ref::steal(PyUnicode_FromFormat("%zd", f->argcount));
     }
     if (!sig) return nullptr;
-    Ref kwonly_sig = kwonly_given ? Ref::steal(PyUnicode_FromFormat(" positional argument%s (and %zd keyword-only argument%s)",
-                                                                    given != 1 ? "s" : "", kwonly_given,
-                                                                    kwonly_given != 1 ? "s" : ""))
-                                  : Ref::steal(PyUnicode_FromString(""));
+    Ref kwonly_sig =
+        kwonly_given
+            ? Ref::steal(PyUnicode_FromFormat(" positional argument%s (and %zd keyword-only argument%s)",
+                                              given != 1 ? "s" : "", kwonly_given, kwonly_given != 1 ? "s" : ""))
+            : Ref::steal(PyUnicode_FromString(""));
     if (!kwonly_sig) return nullptr;
-    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", qualname_of(f).get(), sig.get(),
-                 plural ? "s" : "", given, kwonly_sig.get(), given == 1 && !kwonly_given ? "was" : "were");
+    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", qualname_of(f).get(),
+                 sig.get(), plural ? "s" : "", given, kwonly_sig.get(), given == 1 && !kwonly_given ? "was" : "were");
     return nullptr;
 }
 
@@ -242,7 +243,9 @@ bool is_tuple(PyObject* o) { return PyTuple_Check(o); }
 bool is_dict(PyObject* o) { return PyDict_Check(o); }
 
 PyObject* get_name(PyObject* self, void*) { return read_slot(self, &NativeFunction::name).release(); }
-int set_name(PyObject* self, PyObject* value, void*) { return set_text(self, &NativeFunction::name, value, "__name__"); }
+int set_name(PyObject* self, PyObject* value, void*) {
+    return set_text(self, &NativeFunction::name, value, "__name__");
+}
 PyObject* get_qualname(PyObject* self, void*) { return read_slot(self, &NativeFunction::qualname).release(); }
 int set_qualname(PyObject* self, PyObject* value, void*) {
     return set_text(self, &NativeFunction::qualname, value, "__qualname__");

@@ -84,8 +84,8 @@ Ref class_dict_of(PyObject* type) {
 bool guard_holds(const Guard& guard) {
     if (guard.subject == nullptr) return false;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(guard.entries); i += 3) {
-        PyObject* found = PyDict_GetItemWithError(PyTuple_GET_ITEM(guard.entries, i),
-                                                  PyTuple_GET_ITEM(guard.entries, i + 1));
+        PyObject* found =
+            PyDict_GetItemWithError(PyTuple_GET_ITEM(guard.entries, i), PyTuple_GET_ITEM(guard.entries, i + 1));
         if (found != PyTuple_GET_ITEM(guard.entries, i + 2)) {
             PyErr_Clear();
             return false;

@@ -1,6 +1,5 @@
 #include "git_utils/binding/state.hpp"
 
-
 namespace gu {
 
 ModuleState* state_of(PyObject* module) { return static_cast<ModuleState*>(PyModule_GetState(module)); }

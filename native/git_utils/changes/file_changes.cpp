@@ -62,8 +62,7 @@ struct StatusWords {
 
     bool read(const Collaborator& status_by_letter) {
         return status_by_letter.holds_table(core::status_letters, [this](const core::StatusLetter& s, Ref w) {
-            if (!PyUnicode_CheckExact(w.get()) || PyUnicode_CompareWithASCIIString(w.get(), s.word) != 0)
-                return false;
+            if (!PyUnicode_CheckExact(w.get()) || PyUnicode_CompareWithASCIIString(w.get(), s.word) != 0) return false;
             Ref& slot = word[static_cast<int>(s.status)];
             if (!slot) slot = std::move(w);
             return true;
@@ -122,12 +121,9 @@ bool fits_records(std::size_t size) { return size <= core::max_record_text; }
 template <class Unit>
 Ref count_of(const core::FileRecord& r, std::uint32_t exact, bool first, const Text<Unit>& text) {
     switch (r.counts) {
-        case core::Counts::none:
-            return Ref::steal(PyLong_FromLong(0));
-        case core::Counts::exact:
-            return Ref::steal(PyLong_FromUnsignedLong(exact));
-        case core::Counts::fields:
-            break;
+        case core::Counts::none: return Ref::steal(PyLong_FromLong(0));
+        case core::Counts::exact: return Ref::steal(PyLong_FromUnsignedLong(exact));
+        case core::Counts::fields: break;
     }
     const auto fields = core::count_fields(r, text.base());
     return line_count_of(first ? fields.first : fields.second, text);
@@ -150,8 +146,8 @@ int fill_file_changes(FileChangesPlan& plan, const std::vector<core::FileRecord>
         Ref added = count_of(r, r.added, true, text);
         Ref deleted = count_of(r, r.deleted, false, text);
         if (!added || !deleted) return -1;
-        PyObject* values[] = {path.get(), plan.words.word[static_cast<int>(r.status)].get(), added.get(),
-                              deleted.get(), old_path.get()};
+        PyObject* values[] = {path.get(), plan.words.word[static_cast<int>(r.status)].get(), added.get(), deleted.get(),
+                              old_path.get()};
         Ref record = plan.files.make(values);
         if (!record) return -1;
         if (is_tuple)
@@ -200,8 +196,8 @@ Ref next_or_empty(PyObject* iterator) {
 Ref pair(PyObject* a, PyObject* b) { return Ref::steal(PyTuple_Pack(2, a, b)); }
 
 // A raw record head: the status of the path tokens that follow it.
-int read_raw_record(PyObject* token, PyObject* iterator, Collaborator& two_path_letters,
-                    Collaborator& status_by_letter, PyObject* statuses) {
+int read_raw_record(PyObject* token, PyObject* iterator, Collaborator& two_path_letters, Collaborator& status_by_letter,
+                    PyObject* statuses) {
     Ref parts = call_method(token, "rsplit", "si", " ", 1);
     if (!parts) return -1;
     Ref last = Ref::steal(PySequence_GetItem(parts.get(), -1));
@@ -311,11 +307,13 @@ PyObject* file_changes(PyObject* module, PyObject* const* a) {
     if (!nul) return nullptr;
     Ref joined = Ref::steal(PyUnicode_Join(nul.get(), tokens));
     if (!joined) return nullptr;
-    return with_text(joined.get(), [&](const auto& text) {
-        if (!fits_records(text.view().size())) return file_changes_through_objects(plan, tokens);
-        core::BasicTokenStream stream(core::BasicTokenRun{text.view(), count});
-        return file_changes_natively(plan, collect_files(text, stream), text);
-    }).release();
+    return with_text(joined.get(),
+                     [&](const auto& text) {
+                         if (!fits_records(text.view().size())) return file_changes_through_objects(plan, tokens);
+                         core::BasicTokenStream stream(core::BasicTokenRun{text.view(), count});
+                         return file_changes_natively(plan, collect_files(text, stream), text);
+                     })
+        .release();
 }
 
 // output.split("\x00"), with the errors of that call for a non-str.
@@ -436,8 +434,7 @@ Ref commits_through_objects(FileChangesPlan& plan, PyObject* output) {
         const int header = truth(call_method(stripped.get(), "startswith", commit_start.get()));
         if (header < 0) return Ref();
         if (header) {
-            if (time && close_commit(plan, time.get(), body.get(), commits.get()) < 0)
-                return Ref();
+            if (time && close_commit(plan, time.get(), body.get(), commits.get()) < 0) return Ref();
             Ref rest = Ref::steal(PySequence_GetSlice(stripped.get(), 1, PY_SSIZE_T_MAX));
             if (!rest) return Ref();
             time = strip(plan.module, rest.get());
@@ -448,8 +445,7 @@ Ref commits_through_objects(FileChangesPlan& plan, PyObject* output) {
         }
     }
     if (PyErr_Occurred()) return Ref();
-    if (time && close_commit(plan, time.get(), body.get(), commits.get()) < 0)
-        return Ref();
+    if (time && close_commit(plan, time.get(), body.get(), commits.get()) < 0) return Ref();
     return commits;
 }
 
@@ -521,16 +517,14 @@ Ref parse_commit_changes_from_git(PyObject* module, std::string_view output) {
 }
 
 const FunctionDef kDefs[] = {
-    {Name::parse_file_changes,
-     "(output: str) -> list[FileChange]",
+    {Name::parse_file_changes, "(output: str) -> list[FileChange]",
      "Parse what git diff --raw --numstat -z printed into FileChange records.\n\n"
      "One record per file named by a raw record, in the order of the raw\n"
      "records, with the counts of its numstat record (0 and 0 for a binary file\n"
      "or a file without one). Renames and copies carry old_path. Odd or\n"
      "truncated output never fails: what is not recognised is skipped.",
      parse_file_changes},
-    {Name::parse_commit_changes,
-     "(output: str) -> list[CommitChanges]",
+    {Name::parse_commit_changes, "(output: str) -> list[CommitChanges]",
      "Parse what git log --format=%x1e%ct --raw --numstat -z printed into\n"
      "CommitChanges records, one per commit in the order of the output.\n\n"
      "Each commit header (the RS character and the commit time) starts a\n"
@@ -539,16 +533,14 @@ const FunctionDef kDefs[] = {
      "first header are ignored. Raises ValueError when a header's time is not a\n"
      "whole number.",
      parse_commit_changes},
-    {Name::_file_changes,
-     "(tokens: Sequence[str]) -> list[FileChange]",
+    {Name::_file_changes, "(tokens: Sequence[str]) -> list[FileChange]",
      "Pair the raw and numstat records among the NUL-separated tokens of one\n"
      "diff (or one commit) by path into FileChange records, in the order of\n"
      "each path's first raw record, with the status of its last raw record and\n"
      "the counts of its last numstat record. Numstat records never add a file;\n"
      "missing tokens read as empty texts.",
      file_changes},
-    {Name::_line_count,
-     "(field: str) -> int",
+    {Name::_line_count, "(field: str) -> int",
      "Read one count of a numstat record: its value when the field is made of\n"
      "digits, else 0 (git writes \"-\" for a binary file).",
      line_count},

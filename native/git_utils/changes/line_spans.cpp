@@ -53,11 +53,10 @@ std::int64_t saturated(PyObject* value) {
 bool native_unquote(PyObject* module) {
     const Collaborator pattern(module, Name::_C_ESCAPE);
     const Collaborator escapes(module, Name::_C_ESCAPES);
-    return pattern.as_loaded() &&
-           escapes.holds_table(core::control_escapes, [](const core::ControlEscape& e, Ref c) {
-               return PyUnicode_CheckExact(c.get()) && PyUnicode_GET_LENGTH(c.get()) == 1 &&
-                      PyUnicode_READ_CHAR(c.get(), 0) == static_cast<Py_UCS4>(e.byte);
-           });
+    return pattern.as_loaded() && escapes.holds_table(core::control_escapes, [](const core::ControlEscape& e, Ref c) {
+        return PyUnicode_CheckExact(c.get()) && PyUnicode_GET_LENGTH(c.get()) == 1 &&
+               PyUnicode_READ_CHAR(c.get(), 0) == static_cast<Py_UCS4>(e.byte);
+    });
 }
 
 Ref unquote_natively(std::string_view escaped) {
@@ -308,8 +307,8 @@ private:
     const Text<Unit>& text_;
     bool failed_ = false;
     Ref spans_;
-    Ref path_;                  // None, or the key of the current file's spans
-    Ref list_;                  // the current file's list, once looked up
+    Ref path_;  // None, or the key of the current file's spans
+    Ref list_;  // the current file's list, once looked up
 
     Ref call_helper(Collaborator& helper, Ref arg) {
         if (!arg || helper.get() == nullptr) return Ref();
@@ -320,12 +319,9 @@ private:
         using P = core::BasicPatchPath<Unit>;
         const P p = core::patch_path(rest);
         switch (p.kind) {
-            case P::null:
-                return Ref::borrow(Py_None);
-            case P::plain:
-                return text_.str(p.text);
-            case P::quoted:
-                break;
+            case P::null: return Ref::borrow(Py_None);
+            case P::plain: return text_.str(p.text);
+            case P::quoted: break;
         }
         // The escapes are undone on the name's UTF-8 bytes, as the decoded
         // text gives them; a surrogate goes to _unquote, which refuses it.
@@ -463,8 +459,7 @@ Ref parse_line_spans_from_git(PyObject* module, std::string_view patch) {
 }
 
 const FunctionDef kDefs[] = {
-    {Name::parse_line_spans,
-     "(patch: str) -> dict[str, list[LineSpan]]",
+    {Name::parse_line_spans, "(patch: str) -> dict[str, list[LineSpan]]",
      "Parse a zero-context patch (git diff -U0 --no-prefix) into the lines each\n"
      "file's newer side had touched: a dict from path to its LineSpan records,\n"
      "one per hunk, in patch order.\n\n"
@@ -473,20 +468,17 @@ const FunctionDef kDefs[] = {
      "side /dev/null) and a file without hunks get no key; quoted names are\n"
      "unquoted. Odd or truncated patches never fail: unknown lines are skipped.",
      parse_line_spans},
-    {Name::_span,
-     "(start: int, new_count: int, old_count: int) -> LineSpan",
+    {Name::_span, "(start: int, new_count: int, old_count: int) -> LineSpan",
      "The LineSpan of one hunk header: lines start to start + new_count - 1,\n"
      "added when the hunk removes no line; a hunk that only removes lines marks\n"
      "the line above the removal (at least line 1), not added.",
      span},
-    {Name::_patch_path,
-     "(text: str) -> str | None",
+    {Name::_patch_path, "(text: str) -> str | None",
      "The path of a \"+++ \" line (the text after those four characters): one\n"
      "trailing tab removed, None for /dev/null, a name in double quotes\n"
      "unquoted, any other name as it stands.",
      patch_path},
-    {Name::_unquote,
-     "(text: str) -> str",
+    {Name::_unquote, "(text: str) -> str",
      "Undo git's C-style quoting of a name (the text between the quotes):\n"
      "\\ooo octal escapes are bytes, \\a \\b \\f \\n \\r \\t \\v control\n"
      "characters, any other escaped character stands for itself; the bytes are\n"

@@ -75,8 +75,8 @@ Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
     if (PyDict_SetItemString(ns.get(), "__annotations__", annotations.get()) < 0) return Ref();
     Ref bases = Ref::steal(PyTuple_New(0));
     if (!bases) return Ref();
-    Ref cls = Ref::steal(PyObject_CallFunctionObjArgs(reinterpret_cast<PyObject*>(&PyType_Type), name, bases.get(),
-                                                      ns.get(), nullptr));
+    Ref cls = Ref::steal(
+        PyObject_CallFunctionObjArgs(reinterpret_cast<PyObject*>(&PyType_Type), name, bases.get(), ns.get(), nullptr));
     if (!cls) return Ref();
     Ref kwargs = Ref::steal(Py_BuildValue("{s:O}", "frozen", Py_True));
     Ref empty = Ref::steal(PyTuple_New(0));
@@ -140,7 +140,6 @@ int record_guard(PyObject* module, GuardBuilder& guard, Record kind) {
     guard.absent_in_class(cls, "__new__");
     return guard.ok() ? 0 : -1;
 }
-
 
 // What the generated __init__ does: object.__setattr__ of each field in
 // declared order, into the instance dict the class's instances share keys

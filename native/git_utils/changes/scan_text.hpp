@@ -30,7 +30,8 @@ public:
     int open(PyObject* text) {
         if (require_str(text) < 0) return -1;
         if (PyUnicode_IS_ASCII(text)) {
-            view_ = {static_cast<const char*>(PyUnicode_DATA(text)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
+            view_ = {static_cast<const char*>(PyUnicode_DATA(text)),
+                     static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
             return 0;
         }
         owner_ = Ref::steal(PyUnicode_AsEncodedString(text, "utf-8", "surrogatepass"));
@@ -123,15 +124,9 @@ protected:
         if (!s) return s;
         void* data = PyUnicode_DATA(s.get());
         switch (PyUnicode_KIND(s.get())) {
-            case PyUnicode_1BYTE_KIND:
-                fill(static_cast<Py_UCS1*>(data));
-                break;
-            case PyUnicode_2BYTE_KIND:
-                fill(static_cast<Py_UCS2*>(data));
-                break;
-            default:
-                fill(static_cast<Py_UCS4*>(data));
-                break;
+            case PyUnicode_1BYTE_KIND: fill(static_cast<Py_UCS1*>(data)); break;
+            case PyUnicode_2BYTE_KIND: fill(static_cast<Py_UCS2*>(data)); break;
+            default: fill(static_cast<Py_UCS4*>(data)); break;
         }
         return s;
     }

@@ -101,7 +101,7 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     // A replaced runner's stdout that is not a str (bytes, say) splits, or
     // fails to, as the object's own split does.
     Ref lines = PyUnicode_CheckExact(body.get()) ? Ref::steal(PyUnicode_Split(body.get(), newline.get(), -1))
-                                            : call_method(body.get(), "split", newline.get());
+                                                 : call_method(body.get(), "split", newline.get());
     if (lines && !PyList_Check(lines.get())) {
         PyErr_Format(PyExc_TypeError, "split() gave %.200s, not a list of str", Py_TYPE(lines.get())->tp_name);
         return nullptr;
@@ -153,22 +153,19 @@ PyObject* commit_before(PyObject* module, PyObject* const* a) {
 }  // namespace
 
 const FunctionDef kDefs[] = {
-    {Name::get_authors_for_period,
-     "(repo_root: Path, since: str = \"30d\") -> list[dict[str, Any]]",
+    {Name::get_authors_for_period, "(repo_root: Path, since: str = \"30d\") -> list[dict[str, Any]]",
      "List the authors of the period since `since` (a time spec), most commits\n"
      "first, as git's shortlog counts them: dicts with \"name\", \"email\" and\n"
      "\"commits\". A refused spec raises ValueError before git runs; a failed,\n"
      "timed-out or missing git gives an empty list (logged at debug level).\n"
      "git reads the log from standard input when that is not a terminal.",
      get_authors_for_period},
-    {Name::count_commits,
-     "(repo_root: Path, base: str, head: str) -> int",
+    {Name::count_commits, "(repo_root: Path, base: str, head: str) -> int",
      "Count the commits reachable from head and not from base (git rev-list\n"
      "--count base..head). Raises GitError when git fails, and before git runs\n"
      "for a base or head that begins with \"--\".",
      count_commits},
-    {Name::commit_before,
-     "(repo_root: Path, ref: str, moment: datetime) -> str | None",
+    {Name::commit_before, "(repo_root: Path, ref: str, moment: datetime) -> str | None",
      "Return the full id of the newest commit of ref's history committed at or\n"
      "before moment (written to git as local time, to the second), or None when\n"
      "there is none. Raises GitError when git fails, and before git runs for a\n"

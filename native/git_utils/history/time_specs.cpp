@@ -115,8 +115,8 @@ bool ascii_chars(const Spec& spec, std::string_view& out) {
     if (!PyUnicode_Check(text) || !PyUnicode_IS_ASCII(text)) return false;
     const Py_ssize_t start = spec.ranged ? spec.start : 0;
     const Py_ssize_t end = spec.ranged ? spec.end : PyUnicode_GET_LENGTH(text);
-    out = std::string_view(static_cast<const char*>(PyUnicode_DATA(text)) + start,
-                           static_cast<std::size_t>(end - start));
+    out =
+        std::string_view(static_cast<const char*>(PyUnicode_DATA(text)) + start, static_cast<std::size_t>(end - start));
     return true;
 }
 
@@ -282,7 +282,8 @@ Native native_relative(const PyDateTime_CAPI* api, std::string_view digits, PyOb
     }
     const long long seconds = static_cast<long long>(count) * unit;
     if (seconds / kSecondsPerDay > kMaxDeltaDays) return declined;
-    Ref span = new_delta(api, static_cast<int>(seconds / kSecondsPerDay), static_cast<int>(seconds % kSecondsPerDay), 0);
+    Ref span =
+        new_delta(api, static_cast<int>(seconds / kSecondsPerDay), static_cast<int>(seconds % kSecondsPerDay), 0);
     Ref now = span ? local_now(api) : Ref();
     return now ? Ref::steal(PyNumber_Subtract(now.get(), span.get())) : Ref();
 }
@@ -317,8 +318,9 @@ Ref native_local_moment(const PyDateTime_CAPI* api, const core::IsoMoment& m) {
     std::tm local{};
     if (local_time(static_cast<time_t>(timestamp), local) < 0) return Ref();
     if (local.tm_gmtoff <= -kSecondsPerDay || local.tm_gmtoff >= kSecondsPerDay) {
-        PyErr_SetString(PyExc_ValueError, "offset must be a timedelta strictly between -timedelta(hours=24) and "
-                                          "timedelta(hours=24)");
+        PyErr_SetString(PyExc_ValueError,
+                        "offset must be a timedelta strictly between -timedelta(hours=24) and "
+                        "timedelta(hours=24)");
         return Ref();
     }
     Ref zone = new_delta(api, 0, static_cast<int>(local.tm_gmtoff), 0);
@@ -396,8 +398,8 @@ Ref iso_moment(PyObject* module, const Spec& spec) {
         if (!whole) return Ref();
         bytes = Ref::steal(PyUnicode_AsEncodedString(whole.get(), "utf-8", "surrogatepass"));
         if (!bytes) return Ref();
-        text = std::string_view(PyBytes_AS_STRING(bytes.get()),
-                                static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
+        text =
+            std::string_view(PyBytes_AS_STRING(bytes.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
     }
     core::IsoMoment m;
     if (core::parse_iso_datetime(text, m) != core::IsoError::none) {
@@ -490,8 +492,7 @@ int clock_guard(PyObject* module, GuardBuilder& guard) {
 }
 
 const FunctionDef kDefs[] = {
-    {Name::parse_time_spec,
-     "(since: str) -> datetime",
+    {Name::parse_time_spec, "(since: str) -> datetime",
      "Turn a time spec into the local moment at which the period starts.\n\n"
      "A relative spec, a positive whole number followed by m, h, d or w (30m,\n"
      "24h, 7d, 2w), means that long before now, on the local wall clock. An ISO\n"

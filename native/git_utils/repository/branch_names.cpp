@@ -174,8 +174,7 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
     const bool plain = own_root && is_plain_path(module, repo_root);
     Ref root;
     if (!plain) {
-        root = own_root ? wiki_join(repo_root, nullptr, false)
-                        : call(root_function.get(), repo_root);
+        root = own_root ? wiki_join(repo_root, nullptr, false) : call(root_function.get(), repo_root);
         if (!root) return nullptr;
     }
     Ref sanitize = lookup(module, Name::sanitize_branch_name);
@@ -197,8 +196,7 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
 }  // namespace
 
 const FunctionDef kDefs[] = {
-    {Name::normalize_branch_name,
-     "(name: str | None) -> str | None",
+    {Name::normalize_branch_name, "(name: str | None) -> str | None",
      "Return the short form of a branch name, or None for an empty one.\n\n"
      "White space is stripped, then the prefixes \"refs/heads/\", \"refs/remotes/\",\n"
      "\"remotes/\" and \"origin/\" are cut in passes, each pass trying them in that\n"
@@ -206,19 +204,15 @@ const FunctionDef kDefs[] = {
      "origin/main both give main. None, \"\" and a name that nothing is left of\n"
      "give None.",
      normalize_branch_name},
-    {Name::sanitize_branch_name,
-     "(branch: str) -> str",
+    {Name::sanitize_branch_name, "(branch: str) -> str",
      "Return a directory name for a branch: \"/\" and \"\\\" become \"__\", letters,\n"
      "digits (in the Unicode sense of str.isalnum) and \"-_.\" are kept, and\n"
      "every other character becomes \"_\". The result is cut to 100 characters;\n"
      "an empty branch gives \"default\".",
      sanitize_branch_name},
-    {Name::wiki_root,
-     "(repo_root: Path) -> Path",
-     "Return the root of the branch wikis: repo_root / \"memory\" / \"lorebook\".",
-     wiki_root},
-    {Name::wiki_directory,
-     "(repo_root: Path, branch: str) -> Path",
+    {Name::wiki_root, "(repo_root: Path) -> Path",
+     "Return the root of the branch wikis: repo_root / \"memory\" / \"lorebook\".", wiki_root},
+    {Name::wiki_directory, "(repo_root: Path, branch: str) -> Path",
      "Return the wiki directory of a branch: wiki_root(repo_root) /\n"
      "sanitize_branch_name(branch). The branch is not normalised.",
      wiki_directory},

@@ -237,8 +237,7 @@ int path_stat_guard([[maybe_unused]] PyObject* module, [[maybe_unused]] GuardBui
 }
 
 const FunctionDef kDefs[] = {
-    {Name::find_git_root,
-     "(start: Path | None = None) -> Path | None",
+    {Name::find_git_root, "(start: Path | None = None) -> Path | None",
      "Return the root of the git repository that holds start, or None.\n\n"
      "start (default: the current working directory) is made absolute without\n"
      "resolving links or collapsing \"..\"; it and then its parents, nearest\n"
@@ -248,8 +247,7 @@ const FunctionDef kDefs[] = {
      "entry is no error; other file-system errors, such as permission denied,\n"
      "are raised.",
      find_git_root},
-    {Name::find_repo_root,
-     "() -> Path",
+    {Name::find_repo_root, "() -> Path",
      "Return find_git_root() of the current working directory, or else the\n"
      "current working directory itself; never None.",
      find_repo_root},
