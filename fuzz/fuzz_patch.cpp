@@ -42,11 +42,10 @@ struct Checker {
         // The regex engine recurses per character: keep it to short lines.
         if (line.size() < 256) {
             std::match_results<std::string_view::const_iterator> m;
-            const bool re = std::regex_search(line.begin(), line.end(), m, head_regex(),
-                                              std::regex_constants::match_continuous);
+            const bool re =
+                std::regex_search(line.begin(), line.end(), m, head_regex(), std::regex_constants::match_continuous);
             if (re != h.has_value()) std::abort();
-            if (re && (m.str(1) != h->old_count || m.str(2) != h->new_start || m.str(3) != h->new_count))
-                std::abort();
+            if (re && (m.str(1) != h->old_count || m.str(2) != h->new_start || m.str(3) != h->new_count)) std::abort();
         }
         if (!h) return std::nullopt;
         if (const std::optional<Span> s = make_span(*h); s && s->end < s->start) std::abort();

@@ -24,7 +24,8 @@ public:
     ByteBuffer(const ByteBuffer&) = delete;
     ByteBuffer& operator=(const ByteBuffer&) = delete;
     ByteBuffer(ByteBuffer&& o) noexcept
-        : data_(std::exchange(o.data_, nullptr)), size_(std::exchange(o.size_, 0)),
+        : data_(std::exchange(o.data_, nullptr)),
+          size_(std::exchange(o.size_, 0)),
           capacity_(std::exchange(o.capacity_, 0)) {}
     ByteBuffer& operator=(ByteBuffer&& o) noexcept {
         if (this != &o) {

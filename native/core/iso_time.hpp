@@ -47,7 +47,7 @@ enum class IsoError {
     offset_range,  // zone of 24 hours or more
     year_range,    // year 0000
     month_range,
-    day_range,     // no such day in that month
+    day_range,  // no such day in that month
     hour_range,
     minute_range,
     second_range,

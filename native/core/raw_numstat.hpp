@@ -251,8 +251,7 @@ public:
     template <class Stream>
     void collect(Stream& stream, const Unit* base, std::vector<FileRecord>& out, bool size_first = true) {
         const Piece<Unit> rest = stream.rest();
-        if (rest.data() != nullptr &&
-            static_cast<std::size_t>(rest.data() - base) + rest.size() > max_record_text)
+        if (rest.data() != nullptr && static_cast<std::size_t>(rest.data() - base) + rest.size() > max_record_text)
             throw std::length_error("text too long for its records");
         base_ = base;
         records_ = &out;
@@ -384,12 +383,12 @@ private:
     std::vector<Pending> pending_;
     std::vector<Bucket> table_;
     bool check_utf8_ = false, paths_valid_ = true;
-    bool indexed_ = false;   // paths are found through table_
-    bool ascending_ = true;  // every path so far sorted after the one before; none searched for yet
-    std::size_t room_ = 0;   // records the text may hold: the table's first size
+    bool indexed_ = false;       // paths are found through table_
+    bool ascending_ = true;      // every path so far sorted after the one before; none searched for yet
+    std::size_t room_ = 0;       // records the text may hold: the table's first size
     const Unit* end_ = nullptr;  // the text's end while the buffer may still need its exact size
-    std::size_t live_ = 0;   // paths kept: records and live Pending entries
-    std::size_t next_ = 0;   // the record the next numstat record likely names
+    std::size_t live_ = 0;       // paths kept: records and live Pending entries
+    std::size_t next_ = 0;       // the record the next numstat record likely names
 
     // A read past the last token gives a view without data: offset 0.
     std::uint32_t offset(Piece<Unit> piece) const noexcept {
@@ -488,7 +487,8 @@ private:
         const std::vector<FileRecord>& records = *records_;
         for (std::size_t k = 0; k < records.size(); ++k) place(path_of(records[k], base_), make_ref(k + 1, 0));
         for (std::size_t k = 0; k < pending_.size(); ++k)
-            if (pending_[k].live) place({base_ + pending_[k].path_at, pending_[k].path_len}, make_ref(k + 1, pending_bit));
+            if (pending_[k].live)
+                place({base_ + pending_[k].path_at, pending_[k].path_len}, make_ref(k + 1, pending_bit));
     }
 
     void place(Piece<Unit> path, std::uint32_t ref) {

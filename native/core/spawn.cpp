@@ -174,10 +174,10 @@ struct ChildPlan {
     char* const* candidates;  // null-terminated
     const char* cwd;
     char* const* envp;
-    int out;     // write ends of the pipes, for 1 and 2
+    int out;  // write ends of the pipes, for 1 and 2
     int err;
-    int report;  // write end of the error pipe
-    int max_fd;  // where closing one by one stops
+    int report;            // write end of the error pipe
+    int max_fd;            // where closing one by one stops
     const sigset_t* mask;  // the parent's mask, the child's from exec on
 };
 
@@ -218,8 +218,7 @@ int reset_signals(const sigset_t* mask) noexcept {
 // Closes every descriptor from `lowest` up but `keep` (above `lowest`).
 void close_from(int lowest, int keep, int max_fd) noexcept {
 #ifdef __linux__
-    if (::syscall(SYS_close_range, lowest, keep - 1, 0) == 0 &&
-        ::syscall(SYS_close_range, keep + 1, ~0U, 0) == 0)
+    if (::syscall(SYS_close_range, lowest, keep - 1, 0) == 0 && ::syscall(SYS_close_range, keep + 1, ~0U, 0) == 0)
         return;
     // No close_range (an older kernel, a sandbox): the open ones, as listed.
     const int dir = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -235,8 +234,10 @@ void close_from(int lowest, int keep, int max_fd) noexcept {
                 int fd = 0;
                 bool number = *name != '\0';
                 for (const char* c = name; *c != '\0'; ++c) {
-                    if (*c < '0' || *c > '9') number = false;
-                    else fd = fd * 10 + (*c - '0');
+                    if (*c < '0' || *c > '9')
+                        number = false;
+                    else
+                        fd = fd * 10 + (*c - '0');
                 }
                 if (number && fd >= lowest && fd != keep && fd != dir) ::close(fd);
                 at += length;
@@ -270,14 +271,17 @@ void close_from(int lowest, int keep, int max_fd) noexcept {
 }
 
 // vfork, as the interpreter's spawner uses it: the parent's thread waits
-// until the child has exec'd or exited, and no memory is copied. Elsewhere a
-// plain fork.
+// until the child has exec'd or exited, and no memory is copied. Where vfork
+// is refused (a sandbox, a kernel that forbids it), fork, as the
+// interpreter then forks. Elsewhere a plain fork.
 [[gnu::noinline]] pid_t fork_child(const ChildPlan& plan) noexcept {
 #ifdef __linux__
-    const pid_t pid = ::vfork();
-#else
-    const pid_t pid = ::fork();
+    if (const pid_t pid = ::vfork(); pid != -1) {
+        if (pid == 0) exec_child(plan);
+        return pid;
+    }
 #endif
+    const pid_t pid = ::fork();
     if (pid == 0) exec_child(plan);
     return pid;
 }
@@ -354,9 +358,14 @@ Child start(const SpawnSpec& spec, OutputPipes pipes) {
     sigset_t all, mask;
     sigfillset(&all);
     ::pthread_sigmask(SIG_BLOCK, &all, &mask);
-    const ChildPlan plan{argv.data(),     candidates.data(), spec.cwd.c_str(),
-                         environment(),   pipes.out_write.get(), pipes.err_write.get(),
-                         report_write.get(), open_max > 0 && open_max < (1L << 30) ? static_cast<int>(open_max) : 256,
+    const ChildPlan plan{argv.data(),
+                         candidates.data(),
+                         spec.cwd.c_str(),
+                         environment(),
+                         pipes.out_write.get(),
+                         pipes.err_write.get(),
+                         report_write.get(),
+                         open_max > 0 && open_max < (1L << 30) ? static_cast<int>(open_max) : 256,
                          &mask};
     const pid_t pid = fork_child(plan);
     const int fork_error = errno;
@@ -555,8 +564,8 @@ struct Waiter {
 Finished finish(Child& child, double timeout_seconds, Interrupt interrupt) {
     Waiter w{child, interrupt, timeout_seconds > 0 && std::isfinite(timeout_seconds), {}};
     if (w.has_deadline)
-        w.deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                        std::chrono::duration<double>(timeout_seconds));
+        w.deadline =
+            Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout_seconds));
     Finished f = w.run();
     if (f.outcome == Outcome::exited) f.returncode = returncode_of(w.last_status);
     return f;

@@ -118,8 +118,8 @@ constexpr bool follows_name_order() {
 static_assert(follows_name_order(), "the entries follow GU_NAMESPACE, each name once");
 
 const std::span<const FunctionDef> kFunctionTables[] = {
-    kDiscoveryFunctions,   kRevisionQueryFunctions, kBranchNameFunctions, kTimeSpecFunctions, kRunnerFunctions,
-    kHistoryFunctions,     kChangeQueryFunctions,   kFileChangeFunctions, kLineSpanFunctions,
+    kDiscoveryFunctions, kRevisionQueryFunctions, kBranchNameFunctions, kTimeSpecFunctions, kRunnerFunctions,
+    kHistoryFunctions,   kChangeQueryFunctions,   kFileChangeFunctions, kLineSpanFunctions,
 };
 
 int bind(PyObject* module, Name name, Ref value) {
@@ -218,6 +218,7 @@ static_assert(one_builder_each(), "one builder for every fast path");
 
 int exec_module(PyObject* module) {
     if (init_state(module) < 0) return -1;
+    keep_datetime_api(module);
 #ifndef _WIN32
     register_exit_kill();
 #endif
@@ -253,7 +254,7 @@ void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 // may load it too. Free-threading is not declared (no Py_mod_gil): the
 // interpreter then turns its GIL on when it loads the module.
 PyModuleDef_Slot module_slots[] = {
-    {Py_mod_exec, reinterpret_cast<void*>(guarded<exec_module>)},
+    {Py_mod_exec, reinterpret_cast<void*>(at_boundary<exec_module>)},
 #if PY_VERSION_HEX >= 0x030C0000
     {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
 #endif
@@ -261,15 +262,8 @@ PyModuleDef_Slot module_slots[] = {
 };
 
 PyModuleDef module_def = {
-    PyModuleDef_HEAD_INIT,
-    "git_utils",
-    kModuleDoc,
-    sizeof(ModuleState),
-    nullptr,
-    module_slots,
-    module_traverse,
-    module_clear,
-    module_free,
+    PyModuleDef_HEAD_INIT, "git_utils",     kModuleDoc,   sizeof(ModuleState), nullptr,
+    module_slots,          module_traverse, module_clear, module_free,
 };
 
 }  // namespace

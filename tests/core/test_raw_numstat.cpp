@@ -154,7 +154,8 @@ void test_file_records_in_every_unit_width() {
         {z({"8\t8\tb", "9\t9\tb", h + "A", "a", h + "M", "b", h + "R", "o", "a", "1\t1\ta", "2\t3\ta"}),
          "R a<o 2,3; M b 9,9; "},
         // Counts beyond nine digits or outside ASCII are kept as fields.
-        {z({h + "M", "a", h + "M", "b", "1234567890\t1\ta", "\xd9\xa3\t2\tb"}), "M a [1234567890,1]; M b [\xd9\xa3,2]; "},
+        {z({h + "M", "a", h + "M", "b", "1234567890\t1\ta", "\xd9\xa3\t2\tb"}),
+         "M a [1234567890,1]; M b [\xd9\xa3,2]; "},
         {many_paths(), many + "D late 3,4; "},  // found through the hash table, ties as with few
         // Paths in git's sorted order are not searched for; a path out of
         // that order (named again, or a prefix after a longer path) is.
@@ -182,7 +183,12 @@ void test_commit_log() {
         }
         return got;
     };
-    const std::string log = z({"before", "\x1e" "300", "\n:1 2 a b M", "a", "1\t1\ta", "\x1e" "200",
+    const std::string log = z({"before",
+                               "\x1e"
+                               "300",
+                               "\n:1 2 a b M", "a", "1\t1\ta",
+                               "\x1e"
+                               "200",
                                "\n\n\x1e 100\n", "\n:1 2 c d A", "b", ""});
     CHECK((commits_of(log) ==
            Commits{{"300", {"\n:1 2 a b M", "a", "1\t1\ta"}}, {"200", {}}, {" 100\n", {"\n:1 2 c d A", "b", ""}}}));
@@ -192,7 +198,13 @@ void test_commit_log() {
     // was due; what a reader leaves of a body is skipped.
     std::vector<std::string> records;
     FileCollector<char> collector;
-    const std::string cut = z({"\x1e" "1", "\n:1 2 a b R1", "old", "\x1e" "2", "junk", ":1 2 a b A", "n"});
+    const std::string cut =
+        z({"\x1e"
+           "1",
+           "\n:1 2 a b R1", "old",
+           "\x1e"
+           "2",
+           "junk", ":1 2 a b A", "n"});
     BasicLogStream<char> commits(cut);
     std::vector<FileRecord> found;
     for (std::string_view time; commits.next_commit(time);) {

@@ -1,7 +1,7 @@
 // Where the interpreter calls into the binding layer: the native function's
 // call, the type's slots and getters, the module's initialisation. No C++
 // exception may cross into the interpreter, so each of these entry points is
-// `guarded`: an exception that leaves its body becomes the Python exception
+// wrapped `at_boundary`: an exception that leaves its body becomes the Python exception
 // it stands for, MemoryError for std::bad_alloc, SystemError naming any
 // other. The interpreter's lock is held whenever an exception gets here:
 // work done without it (run_unlocked) takes it back before rethrowing.
@@ -24,10 +24,10 @@ namespace gu {
 void raise_for_current_exception() noexcept;
 
 template <auto Body>
-struct Guarded;
+struct AtBoundary;
 
 template <class R, class... Args, R (*Body)(Args...)>
-struct Guarded<Body> {
+struct AtBoundary<Body> {
     static_assert(std::is_pointer_v<R> || std::is_same_v<R, int>, "an entry point reports errors by null or -1");
 
     static R entry(Args... args) {
@@ -49,6 +49,6 @@ struct Guarded<Body> {
 
 // `Body` as an entry point the interpreter may call.
 template <auto Body>
-inline constexpr auto guarded = &Guarded<Body>::entry;
+inline constexpr auto at_boundary = &AtBoundary<Body>::entry;
 
 }  // namespace gu

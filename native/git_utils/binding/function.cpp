@@ -12,11 +12,10 @@ namespace gu {
 namespace {
 
 struct NativeFunction {
-    PyObject_HEAD
-    vectorcallfunc vectorcall;
+    PyObject_HEAD vectorcallfunc vectorcall;
     const FunctionDef* def;
-    PyObject* module;       // the namespace the function reads at each call
-    PyObject* dict;         // __dict__
+    PyObject* module;  // the namespace the function reads at each call
+    PyObject* dict;    // __dict__
     PyObject* weaklist;
     PyObject* name;         // __name__
     PyObject* qualname;     // __qualname__
@@ -109,7 +108,8 @@ PyObject* missing_arguments(NativeFunction* f, PyObject* const* bound, Py_ssize_
     return format_missing(qualname_of(f).get(), kind, names.get());
 }
 
-PyObject* too_many_positional(NativeFunction* f, const CallDefaults& defaults, PyObject* const* bound, Py_ssize_t given) {
+PyObject* too_many_positional(NativeFunction* f, const CallDefaults& defaults, PyObject* const* bound,
+                              Py_ssize_t given) {
     Py_ssize_t kwonly_given = 0;
     for (Py_ssize_t i = f->argcount; i < f->argcount + f->kwonlycount; ++i) kwonly_given += bound[i] != nullptr;
     const Py_ssize_t defcount = defaults.count();
@@ -123,13 +123,14 @@ PyObject* too_many_positional(NativeFunction* f, const CallDefaults& defaults, P
         sig = Ref::steal(PyUnicode_FromFormat("%zd", f->argcount));
     }
     if (!sig) return nullptr;
-    Ref kwonly_sig = kwonly_given ? Ref::steal(PyUnicode_FromFormat(" positional argument%s (and %zd keyword-only argument%s)",
-                                                                    given != 1 ? "s" : "", kwonly_given,
-                                                                    kwonly_given != 1 ? "s" : ""))
-                                  : Ref::steal(PyUnicode_FromString(""));
+    Ref kwonly_sig =
+        kwonly_given
+            ? Ref::steal(PyUnicode_FromFormat(" positional argument%s (and %zd keyword-only argument%s)",
+                                              given != 1 ? "s" : "", kwonly_given, kwonly_given != 1 ? "s" : ""))
+            : Ref::steal(PyUnicode_FromString(""));
     if (!kwonly_sig) return nullptr;
-    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", qualname_of(f).get(), sig.get(),
-                 plural ? "s" : "", given, kwonly_sig.get(), given == 1 && !kwonly_given ? "was" : "were");
+    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", qualname_of(f).get(),
+                 sig.get(), plural ? "s" : "", given, kwonly_sig.get(), given == 1 && !kwonly_given ? "was" : "were");
     return nullptr;
 }
 
@@ -242,7 +243,9 @@ bool is_tuple(PyObject* o) { return PyTuple_Check(o); }
 bool is_dict(PyObject* o) { return PyDict_Check(o); }
 
 PyObject* get_name(PyObject* self, void*) { return read_slot(self, &NativeFunction::name).release(); }
-int set_name(PyObject* self, PyObject* value, void*) { return set_text(self, &NativeFunction::name, value, "__name__"); }
+int set_name(PyObject* self, PyObject* value, void*) {
+    return set_text(self, &NativeFunction::name, value, "__name__");
+}
 PyObject* get_qualname(PyObject* self, void*) { return read_slot(self, &NativeFunction::qualname).release(); }
 int set_qualname(PyObject* self, PyObject* value, void*) {
     return set_text(self, &NativeFunction::qualname, value, "__qualname__");
@@ -339,15 +342,15 @@ PyObject* get_signature(PyObject* self, void*) {
 }
 
 PyGetSetDef function_getset[] = {
-    {"__name__", guarded<get_name>, guarded<set_name>, nullptr, nullptr},
-    {"__qualname__", guarded<get_qualname>, guarded<set_qualname>, nullptr, nullptr},
-    {"__defaults__", guarded<get_defaults>, guarded<set_defaults>, nullptr, nullptr},
-    {"__kwdefaults__", guarded<get_kwdefaults>, guarded<set_kwdefaults>, nullptr, nullptr},
-    {"__annotations__", guarded<get_annotations>, guarded<set_annotations>, nullptr, nullptr},
-    {"__module__", guarded<get_module_name>, guarded<set_module_name>, nullptr, nullptr},
-    {"__doc__", guarded<get_doc>, guarded<set_doc>, nullptr, nullptr},
-    {"__globals__", guarded<get_globals>, nullptr, nullptr, nullptr},
-    {"__signature__", guarded<get_signature>, nullptr, nullptr, nullptr},
+    {"__name__", at_boundary<get_name>, at_boundary<set_name>, nullptr, nullptr},
+    {"__qualname__", at_boundary<get_qualname>, at_boundary<set_qualname>, nullptr, nullptr},
+    {"__defaults__", at_boundary<get_defaults>, at_boundary<set_defaults>, nullptr, nullptr},
+    {"__kwdefaults__", at_boundary<get_kwdefaults>, at_boundary<set_kwdefaults>, nullptr, nullptr},
+    {"__annotations__", at_boundary<get_annotations>, at_boundary<set_annotations>, nullptr, nullptr},
+    {"__module__", at_boundary<get_module_name>, at_boundary<set_module_name>, nullptr, nullptr},
+    {"__doc__", at_boundary<get_doc>, at_boundary<set_doc>, nullptr, nullptr},
+    {"__globals__", at_boundary<get_globals>, nullptr, nullptr, nullptr},
+    {"__signature__", at_boundary<get_signature>, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
@@ -364,7 +367,7 @@ PyMemberDef function_members[] = {
 PyObject* function_reduce(PyObject* self, PyObject*) { return read_slot(self, &NativeFunction::qualname).release(); }
 
 PyMethodDef function_methods[] = {
-    {"__reduce__", guarded<function_reduce>, METH_NOARGS, nullptr},
+    {"__reduce__", at_boundary<function_reduce>, METH_NOARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -409,9 +412,9 @@ PyType_Slot function_slots[] = {
     {Py_tp_dealloc, reinterpret_cast<void*>(function_dealloc)},
     {Py_tp_traverse, reinterpret_cast<void*>(function_traverse)},
     {Py_tp_clear, reinterpret_cast<void*>(function_clear)},
-    {Py_tp_repr, reinterpret_cast<void*>(guarded<function_repr>)},
+    {Py_tp_repr, reinterpret_cast<void*>(at_boundary<function_repr>)},
     {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
-    {Py_tp_descr_get, reinterpret_cast<void*>(guarded<function_descr_get>)},
+    {Py_tp_descr_get, reinterpret_cast<void*>(at_boundary<function_descr_get>)},
     {Py_tp_getset, function_getset},
     {Py_tp_members, function_members},
     {Py_tp_methods, function_methods},
@@ -459,26 +462,27 @@ Ref make_function(PyObject* module, const FunctionDef& def) {
     if (!proto) return Ref();
     Ref code = attr(proto.get(), "__code__");
     if (!code) return Ref();
+    // Each step only once the one before succeeded: no call with an exception set.
     const Py_ssize_t argcount = as_size(attr(code.get(), "co_argcount").get());
+    if (argcount < 0) return Ref();
     const Py_ssize_t kwonlycount = as_size(attr(code.get(), "co_kwonlyargcount").get());
-    if (argcount < 0 || kwonlycount < 0) return Ref();
+    if (kwonlycount < 0) return Ref();
     if (argcount + kwonlycount > kMaxParams) {
         PyErr_Format(PyExc_SystemError, "%s takes more than %zd parameters", name, kMaxParams);
         return Ref();
     }
     Ref varnames = attr(code.get(), "co_varnames");
-    if (!varnames) return Ref();
-    Ref params = Ref::steal(PyTuple_GetSlice(varnames.get(), 0, argcount + kwonlycount));
-    Ref defaults = attr(proto.get(), "__defaults__");
-    Ref kwdefaults = attr(proto.get(), "__kwdefaults__");
-    Ref annotations = attr(proto.get(), "__annotations__");
-    Ref doc = Ref::steal(PyUnicode_FromString(def.doc));
-    if (!params || !defaults || !kwdefaults || !annotations || !doc) return Ref();
+    Ref params = varnames ? Ref::steal(PyTuple_GetSlice(varnames.get(), 0, argcount + kwonlycount)) : Ref();
+    Ref defaults = params ? attr(proto.get(), "__defaults__") : Ref();
+    Ref kwdefaults = defaults ? attr(proto.get(), "__kwdefaults__") : Ref();
+    Ref annotations = kwdefaults ? attr(proto.get(), "__annotations__") : Ref();
+    Ref doc = annotations ? Ref::steal(PyUnicode_FromString(def.doc)) : Ref();
+    if (!doc) return Ref();
 
     auto* f = PyObject_GC_New(NativeFunction, reinterpret_cast<PyTypeObject*>(st->function_type));
     if (f == nullptr) return Ref();
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(f));
-    f->vectorcall = guarded<function_vectorcall>;  // every body runs inside it
+    f->vectorcall = at_boundary<function_vectorcall>;  // every body runs inside it
     f->def = &def;
     f->module = Py_NewRef(module);
     f->dict = nullptr;

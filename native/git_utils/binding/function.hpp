@@ -30,7 +30,6 @@ struct FunctionDef {
     Impl impl;
 };
 
-
 // The most parameters a function of the module takes.
 inline constexpr Py_ssize_t kMaxParams = 8;
 

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 
 namespace gu {
 namespace {
@@ -83,8 +84,8 @@ Ref class_dict_of(PyObject* type) {
 bool guard_holds(const Guard& guard) {
     if (guard.subject == nullptr) return false;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(guard.entries); i += 3) {
-        PyObject* found = PyDict_GetItemWithError(PyTuple_GET_ITEM(guard.entries, i),
-                                                  PyTuple_GET_ITEM(guard.entries, i + 1));
+        PyObject* found =
+            PyDict_GetItemWithError(PyTuple_GET_ITEM(guard.entries, i), PyTuple_GET_ITEM(guard.entries, i + 1));
         if (found != PyTuple_GET_ITEM(guard.entries, i + 2)) {
             PyErr_Clear();
             return false;
@@ -207,9 +208,10 @@ void GuardBuilder::genuine_class(PyObject* type, PyObject* modules) {
             if (PyObject_TypeCheck(value, &PyClassMethod_Type) || PyObject_TypeCheck(value, &PyStaticMethod_Type)) {
                 inner[0] = Ref::steal(PyObject_GetAttrString(value, "__func__"));
             } else if (PyObject_TypeCheck(value, &PyProperty_Type)) {
-                inner[0] = Ref::steal(PyObject_GetAttrString(value, "fget"));
-                inner[1] = Ref::steal(PyObject_GetAttrString(value, "fset"));
-                inner[2] = Ref::steal(PyObject_GetAttrString(value, "fdel"));
+                // Each read only while the one before succeeded: none with an exception set.
+                const char* const accessors[] = {"fget", "fset", "fdel"};
+                for (std::size_t i = 0; i < std::size(accessors) && !PyErr_Occurred(); ++i)
+                    inner[i] = Ref::steal(PyObject_GetAttrString(value, accessors[i]));
             } else {
                 inner[0] = Ref::borrow(value);
             }

@@ -93,8 +93,6 @@ Ref class_dict_of(PyObject* type);
 // (a package such as pathlib spreads over several), as a tuple.
 Ref module_namespaces(const char* name);
 
-// The name the logger's guard still calls module_namespaces by.
-
 // Whether `f` is a function defined in one of `modules` (its globals are one
 // of those namespaces): 1 or 0.
 int defined_in(PyObject* f, PyObject* modules);

@@ -46,6 +46,11 @@ Ref call_name(PyObject* module, Name name, Args... args) {
     return f ? call(f.get(), args...) : Ref();
 }
 
+// s.strip(), through the interned name.
+inline Ref strip(PyObject* module, PyObject* s) {
+    return Ref::steal(PyObject_CallMethodNoArgs(s, state_of(module)->str_strip));
+}
+
 // bool(value), as an if statement reads it: 1, 0, or -1 with an exception
 // (a null `value` is the failed call that made it).
 inline int truth(const Ref& value) { return value ? PyObject_IsTrue(value.get()) : -1; }

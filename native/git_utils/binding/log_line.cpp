@@ -69,8 +69,8 @@ int log_record(PyObject* module, PyObject* logger, LogLevel level, const char* f
     if (!name) return -1;
     Ref line = Ref::steal(PyLong_FromLong(0));
     if (!line) return -1;
-    PyObject* argv[] = {logger,        name.get(), number.get(), path.get(), line.get(), format,
-                        values,        Py_None,    func.get(),   Py_None,    Py_None};
+    PyObject* argv[] = {logger, name.get(), number.get(), path.get(), line.get(), format,
+                        values, Py_None,    func.get(),   Py_None,    Py_None};
     Ref record = Ref::steal(PyObject_VectorcallMethod(st->str_make_record, argv, std::size(argv), nullptr));
     if (!record) return -1;
     if (file) {
@@ -104,8 +104,7 @@ int log_line(PyObject* module, LogLevel level, const char* function, const char*
     if (standard) return log_record(module, logger.get(), level, function, fmt.get(), tuple.get());
 
     // Any other logger gets the plain call.
-    Ref method = Ref::steal(
-        PyObject_GetAttr(logger.get(), level == LogLevel::debug ? st->str_debug : st->str_warning));
+    Ref method = Ref::steal(PyObject_GetAttr(logger.get(), level == LogLevel::debug ? st->str_debug : st->str_warning));
     if (!method) return -1;
     Ref r = Ref::steal(PyObject_Call(method.get(), call_args.get(), nullptr));
     return r ? 0 : -1;
@@ -124,6 +123,7 @@ int logger_guard(PyObject* module, GuardBuilder& guard) {
     // through logger.handle.
     guard.subject(logger_class.get());
     for (const char* name : kReplacedMethods) {
+        if (!guard.ok()) break;  // an error is pending: no more lookups
         Ref method = Ref::steal(PyObject_GetAttrString(logger_class.get(), name));
         if (!method) {
             PyErr_Clear();

@@ -5,6 +5,8 @@
 
 #include <cstddef>
 
+// Rows of names as the namespace reads, kept as written.
+// clang-format off
 #define GU_NAMESPACE(X)                                                                      \
     X(logging) X(re) X(subprocess) X(Sequence) X(dataclass) X(datetime) X(timedelta)      \
     X(Path) X(Any) X(get_subprocess_hidden_kwargs) X(logger)                               \
@@ -19,6 +21,7 @@
     X(parse_file_changes) X(parse_commit_changes) X(parse_line_spans) X(_span)            \
     X(_file_changes) X(_line_count) X(_patch_path) X(_unquote) X(_path_batches)           \
     X(_git_output)
+// clang-format on
 
 namespace gu {
 

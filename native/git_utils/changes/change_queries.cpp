@@ -131,9 +131,8 @@ PyObject* diff_line_spans(PyObject* module, PyObject* const* a) {
             run_and_parse(module, repo_root, arguments.get(), Name::parse_line_spans, parse_line_spans_from_git);
         if (!spans) return nullptr;
         // result.update(spans): a later batch's list replaces an earlier one's
-        const int merged = PyDict_Check(spans.get())
-                               ? PyDict_Update(result.get(), spans.get())
-                               : (call_method(result.get(), "update", spans.get()) ? 0 : -1);
+        const int merged = PyDict_Check(spans.get()) ? PyDict_Update(result.get(), spans.get())
+                                                     : (call_method(result.get(), "update", spans.get()) ? 0 : -1);
         if (merged < 0) return nullptr;
     }
     return PyErr_Occurred() ? nullptr : result.release();
@@ -183,8 +182,7 @@ PyObject* path_batches(PyObject* module, PyObject* const* a) {
 }  // namespace
 
 const FunctionDef kDefs[] = {
-    {Name::diff_file_changes,
-     "(repo_root: Path, base: str, head: str) -> list[FileChange]",
+    {Name::diff_file_changes, "(repo_root: Path, base: str, head: str) -> list[FileChange]",
      "List the files that head changed since it left base (git diff base...head,\n"
      "against their merge base), as FileChange records in git's order, with\n"
      "renames detected. Raises GitError when git fails, and before git runs for\n"
@@ -211,8 +209,7 @@ const FunctionDef kDefs[] = {
      "Raises GitError when any git run fails, and before git runs for a base or\n"
      "head that begins with \"--\".",
      diff_line_spans},
-    {Name::_path_batches,
-     "(paths: Sequence[str]) -> list[list[str]]",
+    {Name::_path_batches, "(paths: Sequence[str]) -> list[list[str]]",
      "Cut paths, in order, into batches whose lengths (one extra character per\n"
      "path) add up to at most _MAX_PATHSPEC_CHARS; a longer path makes a batch\n"
      "of its own. No paths give one empty batch.",

@@ -54,60 +54,87 @@ Ref line_count_of(core::Piece<Unit> field, const Text<Unit>& text) {
 
 // ---- the native path -------------------------------------------------------
 
-// The status word of each core status, read from _STATUS_BY_LETTER when it
+// The status word of each core status, read from _STATUS_BY_LETTER while it
 // is still the mapping loading made, holding what the core's letter table
 // says. Returns false (no exception) when the mapping was replaced or changed.
 struct StatusWords {
     Ref word[5];  // by core::Status
 
-    bool read(PyObject* module) {
-        return mapping_matches(module, Name::_STATUS_BY_LETTER, core::status_letters,
-                               [this](const core::StatusLetter& s, Ref w) {
-                                   if (!PyUnicode_CheckExact(w.get()) ||
-                                       PyUnicode_CompareWithASCIIString(w.get(), s.word) != 0)
-                                       return false;
-                                   Ref& slot = word[static_cast<int>(s.status)];
-                                   if (!slot) slot = std::move(w);
-                                   return true;
-                               });
+    bool read(const Collaborator& status_by_letter) {
+        return status_by_letter.holds_table(core::status_letters, [this](const core::StatusLetter& s, Ref w) {
+            if (!PyUnicode_CheckExact(w.get()) || PyUnicode_CompareWithASCIIString(w.get(), s.word) != 0) return false;
+            Ref& slot = word[static_cast<int>(s.status)];
+            if (!slot) slot = std::move(w);
+            return true;
+        });
     }
 };
 
-// Everything the native path needs; `ready` tells whether it may run.
-struct NativeFileChanges {
+// Which function a parse serves: _file_changes (tokens), parse_file_changes
+// (a diff) or parse_commit_changes (a log).
+enum class Parse { tokens, diff, log };
+
+// How one call of the raw and numstat parsers runs, decided at its start:
+// the collaborators it uses, whether the core's scanner reads the output
+// (every helper and constant the scan stands in for is what loading bound),
+// and how its records are made.
+struct FileChangesPlan {
+    Collaborator two_path_letters, status_by_letter, line_count, file_changes, commit_start;
+    RecordMaker files, commits;
     StatusWords words;
-    bool ready = false;
+    PyObject* module;
+    Parse parse;
+    bool scan = false;
 
-    explicit NativeFileChanges(PyObject* module) {
-        ready = unchanged(module, Name::_TWO_PATH_LETTERS) && unchanged(module, Name::_line_count) &&
-                words.read(module);
+    FileChangesPlan(PyObject* module_of, Parse parse_of)
+        : two_path_letters(module_of, Name::_TWO_PATH_LETTERS),
+          status_by_letter(module_of, Name::_STATUS_BY_LETTER),
+          line_count(module_of, Name::_line_count),
+          file_changes(module_of, Name::_file_changes),
+          commit_start(module_of, Name::_COMMIT_START),
+          files(module_of, Record::file_change),
+          commits(module_of, Record::commit_changes),
+          module(module_of),
+          parse(parse_of) {
+        scan = two_path_letters.as_loaded() && line_count.as_loaded() && words.read(status_by_letter) &&
+               (parse == Parse::tokens || file_changes.as_loaded()) &&
+               (parse != Parse::log || commit_start.as_loaded());
+    }
+
+    // Whether the scan runs and fills every record natively, so that no
+    // Python code runs in the call from here on; then the records' decision
+    // is settled for the whole call.
+    bool all_native() {
+        const bool with_commits = parse == Parse::log;
+        if (!scan || !files.fills() || (with_commits && !commits.fills())) return false;
+        files.settle();
+        if (with_commits) commits.settle();
+        return true;
     }
 };
+
+// Whether the core can hold offsets into a text of `size` units; a longer
+// one is parsed over Python objects.
+bool fits_records(std::size_t size) { return size <= core::max_record_text; }
 
 // The count a core record holds, as an int.
 template <class Unit>
 Ref count_of(const core::FileRecord& r, std::uint32_t exact, bool first, const Text<Unit>& text) {
     switch (r.counts) {
-        case core::Counts::none:
-            return Ref::steal(PyLong_FromLong(0));
-        case core::Counts::exact:
-            return Ref::steal(PyLong_FromUnsignedLong(exact));
-        case core::Counts::fields:
-            break;
+        case core::Counts::none: return Ref::steal(PyLong_FromLong(0));
+        case core::Counts::exact: return Ref::steal(PyLong_FromUnsignedLong(exact));
+        case core::Counts::fields: break;
     }
     const auto fields = core::count_fields(r, text.base());
     return line_count_of(first ? fields.first : fields.second, text);
 }
 
 // FileChange records of the core's records, in order, into `out` (a list
-// or, for a commit, a tuple, of the records' size). `fill`: the records may
-// be filled natively without asking again (no Python code runs meanwhile).
-// `paths_checked`: the collector found every path well-formed UTF-8.
+// or, for a commit, a tuple, of the records' size). `paths_checked`: the
+// collector found every path well-formed UTF-8.
 template <class Unit>
-int fill_file_changes(PyObject* module, const NativeFileChanges& native, const std::vector<core::FileRecord>& records,
-                       const Text<Unit>& text, Collaborator& file_change, bool fill, PyObject* out,
-                       bool paths_checked = false) {
-    const ModuleState* st = state_of(module);
+int fill_file_changes(FileChangesPlan& plan, const std::vector<core::FileRecord>& records, const Text<Unit>& text,
+                      PyObject* out, bool paths_checked) {
     const bool is_tuple = PyTuple_Check(out);
     const Unit* base = text.base();
     for (std::size_t i = 0; i < records.size(); ++i) {
@@ -118,12 +145,10 @@ int fill_file_changes(PyObject* module, const NativeFileChanges& native, const s
         if (!path || !old_path) return -1;
         Ref added = count_of(r, r.added, true, text);
         Ref deleted = count_of(r, r.deleted, false, text);
-        PyObject* cls = file_change.get();
-        if (!added || !deleted || cls == nullptr) return -1;
-        PyObject* values[] = {path.get(), native.words.word[static_cast<int>(r.status)].get(), added.get(),
-                              deleted.get(), old_path.get()};
-        Ref record = fill ? fill_record(st, Record::file_change, cls, values)
-                          : make_record(st, Record::file_change, cls, values);
+        if (!added || !deleted) return -1;
+        PyObject* values[] = {path.get(), plan.words.word[static_cast<int>(r.status)].get(), added.get(), deleted.get(),
+                              old_path.get()};
+        Ref record = plan.files.make(values);
         if (!record) return -1;
         if (is_tuple)
             PyTuple_SET_ITEM(out, static_cast<Py_ssize_t>(i), record.release());
@@ -133,35 +158,29 @@ int fill_file_changes(PyObject* module, const NativeFileChanges& native, const s
     return 0;
 }
 
-// Whether the core can hold offsets into `text`; a longer one is parsed
-// over Python objects.
+// The records the scanner collects from `stream`. For git's bytes, given
+// `utf8_paths`: whether every path in them is well-formed UTF-8. Paths that
+// don't decode alike may differ as bytes, so the caller then parses the
+// decoded text instead.
 template <class Unit>
-bool fits_records(const Text<Unit>& text) {
-    return text.view().size() <= core::max_record_text;
+std::vector<core::FileRecord> collect_files(const Text<Unit>& text, core::BasicTokenStream<Unit>& stream,
+                                            bool* utf8_paths = nullptr) {
+    std::vector<core::FileRecord> records;
+    core::FileCollector<Unit> collector;  // its table is gone before the records are made
+    if (utf8_paths != nullptr) collector.check_utf8();
+    collector.collect(stream, text.base(), records);
+    if (utf8_paths != nullptr) *utf8_paths = collector.paths_valid();
+    return records;
 }
 
-// What parsing git's bytes in place gives; declined when a path in them is
-// not well-formed UTF-8: paths that decode alike may then differ as bytes,
-// and the caller parses the decoded text instead.
-
+// The list of FileChange records of what the scanner collected.
 template <class Unit>
-Native file_changes_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
-                             core::BasicTokenStream<Unit>& stream, bool git_bytes = false) {
-    std::vector<core::FileRecord> records;
-    {
-        core::FileCollector<Unit> collector;  // its table is gone before the records are made
-        if (git_bytes) collector.check_utf8();
-        collector.collect(stream, text.base(), records);
-        if (!collector.paths_valid()) return declined;
-    }
+Ref file_changes_natively(FileChangesPlan& plan, const std::vector<core::FileRecord>& records, const Text<Unit>& text,
+                          bool paths_checked = false) {
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(records.size())));
     if (!list) return Ref();
-    Collaborator file_change(module, Name::FileChange);
-    // Filled natively, the records are made without running Python code.
-    const bool fill =
-        file_change.is_original() && allowed_for(state_of(module), FastPath::file_change, file_change.get());
-    GcPause pause(fill);
-    if (fill_file_changes(module, native, records, text, file_change, fill, list.get(), git_bytes) < 0) return Ref();
+    GcPause pause(plan.all_native());
+    if (fill_file_changes(plan, records, text, list.get(), paths_checked) < 0) return Ref();
     return list;
 }
 
@@ -177,8 +196,8 @@ Ref next_or_empty(PyObject* iterator) {
 Ref pair(PyObject* a, PyObject* b) { return Ref::steal(PyTuple_Pack(2, a, b)); }
 
 // A raw record head: the status of the path tokens that follow it.
-int read_raw_record(PyObject* token, PyObject* iterator, Collaborator& two_path_letters,
-                    Collaborator& status_by_letter, PyObject* statuses) {
+int read_raw_record(PyObject* token, PyObject* iterator, Collaborator& two_path_letters, Collaborator& status_by_letter,
+                    PyObject* statuses) {
     Ref parts = call_method(token, "rsplit", "si", " ", 1);
     if (!parts) return -1;
     Ref last = Ref::steal(PySequence_GetItem(parts.get(), -1));
@@ -225,11 +244,7 @@ int read_numstat_record(PyObject* token, PyObject* iterator, Collaborator& line_
     return value ? PyObject_SetItem(counts, path.get(), value.get()) : -1;
 }
 
-Ref file_changes_through_objects(PyObject* module, PyObject* tokens) {
-    Collaborator two_path_letters(module, Name::_TWO_PATH_LETTERS);
-    Collaborator status_by_letter(module, Name::_STATUS_BY_LETTER);
-    Collaborator line_count(module, Name::_line_count);
-    Collaborator file_change(module, Name::FileChange);
+Ref file_changes_through_objects(FileChangesPlan& plan, PyObject* tokens) {
     Ref statuses = Ref::steal(PyDict_New());
     Ref counts = Ref::steal(PyDict_New());
     Ref iterator = Ref::steal(PyObject_GetIter(tokens));
@@ -238,9 +253,9 @@ Ref file_changes_through_objects(PyObject* module, PyObject* tokens) {
         Ref token = call_method(raw.get(), "lstrip", "s", "\n");
         const int head = truth(token ? call_method(token.get(), "startswith", "s", ":") : Ref());
         if (head < 0) return Ref();
-        const int done = head ? read_raw_record(token.get(), iterator.get(), two_path_letters, status_by_letter,
-                                                statuses.get())
-                              : read_numstat_record(token.get(), iterator.get(), line_count, counts.get());
+        const int done = head ? read_raw_record(token.get(), iterator.get(), plan.two_path_letters,
+                                                plan.status_by_letter, statuses.get())
+                              : read_numstat_record(token.get(), iterator.get(), plan.line_count, counts.get());
         if (done < 0) return Ref();
     }
     if (PyErr_Occurred()) return Ref();
@@ -260,11 +275,9 @@ Ref file_changes_through_objects(PyObject* module, PyObject* tokens) {
         const int present = dict_get(counts.get(), path.get(), counted);
         if (present < 0) return Ref();
         if (!present) counted = Ref::borrow(no_counts.get());
-        PyObject* cls = file_change.get();
-        if (cls == nullptr) return Ref();
         PyObject* values[] = {path.get(), PyTuple_GET_ITEM(status_pair.get(), 0), PyTuple_GET_ITEM(counted.get(), 0),
                               PyTuple_GET_ITEM(counted.get(), 1), PyTuple_GET_ITEM(status_pair.get(), 1)};
-        Ref record = make_record(state_of(module), Record::file_change, cls, values);
+        Ref record = plan.files.make(values);
         if (!record || PyList_Append(result.get(), record.get()) < 0) return Ref();
     }
     return result;
@@ -287,18 +300,20 @@ bool joinable(PyObject* tokens) {
 
 PyObject* file_changes(PyObject* module, PyObject* const* a) {
     PyObject* tokens = a[0];
-    NativeFileChanges native(module);
-    if (!native.ready || !joinable(tokens)) return file_changes_through_objects(module, tokens).release();
+    FileChangesPlan plan(module, Parse::tokens);
+    if (!plan.scan || !joinable(tokens)) return file_changes_through_objects(plan, tokens).release();
     const auto count = static_cast<std::size_t>(PySequence_Fast_GET_SIZE(tokens));
     Ref nul = Ref::steal(PyUnicode_FromStringAndSize("\0", 1));
     if (!nul) return nullptr;
     Ref joined = Ref::steal(PyUnicode_Join(nul.get(), tokens));
     if (!joined) return nullptr;
-    return with_text(joined.get(), [&](const auto& text) {
-        if (!fits_records(text)) return file_changes_through_objects(module, tokens);
-        core::BasicTokenStream stream(core::BasicTokenRun{text.view(), count});
-        return *file_changes_natively(module, native, text, stream);
-    }).release();
+    return with_text(joined.get(),
+                     [&](const auto& text) {
+                         if (!fits_records(text.view().size())) return file_changes_through_objects(plan, tokens);
+                         core::BasicTokenStream stream(core::BasicTokenRun{text.view(), count});
+                         return file_changes_natively(plan, collect_files(text, stream), text);
+                     })
+        .release();
 }
 
 // output.split("\x00"), with the errors of that call for a non-str.
@@ -307,22 +322,25 @@ Ref nul_tokens(PyObject* output) {
     return nul ? call_method(output, "split", nul.get()) : Ref();
 }
 
-Ref file_changes_of_tokens(PyObject* module, PyObject* output) {
+Ref file_changes_of_tokens(FileChangesPlan& plan, PyObject* output) {
     Ref tokens = nul_tokens(output);
-    if (!tokens) return Ref();
-    return call_name(module, Name::_file_changes, tokens.get());
+    PyObject* helper = tokens ? plan.file_changes.get() : nullptr;
+    return helper ? call(helper, tokens.get()) : Ref();
+}
+
+// parse_file_changes of a str, by the plan.
+Ref file_changes_of_str(FileChangesPlan& plan, PyObject* output) {
+    if (!PyUnicode_Check(output) || !plan.scan) return file_changes_of_tokens(plan, output);
+    return with_text(output, [&](const auto& text) {
+        if (!fits_records(text.view().size())) return file_changes_of_tokens(plan, output);
+        core::BasicTokenStream stream(text.view());
+        return file_changes_natively(plan, collect_files(text, stream), text);
+    });
 }
 
 PyObject* parse_file_changes(PyObject* module, PyObject* const* a) {
-    PyObject* output = a[0];
-    NativeFileChanges native(module);
-    if (!PyUnicode_Check(output) || !native.ready || !unchanged(module, Name::_file_changes))
-        return file_changes_of_tokens(module, output).release();
-    return with_text(output, [&](const auto& text) {
-        if (!fits_records(text)) return file_changes_of_tokens(module, output);
-        core::BasicTokenStream stream(text.view());
-        return *file_changes_natively(module, native, text, stream);
-    }).release();
+    FileChangesPlan plan(module, Parse::diff);
+    return file_changes_of_str(plan, a[0]).release();
 }
 
 // `int(field) if field and field.isdigit() else 0` for a field that is no
@@ -345,7 +363,7 @@ PyObject* line_count(PyObject*, PyObject* const* a) {
 
 // int(time.strip()) for the time of a commit header, a piece of `text`.
 template <class Unit>
-Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
+Ref commit_time(PyObject* module, core::Piece<Unit> time_text, const Text<Unit>& text) {
     std::size_t begin = 0, end = time_text.size();
     const auto blank = [](Unit c) {
         return c == Unit(' ') || (c >= Unit('\t') && c <= Unit('\r')) || (c >= Unit('\x1c') && c <= Unit('\x1f'));
@@ -357,67 +375,55 @@ Ref commit_time(core::Piece<Unit> time_text, const Text<Unit>& text) {
         return Ref::steal(PyLong_FromUnsignedLongLong(value));
     Ref s = text.str(time_text);  // signs, underscores, other scripts' blanks and digits, or no number
     if (!s) return Ref();
-    Ref stripped = call_method(s.get(), "strip");
+    Ref stripped = strip(module, s.get());
     return stripped ? Ref::steal(PyLong_FromUnicodeObject(stripped.get(), 10)) : Ref();
 }
 
 // One pass over the log: each commit's body is read straight off it, by
 // one collector into one buffer of core records that serve every commit.
+// Declined for git's bytes (`git_bytes`) when a path is not well-formed
+// UTF-8 (see collect_files); a str is never declined.
 template <class Unit>
-Native commits_natively(PyObject* module, const NativeFileChanges& native, const Text<Unit>& text,
-                        bool git_bytes = false) {
+Native commits_natively(FileChangesPlan& plan, const Text<Unit>& text, bool git_bytes) {
     Ref commits = Ref::steal(PyList_New(0));
     if (!commits) return Ref();
-    Collaborator file_change(module, Name::FileChange);
-    Collaborator commit_changes(module, Name::CommitChanges);
-    const ModuleState* st = state_of(module);
-    const bool fill = file_change.is_original() && commit_changes.is_original() &&
-                      allowed_for(st, FastPath::file_change, file_change.get()) &&
-                      allowed_for(st, FastPath::commit_changes, commit_changes.get());
-    GcPause pause(fill);
+    GcPause pause(plan.all_native());
     core::FileCollector<Unit> collector;
     if (git_bytes) collector.check_utf8();
     std::vector<core::FileRecord> records;
     core::BasicLogStream<Unit> log(text.view());
     core::Piece<Unit> time_text;
     while (log.next_commit(time_text)) {
-        Ref time = commit_time(time_text, text);
+        Ref time = commit_time(plan.module, time_text, text);
         if (!time) return Ref();
         collector.collect(log, text.base(), records, false);
         if (!collector.paths_valid()) return declined;  // the commits so far are dropped, unseen
         Ref files = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(records.size())));
-        if (!files || fill_file_changes(module, native, records, text, file_change, fill, files.get(), git_bytes) < 0)
-            return Ref();
-        PyObject* cls = commit_changes.get();
-        if (cls == nullptr) return Ref();
+        if (!files || fill_file_changes(plan, records, text, files.get(), git_bytes) < 0) return Ref();
         PyObject* values[] = {time.get(), files.get()};
-        Ref commit = fill ? fill_record(st, Record::commit_changes, cls, values)
-                          : make_record(st, Record::commit_changes, cls, values);
+        Ref commit = plan.commits.make(values);
         if (!commit || PyList_Append(commits.get(), commit.get()) < 0) return Ref();
     }
     return commits;
 }
 
 // The commit that `time` heads, with the files of its body.
-int close_commit(PyObject* module, PyObject* time_text, PyObject* body, Collaborator& file_changes,
-                 Collaborator& commit_changes, PyObject* commits) {
+int close_commit(FileChangesPlan& plan, PyObject* time_text, PyObject* body, PyObject* commits) {
     Ref time = Ref::steal(PyNumber_Long(time_text));
-    if (!time || file_changes.get() == nullptr) return -1;
-    Ref listed = call(file_changes.get(), body);
+    if (!time || plan.file_changes.get() == nullptr) return -1;
+    Ref listed = call(plan.file_changes.get(), body);
     if (!listed) return -1;
     Ref files = Ref::steal(PySequence_Tuple(listed.get()));
-    if (!files || commit_changes.get() == nullptr) return -1;
+    if (!files) return -1;
     PyObject* values[] = {time.get(), files.get()};
-    Ref commit = make_record(state_of(module), Record::commit_changes, commit_changes.get(), values);
+    Ref commit = plan.commits.make(values);
     return commit ? PyList_Append(commits, commit.get()) : -1;
 }
 
-Ref commits_through_objects(PyObject* module, PyObject* output) {
+Ref commits_through_objects(FileChangesPlan& plan, PyObject* output) {
     Ref tokens = nul_tokens(output);
     if (!tokens) return Ref();
-    Collaborator commit_start(module, Name::_COMMIT_START);
-    Collaborator file_changes(module, Name::_file_changes);
-    Collaborator commit_changes(module, Name::CommitChanges);
+    Collaborator& commit_start = plan.commit_start;
     Ref commits = Ref::steal(PyList_New(0));
     Ref iterator = Ref::steal(PyObject_GetIter(tokens.get()));
     if (!commits || !iterator) return Ref();
@@ -428,11 +434,10 @@ Ref commits_through_objects(PyObject* module, PyObject* output) {
         const int header = truth(call_method(stripped.get(), "startswith", commit_start.get()));
         if (header < 0) return Ref();
         if (header) {
-            if (time && close_commit(module, time.get(), body.get(), file_changes, commit_changes, commits.get()) < 0)
-                return Ref();
+            if (time && close_commit(plan, time.get(), body.get(), commits.get()) < 0) return Ref();
             Ref rest = Ref::steal(PySequence_GetSlice(stripped.get(), 1, PY_SSIZE_T_MAX));
             if (!rest) return Ref();
-            time = call_method(rest.get(), "strip");
+            time = strip(plan.module, rest.get());
             body = Ref::steal(PyList_New(0));
             if (!time || !body) return Ref();
         } else if (time && PyList_Append(body.get(), token.get()) < 0) {
@@ -440,25 +445,28 @@ Ref commits_through_objects(PyObject* module, PyObject* output) {
         }
     }
     if (PyErr_Occurred()) return Ref();
-    if (time && close_commit(module, time.get(), body.get(), file_changes, commit_changes, commits.get()) < 0)
-        return Ref();
+    if (time && close_commit(plan, time.get(), body.get(), commits.get()) < 0) return Ref();
     return commits;
 }
 
-PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
-    PyObject* output = a[0];
-    NativeFileChanges native(module);
-    if (!PyUnicode_Check(output) || !native.ready || !unchanged(module, Name::_file_changes) ||
-        !unchanged(module, Name::_COMMIT_START))
-        return commits_through_objects(module, output).release();
+// parse_commit_changes of a str, by the plan.
+Ref commits_of_str(FileChangesPlan& plan, PyObject* output) {
+    if (!PyUnicode_Check(output) || !plan.scan) return commits_through_objects(plan, output);
     return with_text(output, [&](const auto& text) {
-        if (!fits_records(text)) return commits_through_objects(module, output);
-        return *commits_natively(module, native, text);
-    }).release();
+        if (!fits_records(text.view().size())) return commits_through_objects(plan, output);
+        Native parsed = commits_natively(plan, text, false);
+        return parsed ? std::move(*parsed) : Ref();  // a str is never declined
+    });
 }
 
-// What git printed, decoded as the runner decodes it.
-Ref decoded(std::string_view output) {
+PyObject* parse_commit_changes(PyObject* module, PyObject* const* a) {
+    FileChangesPlan plan(module, Parse::log);
+    return commits_of_str(plan, a[0]).release();
+}
+
+// What git printed, decoded as the runner decodes it (its line ends are
+// normalised already).
+Ref runner_text(std::string_view output) {
     return Ref::steal(PyUnicode_DecodeUTF8(output.data(), static_cast<Py_ssize_t>(output.size()), "replace"));
 }
 
@@ -488,42 +496,35 @@ Ref make_two_path_letters(PyObject*, Name) {
 // output is decoded first, as the runner would, and parsed as that str.
 
 Ref parse_file_changes_from_git(PyObject* module, std::string_view output) {
-    NativeFileChanges native(module);
-    if (native.ready && unchanged(module, Name::_file_changes) && output.size() <= core::max_record_text) {
+    FileChangesPlan plan(module, Parse::diff);
+    if (plan.scan && fits_records(output.size())) {
         const GitText text(output);
         core::TokenStream stream(output);
-        if (Native parsed = file_changes_natively<char>(module, native, text, stream, true))
-            return std::move(*parsed);
+        bool utf8_paths = false;
+        const std::vector<core::FileRecord> records = collect_files<char>(text, stream, &utf8_paths);
+        if (utf8_paths) return file_changes_natively<char>(plan, records, text, true);
     }
-    Ref text = decoded(output);
-    if (!text) return Ref();
-    PyObject* args[] = {text.get()};
-    return Ref::steal(parse_file_changes(module, args));
+    Ref text = runner_text(output);
+    return text ? file_changes_of_str(plan, text.get()) : Ref();
 }
 
 Ref parse_commit_changes_from_git(PyObject* module, std::string_view output) {
-    NativeFileChanges native(module);
-    if (native.ready && unchanged(module, Name::_file_changes) && unchanged(module, Name::_COMMIT_START) &&
-        output.size() <= core::max_record_text)
-        if (Native parsed = commits_natively<char>(module, native, GitText(output), true))
-            return std::move(*parsed);
-    Ref text = decoded(output);
-    if (!text) return Ref();
-    PyObject* args[] = {text.get()};
-    return Ref::steal(parse_commit_changes(module, args));
+    FileChangesPlan plan(module, Parse::log);
+    if (plan.scan && fits_records(output.size()))
+        if (Native parsed = commits_natively<char>(plan, GitText(output), true)) return std::move(*parsed);
+    Ref text = runner_text(output);
+    return text ? commits_of_str(plan, text.get()) : Ref();
 }
 
 const FunctionDef kDefs[] = {
-    {Name::parse_file_changes,
-     "(output: str) -> list[FileChange]",
+    {Name::parse_file_changes, "(output: str) -> list[FileChange]",
      "Parse what git diff --raw --numstat -z printed into FileChange records.\n\n"
      "One record per file named by a raw record, in the order of the raw\n"
      "records, with the counts of its numstat record (0 and 0 for a binary file\n"
      "or a file without one). Renames and copies carry old_path. Odd or\n"
      "truncated output never fails: what is not recognised is skipped.",
      parse_file_changes},
-    {Name::parse_commit_changes,
-     "(output: str) -> list[CommitChanges]",
+    {Name::parse_commit_changes, "(output: str) -> list[CommitChanges]",
      "Parse what git log --format=%x1e%ct --raw --numstat -z printed into\n"
      "CommitChanges records, one per commit in the order of the output.\n\n"
      "Each commit header (the RS character and the commit time) starts a\n"
@@ -532,16 +533,14 @@ const FunctionDef kDefs[] = {
      "first header are ignored. Raises ValueError when a header's time is not a\n"
      "whole number.",
      parse_commit_changes},
-    {Name::_file_changes,
-     "(tokens: Sequence[str]) -> list[FileChange]",
+    {Name::_file_changes, "(tokens: Sequence[str]) -> list[FileChange]",
      "Pair the raw and numstat records among the NUL-separated tokens of one\n"
      "diff (or one commit) by path into FileChange records, in the order of\n"
      "each path's first raw record, with the status of its last raw record and\n"
      "the counts of its last numstat record. Numstat records never add a file;\n"
      "missing tokens read as empty texts.",
      file_changes},
-    {Name::_line_count,
-     "(field: str) -> int",
+    {Name::_line_count, "(field: str) -> int",
      "Read one count of a numstat record: its value when the field is made of\n"
      "digits, else 0 (git writes \"-\" for a binary file).",
      line_count},

@@ -51,11 +51,12 @@ std::int64_t saturated(PyObject* value) {
 // Whether _C_ESCAPE and _C_ESCAPES are still what loading made, holding what
 // the core's escape table says, so the core's unquoting gives what they would.
 bool native_unquote(PyObject* module) {
-    return unchanged(module, Name::_C_ESCAPE) &&
-           mapping_matches(module, Name::_C_ESCAPES, core::control_escapes, [](const core::ControlEscape& e, Ref c) {
-               return PyUnicode_CheckExact(c.get()) && PyUnicode_GET_LENGTH(c.get()) == 1 &&
-                      PyUnicode_READ_CHAR(c.get(), 0) == static_cast<Py_UCS4>(e.byte);
-           });
+    const Collaborator pattern(module, Name::_C_ESCAPE);
+    const Collaborator escapes(module, Name::_C_ESCAPES);
+    return pattern.as_loaded() && escapes.holds_table(core::control_escapes, [](const core::ControlEscape& e, Ref c) {
+        return PyUnicode_CheckExact(c.get()) && PyUnicode_GET_LENGTH(c.get()) == 1 &&
+               PyUnicode_READ_CHAR(c.get(), 0) == static_cast<Py_UCS4>(e.byte);
+    });
 }
 
 Ref unquote_natively(std::string_view escaped) {
@@ -181,27 +182,21 @@ PyObject* patch_path(PyObject* module, PyObject* const* a) {
 
 // ---- _span -----------------------------------------------------------------
 
-// A LineSpan of the class the namespace holds; `fill`: it may be filled
-// natively without asking again (no Python code ran since it was asked).
-Ref line_span(PyObject* module, Collaborator& cls, PyObject* start, PyObject* end, PyObject* added,
-              bool fill = false) {
-    if (cls.get() == nullptr) return Ref();
+// A LineSpan, made as `spans` makes the call's records.
+Ref line_span(RecordMaker& spans, PyObject* start, PyObject* end, PyObject* added) {
     PyObject* values[] = {start, end, added};
-    const ModuleState* st = state_of(module);
-    return fill ? fill_record(st, Record::line_span, cls.get(), values)
-                : make_record(st, Record::line_span, cls.get(), values);
+    return spans.make(values);
 }
 
-Ref span_natively(PyObject* module, Collaborator& cls, const core::Span& s, bool fill = false) {
+Ref span_natively(RecordMaker& spans, const core::Span& s) {
     Ref start = int_of(s.start);
     Ref end = int_of(s.end);
     if (!start || !end) return Ref();
-    return line_span(module, cls, start.get(), end.get(), s.added ? Py_True : Py_False, fill);
+    return line_span(spans, start.get(), end.get(), s.added ? Py_True : Py_False);
 }
 
 // The span of a hunk over the objects' own arithmetic.
-Ref span_through_objects(PyObject* module, Collaborator& cls, PyObject* start, PyObject* new_count,
-                         PyObject* old_count) {
+Ref span_through_objects(RecordMaker& spans, PyObject* start, PyObject* new_count, PyObject* old_count) {
     Ref zero = Ref::steal(PyLong_FromLong(0));
     Ref one = Ref::steal(PyLong_FromLong(1));
     if (!zero || !one) return Ref();
@@ -212,7 +207,7 @@ Ref span_through_objects(PyObject* module, Collaborator& cls, PyObject* start, P
         const int above = truth(Ref::steal(PyObject_RichCompare(one.get(), start, Py_GT)));
         if (above < 0) return Ref();
         PyObject* line = above ? one.get() : start;
-        return line_span(module, cls, line, line, Py_False);
+        return line_span(spans, line, line, Py_False);
     }
     Ref sum = Ref::steal(PyNumber_Add(start, new_count));
     if (!sum) return Ref();
@@ -220,7 +215,7 @@ Ref span_through_objects(PyObject* module, Collaborator& cls, PyObject* start, P
     if (!end) return Ref();
     Ref added = Ref::steal(PyObject_RichCompare(old_count, zero.get(), Py_EQ));
     if (!added) return Ref();
-    return line_span(module, cls, start, end.get(), added.get());
+    return line_span(spans, start, end.get(), added.get());
 }
 
 bool small_int(PyObject* o, std::int64_t& v) {
@@ -230,68 +225,75 @@ bool small_int(PyObject* o, std::int64_t& v) {
     return overflow == 0;
 }
 
-Ref span_of(PyObject* module, Collaborator& cls, PyObject* start, PyObject* new_count, PyObject* old_count) {
+Ref span_of(RecordMaker& spans, PyObject* start, PyObject* new_count, PyObject* old_count) {
     std::int64_t s = 0, n = 0, o = 0;
     if (small_int(start, s) && small_int(new_count, n) && small_int(old_count, o))
-        if (const std::optional<core::Span> span = core::make_span(s, n, o)) return span_natively(module, cls, *span);
-    return span_through_objects(module, cls, start, new_count, old_count);
+        if (const std::optional<core::Span> span = core::make_span(s, n, o)) return span_natively(spans, *span);
+    return span_through_objects(spans, start, new_count, old_count);
 }
 
 PyObject* span(PyObject* module, PyObject* const* a) {
-    Collaborator cls(module, Name::LineSpan);
-    return span_of(module, cls, a[0], a[1], a[2]).release();
+    RecordMaker spans(module, Record::line_span);
+    return span_of(spans, a[0], a[1], a[2]).release();
 }
 
 // ---- parse_line_spans ------------------------------------------------------
 
-// The parser's state and the helpers of this call. The core's walk reports
-// each "+++ " line and asks about every other line outside a hunk. The first
-// Python call that fails leaves its exception set and the collector failed:
-// the walk's remaining lines are passed over without calling anything.
+// How one call of parse_line_spans runs, decided at its start: the helpers
+// it calls, which of them run natively, and how its records are made.
+struct LineSpansPlan {
+    Collaborator hunk_header, span, patch_path, unquote;
+    RecordMaker spans;
+    bool native_header, native_span, native_path, native_unquote;
+
+    explicit LineSpansPlan(PyObject* module)
+        : hunk_header(module, Name::_HUNK_HEADER),
+          span(module, Name::_span),
+          patch_path(module, Name::_patch_path),
+          unquote(module, Name::_unquote),
+          spans(module, Record::line_span),
+          native_header(hunk_header.as_loaded()),
+          native_span(span.as_loaded()),
+          native_path(patch_path.as_loaded()),
+          native_unquote(native_path && unquote.as_loaded() && gu::native_unquote(module)) {}
+
+    // Whether every helper runs natively and the records are filled
+    // natively, so that no Python code runs in the call; then the records'
+    // decision is settled for the whole call.
+    bool all_native() {
+        return native_header && native_span && native_path && native_unquote && spans.fills() && spans.settle();
+    }
+};
+
+// The parser's state. The core's walk reports each "+++ " line and asks
+// about every other line outside a hunk. The first Python call that fails
+// leaves its exception set and the collector failed: the walk's remaining
+// lines are passed over without calling anything.
 template <class Unit>
 class SpanCollector {
 public:
     using Piece = core::Piece<Unit>;
 
-    SpanCollector(PyObject* module, const Text<Unit>& text)
-        : module_(module),
-          text_(text),
-          header_pattern_(module, Name::_HUNK_HEADER),
-          span_function_(module, Name::_span),
-          path_function_(module, Name::_patch_path),
-          line_span_(module, Name::LineSpan) {}
+    SpanCollector(LineSpansPlan& plan, const Text<Unit>& text) : plan_(plan), text_(text) {}
 
     int start() {
         spans_ = Ref::steal(PyDict_New());
-        native_header_ = unchanged(module_, Name::_HUNK_HEADER);
-        native_span_ = unchanged(module_, Name::_span);
-        native_path_ = unchanged(module_, Name::_patch_path);
-        native_unquote_ = native_path_ && unchanged(module_, Name::_unquote) && native_unquote(module_);
         path_ = Ref::borrow(Py_None);
         return spans_ ? 0 : -1;
     }
 
     Ref result() { return failed_ ? Ref() : std::move(spans_); }
 
-    // Whether the whole parse runs without calling Python code: every
-    // helper native and the records filled natively, which then need not
-    // be asked about again.
-    bool all_native() {
-        fill_ = native_header_ && native_span_ && native_path_ && native_unquote_ && line_span_.is_original() &&
-                allowed_for(state_of(module_), FastPath::line_span, line_span_.get());
-        return fill_;
-    }
-
     void path_line(Piece rest) {
         if (failed_) return;
-        path_ = native_path_ ? path_natively(rest) : call_helper(path_function_, text_.str(rest));
+        path_ = plan_.native_path ? path_natively(rest) : call_helper(plan_.patch_path, text_.str(rest));
         failed_ = !path_;
         list_.reset();
     }
 
     std::optional<std::pair<std::int64_t, std::int64_t>> header(Piece line) {
         if (failed_) return std::nullopt;
-        if (native_header_) {
+        if (plan_.native_header) {
             if (const std::optional<core::BasicHunkHeader<Unit>> h = core::match_hunk_header(line)) return record(*h);
             std::size_t at = 0;
             if (!core::detail::take(line, at, "@@ -") || core::is_ascii(line)) return std::nullopt;
@@ -301,14 +303,12 @@ public:
     }
 
 private:
-    PyObject* module_;
+    LineSpansPlan& plan_;
     const Text<Unit>& text_;
-    Collaborator header_pattern_, span_function_, path_function_, line_span_;
-    bool native_header_ = false, native_span_ = false, native_path_ = false, native_unquote_ = false, fill_ = false;
     bool failed_ = false;
     Ref spans_;
-    Ref path_;                  // None, or the key of the current file's spans
-    Ref list_;                  // the current file's list, once looked up
+    Ref path_;  // None, or the key of the current file's spans
+    Ref list_;  // the current file's list, once looked up
 
     Ref call_helper(Collaborator& helper, Ref arg) {
         if (!arg || helper.get() == nullptr) return Ref();
@@ -319,23 +319,19 @@ private:
         using P = core::BasicPatchPath<Unit>;
         const P p = core::patch_path(rest);
         switch (p.kind) {
-            case P::null:
-                return Ref::borrow(Py_None);
-            case P::plain:
-                return text_.str(p.text);
-            case P::quoted:
-                break;
+            case P::null: return Ref::borrow(Py_None);
+            case P::plain: return text_.str(p.text);
+            case P::quoted: break;
         }
         // The escapes are undone on the name's UTF-8 bytes, as the decoded
         // text gives them; a surrogate goes to _unquote, which refuses it.
         Ref name = text_.str(p.text);
-        if (name && native_unquote_) {
+        if (name && plan_.native_unquote) {
             Utf8View bytes;
             if (bytes.open(name.get()) < 0) return Ref();
             if (!has_surrogate(bytes.view())) return unquote_natively(bytes.view());
         }
-        Collaborator unquote_found(module_, Name::_unquote);
-        return call_helper(unquote_found, std::move(name));
+        return call_helper(plan_.unquote, std::move(name));
     }
 
     // The list of the current path in spans, made on its first span; held
@@ -362,11 +358,11 @@ private:
     std::pair<std::int64_t, std::int64_t> record(const core::BasicHunkHeader<Unit>& h) {
         const std::pair<std::int64_t, std::int64_t> counts{h.old_lines, h.new_lines};
         if (path_.get() != Py_None) {
-            if (native_span_) {
+            if (plan_.native_span) {
                 const std::optional<core::Span> s =
                     h.exact ? core::make_span(h.start, h.new_lines, h.old_lines) : core::make_span(h);
                 if (s) {
-                    append(span_natively(module_, line_span_, *s, fill_));
+                    append(span_natively(plan_.spans, *s));
                     return counts;
                 }
             }
@@ -383,11 +379,11 @@ private:
     }
 
     void append_span(PyObject* start, PyObject* new_count, PyObject* old_count) {
-        if (native_span_) {
-            append(span_of(module_, line_span_, start, new_count, old_count));
+        if (plan_.native_span) {
+            append(span_of(plan_.spans, start, new_count, old_count));
             return;
         }
-        PyObject* f = span_function_.get();
+        PyObject* f = plan_.span.get();
         append(f ? call(f, start, new_count, old_count) : Ref());
     }
 
@@ -401,7 +397,7 @@ private:
 
     std::optional<std::pair<std::int64_t, std::int64_t>> header_through_pattern(Piece line) {
         Ref text = text_.str(line);
-        Ref match = text && header_pattern_.get() ? call_method(header_pattern_.get(), "match", text.get()) : Ref();
+        Ref match = text && plan_.hunk_header.get() ? call_method(plan_.hunk_header.get(), "match", text.get()) : Ref();
         const int matched = truth(match);  // None, or a match (always true)
         if (matched <= 0) {
             failed_ = matched < 0;
@@ -421,9 +417,10 @@ private:
 
 template <class Unit>
 Ref spans_of(PyObject* module, const Text<Unit>& text) {
-    SpanCollector<Unit> collector(module, text);
+    LineSpansPlan plan(module);
+    SpanCollector<Unit> collector(plan, text);
     if (collector.start() < 0) return Ref();
-    GcPause pause(collector.all_native());
+    GcPause pause(plan.all_native());
     core::walk_patch(text.view(), collector);
     return collector.result();
 }
@@ -462,8 +459,7 @@ Ref parse_line_spans_from_git(PyObject* module, std::string_view patch) {
 }
 
 const FunctionDef kDefs[] = {
-    {Name::parse_line_spans,
-     "(patch: str) -> dict[str, list[LineSpan]]",
+    {Name::parse_line_spans, "(patch: str) -> dict[str, list[LineSpan]]",
      "Parse a zero-context patch (git diff -U0 --no-prefix) into the lines each\n"
      "file's newer side had touched: a dict from path to its LineSpan records,\n"
      "one per hunk, in patch order.\n\n"
@@ -472,20 +468,17 @@ const FunctionDef kDefs[] = {
      "side /dev/null) and a file without hunks get no key; quoted names are\n"
      "unquoted. Odd or truncated patches never fail: unknown lines are skipped.",
      parse_line_spans},
-    {Name::_span,
-     "(start: int, new_count: int, old_count: int) -> LineSpan",
+    {Name::_span, "(start: int, new_count: int, old_count: int) -> LineSpan",
      "The LineSpan of one hunk header: lines start to start + new_count - 1,\n"
      "added when the hunk removes no line; a hunk that only removes lines marks\n"
      "the line above the removal (at least line 1), not added.",
      span},
-    {Name::_patch_path,
-     "(text: str) -> str | None",
+    {Name::_patch_path, "(text: str) -> str | None",
      "The path of a \"+++ \" line (the text after those four characters): one\n"
      "trailing tab removed, None for /dev/null, a name in double quotes\n"
      "unquoted, any other name as it stands.",
      patch_path},
-    {Name::_unquote,
-     "(text: str) -> str",
+    {Name::_unquote, "(text: str) -> str",
      "Undo git's C-style quoting of a name (the text between the quotes):\n"
      "\\ooo octal escapes are bytes, \\a \\b \\f \\n \\r \\t \\v control\n"
      "characters, any other escaped character stands for itself; the bytes are\n"

@@ -75,8 +75,8 @@ Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
     if (PyDict_SetItemString(ns.get(), "__annotations__", annotations.get()) < 0) return Ref();
     Ref bases = Ref::steal(PyTuple_New(0));
     if (!bases) return Ref();
-    Ref cls = Ref::steal(PyObject_CallFunctionObjArgs(reinterpret_cast<PyObject*>(&PyType_Type), name, bases.get(),
-                                                      ns.get(), nullptr));
+    Ref cls = Ref::steal(
+        PyObject_CallFunctionObjArgs(reinterpret_cast<PyObject*>(&PyType_Type), name, bases.get(), ns.get(), nullptr));
     if (!cls) return Ref();
     Ref kwargs = Ref::steal(Py_BuildValue("{s:O}", "frozen", Py_True));
     Ref empty = Ref::steal(PyTuple_New(0));
@@ -141,12 +141,13 @@ int record_guard(PyObject* module, GuardBuilder& guard, Record kind) {
     return guard.ok() ? 0 : -1;
 }
 
-
 // What the generated __init__ does: object.__setattr__ of each field in
 // declared order, into the instance dict the class's instances share keys
 // through. The instance comes from the class's tp_alloc, as object.__new__
 // makes it, without the argument tuple and the checks that __new__ makes for
 // arguments the class never gets here.
+namespace {
+
 Ref fill_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
     PyObject* fields = st->record_fields[static_cast<int>(kind)];
     const Py_ssize_t n = PyTuple_GET_SIZE(fields);
@@ -177,8 +178,25 @@ Ref fill_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* con
     return obj;
 }
 
-Ref make_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values) {
-    return allowed_for(st, fast_path_of(kind), cls) ? fill_record(st, kind, cls, values) : call_record(st, kind, cls, values);
+}  // namespace
+
+RecordMaker::RecordMaker(PyObject* module, Record kind)
+    : st_(state_of(module)), kind_(kind), cls_(module, kRecords[static_cast<int>(kind)].name) {}
+
+bool RecordMaker::fills() const {
+    return settled_ ? fills_settled_ : cls_.as_loaded() && allowed(st_, fast_path_of(kind_));
+}
+
+bool RecordMaker::settle() {
+    fills_settled_ = fills();
+    settled_ = true;
+    return fills_settled_;
+}
+
+Ref RecordMaker::make(PyObject* const* values) {
+    PyObject* cls = cls_.get();
+    if (cls == nullptr) return Ref();
+    return fills() ? fill_record(st_, kind_, cls, values) : call_record(st_, kind_, cls, values);
 }
 
 }  // namespace gu

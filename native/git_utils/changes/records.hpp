@@ -5,6 +5,7 @@
 
 #include <Python.h>
 
+#include "git_utils/binding/collaborators.hpp"
 #include "git_utils/binding/fast_paths.hpp"
 #include "git_utils/binding/ref.hpp"
 #include "git_utils/binding/state.hpp"
@@ -32,15 +33,31 @@ int build_record_guard(PyObject* module, GuardBuilder& guard) {
     return record_guard(module, guard, kind);
 }
 
-// An instance of the class loading made, filled natively with `values` for
-// its fields in declared order; only while its fast path is allowed.
-Ref fill_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values);
+// How one call makes its records of one kind: with the class the namespace
+// held under the record's name at the call's start, filled natively while
+// that class is the one loading made and still genuine, else by calling it
+// as the parsers call it: FileChange(path, status, additions, deletions,
+// old_path=...), CommitChanges(timestamp, files), LineSpan(start, end, added).
+class RecordMaker {
+public:
+    RecordMaker(PyObject* module, Record kind);
 
-// An instance of `cls` (found in the namespace under the record's name) with
-// `values` for its fields in declared order: filled natively while
-// its fast path is allowed, else the class is called as the parsers call it:
-// FileChange(path, status, additions, deletions, old_path=...),
-// CommitChanges(timestamp, files), LineSpan(start, end, added).
-Ref make_record(const ModuleState* st, Record kind, PyObject* cls, PyObject* const* values);
+    // Whether a record made now is filled natively.
+    bool fills() const;
+    // For a call in which no Python code runs from here on, so that nothing
+    // can patch the class meanwhile: fills() as it is now holds for every
+    // record the call makes, and is returned.
+    bool settle();
+    // A record with `values` for its fields in declared order; null with an
+    // exception set.
+    Ref make(PyObject* const* values);
+
+private:
+    const ModuleState* st_;
+    Record kind_;
+    Collaborator cls_;
+    bool settled_ = false;
+    bool fills_settled_ = false;
+};
 
 }  // namespace gu

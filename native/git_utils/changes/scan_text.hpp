@@ -30,7 +30,8 @@ public:
     int open(PyObject* text) {
         if (require_str(text) < 0) return -1;
         if (PyUnicode_IS_ASCII(text)) {
-            view_ = {static_cast<const char*>(PyUnicode_DATA(text)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
+            view_ = {static_cast<const char*>(PyUnicode_DATA(text)),
+                     static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
             return 0;
         }
         owner_ = Ref::steal(PyUnicode_AsEncodedString(text, "utf-8", "surrogatepass"));
@@ -87,7 +88,7 @@ public:
             // the rest left to the decoder that replaces what is invalid.
             if (source_ == nullptr && !core::is_ascii(piece))
                 return checked || core::valid_utf8(piece)
-                           ? decoded(piece)
+                           ? str_of_valid_utf8(piece)
                            : Ref::steal(PyUnicode_DecodeUTF8(piece.data(), n, "replace"));
             if (ascii_ || source_ == nullptr) {
                 Ref s = Ref::steal(PyUnicode_New(n, 127));
@@ -123,21 +124,15 @@ protected:
         if (!s) return s;
         void* data = PyUnicode_DATA(s.get());
         switch (PyUnicode_KIND(s.get())) {
-            case PyUnicode_1BYTE_KIND:
-                fill(static_cast<Py_UCS1*>(data));
-                break;
-            case PyUnicode_2BYTE_KIND:
-                fill(static_cast<Py_UCS2*>(data));
-                break;
-            default:
-                fill(static_cast<Py_UCS4*>(data));
-                break;
+            case PyUnicode_1BYTE_KIND: fill(static_cast<Py_UCS1*>(data)); break;
+            case PyUnicode_2BYTE_KIND: fill(static_cast<Py_UCS2*>(data)); break;
+            default: fill(static_cast<Py_UCS4*>(data)); break;
         }
         return s;
     }
 
     // The str of well-formed UTF-8 that is not all ASCII.
-    static Ref decoded(std::string_view valid) {
+    static Ref str_of_valid_utf8(std::string_view valid) {
         const core::Utf8Shape shape = core::utf8_shape(valid);
         return new_str(static_cast<Py_ssize_t>(shape.length), shape.widest,
                        [valid](auto* out) { core::decode_utf8(valid, out); });

@@ -1,5 +1,5 @@
-// History over time: the authors of a period, commit counting and the
-// commit at a moment (time specs have a file of their own).
+// The author statistics read off shortlog's summary; the counting and the
+// lookup by time as rev-list answers them.
 #include "git_utils/history/history.hpp"
 
 #include "git_utils/binding/helpers.hpp"
@@ -22,8 +22,8 @@ Ref moment_option(const char* prefix, PyObject* moment) {
 // ---- author statistics -----------------------------------------------------
 
 // One "count<TAB>name <email>" line into its entry; None for a line to skip.
-Ref author_entry(PyObject* raw_line) {
-    Ref line = call_method(raw_line, "strip");
+Ref author_entry(PyObject* module, PyObject* raw_line) {
+    Ref line = strip(module, raw_line);
     if (!line) return Ref();
     if (!PyUnicode_Check(line.get())) {
         PyErr_Format(PyExc_TypeError, "strip() gave %.200s, not str", Py_TYPE(line.get())->tp_name);
@@ -36,7 +36,7 @@ Ref author_entry(PyObject* raw_line) {
     Ref count_text = Ref::steal(PyUnicode_Substring(line.get(), 0, tab));
     Ref rest = Ref::steal(PyUnicode_Substring(line.get(), tab + 1, length));
     if (!count_text || !rest) return Ref();
-    Ref stripped_count = call_method(count_text.get(), "strip");
+    Ref stripped_count = strip(module, count_text.get());
     if (!stripped_count) return Ref();
     Ref count = Ref::steal(PyLong_FromUnicodeObject(stripped_count.get(), 10));
     if (!count) return Ref();
@@ -47,7 +47,7 @@ Ref author_entry(PyObject* raw_line) {
     if (lt >= 0 && gt >= 0) {
         Ref before = Ref::steal(PyUnicode_Substring(rest.get(), 0, lt));
         if (!before) return Ref();
-        name = call_method(before.get(), "strip");
+        name = strip(module, before.get());
         Py_ssize_t end = rest_length;
         for (Py_ssize_t i = lt + 1; i < rest_length; ++i) {
             const Py_UCS4 c = PyUnicode_READ_CHAR(rest.get(), i);
@@ -88,20 +88,20 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
     const int failed = code_compare(code, Py_NE);
     if (failed < 0) return nullptr;
     if (failed) {
-        Ref stripped = call_method(err, "strip");
+        Ref stripped = strip(module, err);
         if (!stripped ||
             log_line(module, LogLevel::debug, "get_authors_for_period",
                      "get_authors_for_period: git shortlog failed rc=%s stderr=%s", {code, stripped.get()}) < 0)
             return nullptr;
         return PyList_New(0);
     }
-    Ref body = call_method(out, "strip");
+    Ref body = strip(module, out);
     Ref newline = text("\n");
     if (!body || !newline) return nullptr;
     // A replaced runner's stdout that is not a str (bytes, say) splits, or
     // fails to, as the object's own split does.
     Ref lines = PyUnicode_CheckExact(body.get()) ? Ref::steal(PyUnicode_Split(body.get(), newline.get(), -1))
-                                            : call_method(body.get(), "split", newline.get());
+                                                 : call_method(body.get(), "split", newline.get());
     if (lines && !PyList_Check(lines.get())) {
         PyErr_Format(PyExc_TypeError, "split() gave %.200s, not a list of str", Py_TYPE(lines.get())->tp_name);
         return nullptr;
@@ -115,7 +115,7 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
             return nullptr;
         }
         if (PyUnicode_GET_LENGTH(line) == 0) continue;
-        Ref entry = author_entry(line);
+        Ref entry = author_entry(module, line);
         if (!entry || (entry.get() != Py_None && PyList_Append(authors.get(), entry.get()) < 0)) return nullptr;
     }
     return authors.release();
@@ -126,7 +126,7 @@ PyObject* get_authors_for_period(PyObject* module, PyObject* const* a) {
 // _git_output(...).strip()
 Ref strict_output(PyObject* module, PyObject* repo_root, PyObject* args) {
     Ref out = call_git_output(module, repo_root, args);
-    return out ? call_method(out.get(), "strip") : Ref();
+    return out ? strip(module, out.get()) : Ref();
 }
 
 PyObject* count_commits(PyObject* module, PyObject* const* a) {
@@ -153,22 +153,19 @@ PyObject* commit_before(PyObject* module, PyObject* const* a) {
 }  // namespace
 
 const FunctionDef kDefs[] = {
-    {Name::get_authors_for_period,
-     "(repo_root: Path, since: str = \"30d\") -> list[dict[str, Any]]",
+    {Name::get_authors_for_period, "(repo_root: Path, since: str = \"30d\") -> list[dict[str, Any]]",
      "List the authors of the period since `since` (a time spec), most commits\n"
      "first, as git's shortlog counts them: dicts with \"name\", \"email\" and\n"
      "\"commits\". A refused spec raises ValueError before git runs; a failed,\n"
      "timed-out or missing git gives an empty list (logged at debug level).\n"
      "git reads the log from standard input when that is not a terminal.",
      get_authors_for_period},
-    {Name::count_commits,
-     "(repo_root: Path, base: str, head: str) -> int",
+    {Name::count_commits, "(repo_root: Path, base: str, head: str) -> int",
      "Count the commits reachable from head and not from base (git rev-list\n"
      "--count base..head). Raises GitError when git fails, and before git runs\n"
      "for a base or head that begins with \"--\".",
      count_commits},
-    {Name::commit_before,
-     "(repo_root: Path, ref: str, moment: datetime) -> str | None",
+    {Name::commit_before, "(repo_root: Path, ref: str, moment: datetime) -> str | None",
      "Return the full id of the newest commit of ref's history committed at or\n"
      "before moment (written to git as local time, to the second), or None when\n"
      "there is none. Raises GitError when git fails, and before git runs for a\n"

@@ -1,5 +1,5 @@
-// History over a period: the authors of a period, commit counting and the
-// commit at a moment.
+// History over time: the authors of a period, commit counting and the
+// commit at a moment (time specs have a file of their own).
 #pragma once
 
 #include <span>

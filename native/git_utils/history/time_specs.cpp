@@ -36,10 +36,10 @@ PyObject* refuse(PyObject* module, PyObject* since) {
     return nullptr;
 }
 
-// The guard around the parse: a value error refuses the spec (its message is
+// What a failed parse raises: a value error refuses the spec (its message is
 // dropped); an overflow becomes "reaches outside the calendar" with the
 // overflow as its cause; anything else passes unchanged.
-PyObject* guard_failure(PyObject* module, PyObject* since) {
+PyObject* refusal_of_failure(PyObject* module, PyObject* since) {
     if (PyErr_ExceptionMatches(PyExc_ValueError)) {
         PyErr_Clear();
         return refuse(module, since);
@@ -115,8 +115,8 @@ bool ascii_chars(const Spec& spec, std::string_view& out) {
     if (!PyUnicode_Check(text) || !PyUnicode_IS_ASCII(text)) return false;
     const Py_ssize_t start = spec.ranged ? spec.start : 0;
     const Py_ssize_t end = spec.ranged ? spec.end : PyUnicode_GET_LENGTH(text);
-    out = std::string_view(static_cast<const char*>(PyUnicode_DATA(text)) + start,
-                           static_cast<std::size_t>(end - start));
+    out =
+        std::string_view(static_cast<const char*>(PyUnicode_DATA(text)) + start, static_cast<std::size_t>(end - start));
     return true;
 }
 
@@ -230,15 +230,15 @@ constexpr unsigned long long kMaxNativeCount = 10'000'000'000'000ULL;
 // a longer count, leading zeros and all, goes through int() and its limit.
 constexpr std::size_t kDigitsBelowAnyLimit = 640;
 
-// localtime_r as datetime's own calls make it: a failure is an OSError.
-bool local_time(time_t t, std::tm& out) {
+// localtime_r as datetime's own calls make it: 0, or -1 with an OSError.
+int local_time(time_t t, std::tm& out) {
     errno = 0;
     if (localtime_r(&t, &out) == nullptr) {
         if (errno == 0) errno = EINVAL;
         PyErr_SetFromErrno(PyExc_OSError);
-        return false;
+        return -1;
     }
-    return true;
+    return 0;
 }
 
 // datetime.now() the way it reads the clock: the system clock floored to the
@@ -248,7 +248,7 @@ Ref local_now(const PyDateTime_CAPI* api) {
     timespec now{};
     if (clock_gettime(CLOCK_REALTIME, &now) != 0) return Ref::steal(PyErr_SetFromErrno(PyExc_OSError));
     std::tm local{};
-    if (!local_time(now.tv_sec, local)) return Ref();
+    if (local_time(now.tv_sec, local) < 0) return Ref();
     return new_datetime(api, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
                         std::min(local.tm_sec, 59), static_cast<int>(now.tv_nsec / 1000));
 }
@@ -282,7 +282,8 @@ Native native_relative(const PyDateTime_CAPI* api, std::string_view digits, PyOb
     }
     const long long seconds = static_cast<long long>(count) * unit;
     if (seconds / kSecondsPerDay > kMaxDeltaDays) return declined;
-    Ref span = new_delta(api, static_cast<int>(seconds / kSecondsPerDay), static_cast<int>(seconds % kSecondsPerDay), 0);
+    Ref span =
+        new_delta(api, static_cast<int>(seconds / kSecondsPerDay), static_cast<int>(seconds % kSecondsPerDay), 0);
     Ref now = span ? local_now(api) : Ref();
     return now ? Ref::steal(PyNumber_Subtract(now.get(), span.get())) : Ref();
 }
@@ -315,10 +316,11 @@ Ref native_local_moment(const PyDateTime_CAPI* api, const core::IsoMoment& m) {
         days_since_epoch(PyDateTime_GET_YEAR(u), PyDateTime_GET_MONTH(u), PyDateTime_GET_DAY(u)) * kSecondsPerDay +
         PyDateTime_DATE_GET_HOUR(u) * 3'600LL + PyDateTime_DATE_GET_MINUTE(u) * 60LL + PyDateTime_DATE_GET_SECOND(u);
     std::tm local{};
-    if (!local_time(static_cast<time_t>(timestamp), local)) return Ref();
+    if (local_time(static_cast<time_t>(timestamp), local) < 0) return Ref();
     if (local.tm_gmtoff <= -kSecondsPerDay || local.tm_gmtoff >= kSecondsPerDay) {
-        PyErr_SetString(PyExc_ValueError, "offset must be a timedelta strictly between -timedelta(hours=24) and "
-                                          "timedelta(hours=24)");
+        PyErr_SetString(PyExc_ValueError,
+                        "offset must be a timedelta strictly between -timedelta(hours=24) and "
+                        "timedelta(hours=24)");
         return Ref();
     }
     Ref zone = new_delta(api, 0, static_cast<int>(local.tm_gmtoff), 0);
@@ -396,8 +398,8 @@ Ref iso_moment(PyObject* module, const Spec& spec) {
         if (!whole) return Ref();
         bytes = Ref::steal(PyUnicode_AsEncodedString(whole.get(), "utf-8", "surrogatepass"));
         if (!bytes) return Ref();
-        text = std::string_view(PyBytes_AS_STRING(bytes.get()),
-                                static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
+        text =
+            std::string_view(PyBytes_AS_STRING(bytes.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
     }
     core::IsoMoment m;
     if (core::parse_iso_datetime(text, m) != core::IsoError::none) {
@@ -431,19 +433,19 @@ PyObject* parse_time_spec(PyObject* module, PyObject* const* a) {
     if (strip_spec(module, since, spec) < 0) return nullptr;
     Relative rel;
     const int relative = match_relative(module, spec, rel);
-    if (relative < 0) return guard_failure(module, since);
+    if (relative < 0) return refusal_of_failure(module, since);
     if (relative > 0) {
         const int positive = count_above_zero(rel);
         if (positive < 0) return nullptr;
         if (!positive) return refuse(module, since);
         Ref moment = relative_moment(module, rel);
-        return moment ? moment.release() : guard_failure(module, since);
+        return moment ? moment.release() : refusal_of_failure(module, since);
     }
     const Py_ssize_t length = spec_length(spec);
     if (length < 0) return nullptr;
     if (length == 0) return refuse(module, since);
     Ref moment = iso_moment(module, spec);
-    return moment ? moment.release() : guard_failure(module, since);
+    return moment ? moment.release() : refusal_of_failure(module, since);
 }
 
 // Whether two C functions come from the same shared object (or both from
@@ -461,16 +463,17 @@ bool same_library(const void* a, const void* b) {
 
 }  // namespace
 
-int clock_guard(PyObject* module, GuardBuilder& guard) {
-    ModuleState* st = state_of(module);
+void keep_datetime_api(PyObject* module) {
     // Kept in module state only: the header's own static pointer is shared by
     // every interpreter that loads the module, and is never written here.
-    auto* api = static_cast<PyDateTime_CAPI*>(PyCapsule_Import(PyDateTime_CAPSULE_NAME, 0));
-    if (api == nullptr) {
-        PyErr_Clear();
-        return 0;
-    }
-    st->datetime_api = api;
+    state_of(module)->datetime_api = PyCapsule_Import(PyDateTime_CAPSULE_NAME, 0);
+    if (state_of(module)->datetime_api == nullptr) PyErr_Clear();
+}
+
+int clock_guard(PyObject* module, GuardBuilder& guard) {
+    const ModuleState* st = state_of(module);
+    const PyDateTime_CAPI* api = datetime_api(module);
+    if (api == nullptr) return 0;
     PyObject* datetime = st->originals[index(Name::datetime)];
     if (datetime != reinterpret_cast<PyObject*>(api->DateTimeType)) return 0;
     Ref now = Ref::steal(PyObject_GetAttrString(datetime, "now"));
@@ -489,8 +492,7 @@ int clock_guard(PyObject* module, GuardBuilder& guard) {
 }
 
 const FunctionDef kDefs[] = {
-    {Name::parse_time_spec,
-     "(since: str) -> datetime",
+    {Name::parse_time_spec, "(since: str) -> datetime",
      "Turn a time spec into the local moment at which the period starts.\n\n"
      "A relative spec, a positive whole number followed by m, h, d or w (30m,\n"
      "24h, 7d, 2w), means that long before now, on the local wall clock. An ISO\n"

@@ -14,9 +14,13 @@ namespace gu {
 // parse_time_spec.
 extern const std::span<const FunctionDef> kTimeSpecFunctions;
 
-// The builder of the clock's fast path; it also keeps the datetime C API in
-// module state. datetime.now as loading found it, when it is datetime's own
-// C function, and that function behind it.
+// At state initialisation: the datetime C API, kept in module state (null
+// when this interpreter's datetime has none; every moment is then built
+// generically). Sets no exception.
+void keep_datetime_api(PyObject* module);
+
+// The builder of the clock's fast path: datetime.now as loading found it,
+// when it is datetime's own C function, and that function behind it.
 int clock_guard(PyObject* module, GuardBuilder& guard);
 
 }  // namespace gu

@@ -41,8 +41,8 @@ Ref normalize_text(PyObject* name) {
 
 // The same steps through the object's own methods, for anything but an
 // exact str.
-Ref normalize_object(PyObject* name) {
-    Ref current = call_method(name, "strip");
+Ref normalize_object(PyObject* module, PyObject* name) {
+    Ref current = strip(module, name);
     if (!current) return Ref();
     for (bool changed = true; changed;) {
         changed = false;
@@ -141,7 +141,7 @@ Ref wiki_join(PyObject* repo_root, PyObject* name, bool plain) {
     return Ref::steal(PyNumber_TrueDivide(path.get(), name));
 }
 
-PyObject* normalize_branch_name(PyObject*, PyObject* const* a) {
+PyObject* normalize_branch_name(PyObject* module, PyObject* const* a) {
     PyObject* name = a[0];
     if (PyUnicode_CheckExact(name)) {
         if (PyUnicode_GET_LENGTH(name) == 0) Py_RETURN_NONE;
@@ -150,7 +150,7 @@ PyObject* normalize_branch_name(PyObject*, PyObject* const* a) {
     const int truth = PyObject_IsTrue(name);
     if (truth < 0) return nullptr;
     if (!truth) Py_RETURN_NONE;
-    return normalize_object(name).release();
+    return normalize_object(module, name).release();
 }
 
 PyObject* sanitize_branch_name(PyObject*, PyObject* const* a) {
@@ -174,8 +174,7 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
     const bool plain = own_root && is_plain_path(module, repo_root);
     Ref root;
     if (!plain) {
-        root = own_root ? wiki_join(repo_root, nullptr, false)
-                        : call(root_function.get(), repo_root);
+        root = own_root ? wiki_join(repo_root, nullptr, false) : call(root_function.get(), repo_root);
         if (!root) return nullptr;
     }
     Ref sanitize = lookup(module, Name::sanitize_branch_name);
@@ -197,8 +196,7 @@ PyObject* wiki_directory(PyObject* module, PyObject* const* a) {
 }  // namespace
 
 const FunctionDef kDefs[] = {
-    {Name::normalize_branch_name,
-     "(name: str | None) -> str | None",
+    {Name::normalize_branch_name, "(name: str | None) -> str | None",
      "Return the short form of a branch name, or None for an empty one.\n\n"
      "White space is stripped, then the prefixes \"refs/heads/\", \"refs/remotes/\",\n"
      "\"remotes/\" and \"origin/\" are cut in passes, each pass trying them in that\n"
@@ -206,19 +204,15 @@ const FunctionDef kDefs[] = {
      "origin/main both give main. None, \"\" and a name that nothing is left of\n"
      "give None.",
      normalize_branch_name},
-    {Name::sanitize_branch_name,
-     "(branch: str) -> str",
+    {Name::sanitize_branch_name, "(branch: str) -> str",
      "Return a directory name for a branch: \"/\" and \"\\\" become \"__\", letters,\n"
      "digits (in the Unicode sense of str.isalnum) and \"-_.\" are kept, and\n"
      "every other character becomes \"_\". The result is cut to 100 characters;\n"
      "an empty branch gives \"default\".",
      sanitize_branch_name},
-    {Name::wiki_root,
-     "(repo_root: Path) -> Path",
-     "Return the root of the branch wikis: repo_root / \"memory\" / \"lorebook\".",
-     wiki_root},
-    {Name::wiki_directory,
-     "(repo_root: Path, branch: str) -> Path",
+    {Name::wiki_root, "(repo_root: Path) -> Path",
+     "Return the root of the branch wikis: repo_root / \"memory\" / \"lorebook\".", wiki_root},
+    {Name::wiki_directory, "(repo_root: Path, branch: str) -> Path",
      "Return the wiki directory of a branch: wiki_root(repo_root) /\n"
      "sanitize_branch_name(branch). The branch is not normalised.",
      wiki_directory},

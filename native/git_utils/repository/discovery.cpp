@@ -198,15 +198,16 @@ void stat_route(GuardBuilder& guard, PyObject* plain) {
 
 #ifndef _WIN32
 // pathlib's concrete path class of this system, when it is a kind of the
-// Path that loading bound; null without an exception when it is not.
-Ref plain_path_class(PyObject* module) {
+// Path that loading bound; declined when it is not; null with an exception
+// when the lookup failed.
+Native plain_path_class(PyObject* module) {
     Ref pathlib = Ref::steal(PyImport_ImportModule("pathlib"));
     Ref plain = pathlib ? Ref::steal(PyObject_GetAttrString(pathlib.get(), "PosixPath")) : Ref();
     if (!plain) return Ref();
     PyObject* path_class = state_of(module)->originals[index(Name::Path)];
     if (!PyType_Check(plain.get()) || !PyType_Check(path_class) ||
         !PyType_IsSubtype(reinterpret_cast<PyTypeObject*>(plain.get()), reinterpret_cast<PyTypeObject*>(path_class)))
-        return Ref::borrow(Py_None);
+        return declined;
     return plain;
 }
 #endif
@@ -215,29 +216,28 @@ Ref plain_path_class(PyObject* module) {
 
 int path_guard([[maybe_unused]] PyObject* module, [[maybe_unused]] GuardBuilder& guard) {
 #ifndef _WIN32
-    Ref plain = plain_path_class(module);
+    const Native plain = plain_path_class(module);
+    if (!plain) return 0;
     Ref modules = module_namespaces("pathlib");
-    if (!plain || !modules) return -1;
-    if (plain.get() == Py_None) return 0;
-    guard.subject(plain.get());
-    guard.genuine_class(plain.get(), modules.get());
+    if (!*plain || !modules) return -1;
+    guard.subject(plain->get());
+    guard.genuine_class(plain->get(), modules.get());
 #endif
     return guard.ok() ? 0 : -1;
 }
 
 int path_stat_guard([[maybe_unused]] PyObject* module, [[maybe_unused]] GuardBuilder& guard) {
 #ifndef _WIN32
-    Ref plain = plain_path_class(module);
-    if (!plain) return -1;
-    if (plain.get() == Py_None) return 0;
-    stat_route(guard, plain.get());
+    const Native plain = plain_path_class(module);
+    if (!plain) return 0;
+    if (!*plain) return -1;
+    stat_route(guard, plain->get());
 #endif
     return guard.ok() ? 0 : -1;
 }
 
 const FunctionDef kDefs[] = {
-    {Name::find_git_root,
-     "(start: Path | None = None) -> Path | None",
+    {Name::find_git_root, "(start: Path | None = None) -> Path | None",
      "Return the root of the git repository that holds start, or None.\n\n"
      "start (default: the current working directory) is made absolute without\n"
      "resolving links or collapsing \"..\"; it and then its parents, nearest\n"
@@ -247,8 +247,7 @@ const FunctionDef kDefs[] = {
      "entry is no error; other file-system errors, such as permission denied,\n"
      "are raised.",
      find_git_root},
-    {Name::find_repo_root,
-     "() -> Path",
+    {Name::find_repo_root, "() -> Path",
      "Return find_git_root() of the current working directory, or else the\n"
      "current working directory itself; never None.",
      find_repo_root},

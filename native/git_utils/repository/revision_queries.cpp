@@ -91,7 +91,8 @@ PyObject* branch_exists(PyObject* module, PyObject* const* a) {
     if (!remote) {
         Ref spelled = formatted("origin/", branch, "");
         if (!spelled) return nullptr;
-        if (run_lenient(module, repo_root, arg_list({"rev-parse", "--verify", spelled.get()}), result) < 0) return nullptr;
+        if (run_lenient(module, repo_root, arg_list({"rev-parse", "--verify", spelled.get()}), result) < 0)
+            return nullptr;
         ok = succeeded(result.code.get());
         if (ok < 0) return nullptr;
         if (ok) Py_RETURN_TRUE;
@@ -119,31 +120,26 @@ PyObject* resolve_commit(PyObject* module, PyObject* const* a) {
 }  // namespace
 
 const FunctionDef kDefs[] = {
-    {Name::resolve_display_branch,
-     "(repo_root: Path) -> str | None",
+    {Name::resolve_display_branch, "(repo_root: Path) -> str | None",
      "Return the name of the checked-out branch (git branch --show-current),\n"
      "or None for a detached HEAD or when git fails.",
      resolve_display_branch},
-    {Name::get_head_commit,
-     "(repo_root: Path, short: bool = True) -> str | None",
+    {Name::get_head_commit, "(repo_root: Path, short: bool = True) -> str | None",
      "Return the commit id HEAD points at, abbreviated when short, or None\n"
      "when git fails (for instance in a repository without commits).",
      get_head_commit},
-    {Name::get_default_branch,
-     "(repo_root: Path) -> str",
+    {Name::get_default_branch, "(repo_root: Path) -> str",
      "Return the repository's default branch; never None.\n\n"
      "The target of refs/remotes/origin/HEAD without its \"refs/remotes/origin/\"\n"
      "prefix when that ref exists; else \"main\" when git resolves main, else\n"
      "\"master\" when it resolves master; else \"main\".",
      get_default_branch},
-    {Name::branch_exists,
-     "(repo_root: Path, branch: str) -> bool",
+    {Name::branch_exists, "(repo_root: Path, branch: str) -> bool",
      "Return whether git resolves branch (rev-parse --verify), or, for a name\n"
      "not starting with \"origin/\", origin/ followed by it. Tags, commit ids and\n"
      "other revisions count too. False when git fails.",
      branch_exists},
-    {Name::resolve_commit,
-     "(repo_root: Path, name: str) -> str | None",
+    {Name::resolve_commit, "(repo_root: Path, name: str) -> str | None",
      "Return the full id of the commit that name denotes (annotated tags are\n"
      "peeled), or None when it denotes none or git fails. An empty name and one\n"
      "that starts with \"-\" give None without running git.",

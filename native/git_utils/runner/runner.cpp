@@ -202,7 +202,8 @@ std::optional<std::string> environ_path(PyObject* get_exec_path) {
     if (!PyFunction_Check(get_exec_path)) return std::nullopt;
     PyObject* os_dict = PyFunction_GET_GLOBALS(get_exec_path);
     Ref environ_obj, environ_type, data, key, value;
-    const bool found = dict_get(os_dict, "environ", environ_obj) > 0 && dict_get(os_dict, "_Environ", environ_type) > 0 &&
+    const bool found = dict_get(os_dict, "environ", environ_obj) > 0 &&
+                       dict_get(os_dict, "_Environ", environ_type) > 0 &&
                        reinterpret_cast<PyObject*>(Py_TYPE(environ_obj.get())) == environ_type.get() &&
                        (data = Ref::steal(PyObject_GetAttrString(environ_obj.get(), "_data"))) &&
                        PyDict_CheckExact(data.get()) && (key = Ref::steal(PyBytes_FromStringAndSize("PATH", 4))) &&
@@ -259,9 +260,12 @@ int check_signals(void* saved) {
     return PyErr_CheckSignals();
 }
 
-Ref decode(core::ByteBuffer& bytes) {
+// A stream as the runner gives it: line ends normalised, then UTF-8 with
+// invalid bytes replaced. The buffer is emptied.
+Ref stream_text(core::ByteBuffer& bytes) {
     const std::size_t size = core::normalize_line_ends(bytes.data(), bytes.size());
-    Ref s = Ref::steal(PyUnicode_DecodeUTF8(bytes.data() ? bytes.data() : "", static_cast<Py_ssize_t>(size), "replace"));
+    Ref s =
+        Ref::steal(PyUnicode_DecodeUTF8(bytes.data() ? bytes.data() : "", static_cast<Py_ssize_t>(size), "replace"));
     bytes.clear();
     return s;
 }
@@ -287,8 +291,7 @@ struct RunResult {
 
 // Spawns git natively with the interpreter's lock released: the same
 // triple, exceptions and log lines as the subprocess.run path.
-RunResult run_natively(const RunRequest& run, const core::SpawnSpec& spec, double seconds,
-                       core::ByteBuffer* capture) {
+RunResult run_natively(const RunRequest& run, const core::SpawnSpec& spec, double seconds, core::ByteBuffer* capture) {
     // The output pipes, then the audit event, in the interpreter's order:
     // a full descriptor table or a refusing hook stops both paths alike.
     core::OutputPipes pipes;
@@ -305,24 +308,19 @@ RunResult run_natively(const RunRequest& run, const core::SpawnSpec& spec, doubl
         core::Child child = core::start(spec, std::move(pipes));
         failure = child.failure();
         error = child.error();
-        if (failure == core::StartFailure::none) done = core::finish(child, seconds, core::Interrupt{check_signals, &saved});
+        if (failure == core::StartFailure::none)
+            done = core::finish(child, seconds, core::Interrupt{check_signals, &saved});
     });
 
     switch (failure) {
-        case core::StartFailure::none:
-            break;
-        case core::StartFailure::cwd:
-            return {error == ENOENT ? not_found(run) : raise_errno(error, run.cwd)};
-        case core::StartFailure::program:
-            return {error == ENOENT ? not_found(run) : raise_errno(error, program)};
-        case core::StartFailure::system:
-            return {raise_errno(error, nullptr)};
+        case core::StartFailure::none: break;
+        case core::StartFailure::cwd: return {error == ENOENT ? not_found(run) : raise_errno(error, run.cwd)};
+        case core::StartFailure::program: return {error == ENOENT ? not_found(run) : raise_errno(error, program)};
+        case core::StartFailure::system: return {raise_errno(error, nullptr)};
     }
     switch (done.outcome) {
-        case core::Outcome::exited:
-            break;
-        case core::Outcome::timed_out:
-            return {timed_out(run)};
+        case core::Outcome::exited: break;
+        case core::Outcome::timed_out: return {timed_out(run)};
         case core::Outcome::interrupted:
             if (!PyErr_Occurred()) PyErr_SetString(PyExc_OSError, "waiting for git failed");
             return {};
@@ -332,9 +330,9 @@ RunResult run_natively(const RunRequest& run, const core::SpawnSpec& spec, doubl
         *capture = std::move(done.out);
         return {Ref(), true};
     }
-    Ref out = decode(done.out);
+    Ref out = stream_text(done.out);
     if (!out) return {};
-    Ref err = decode(done.err);
+    Ref err = stream_text(done.err);
     Ref code = Ref::steal(PyLong_FromLong(done.returncode));
     if (!err || !code) return {};
     if (done.returncode != 0 && log_failure(run, code.get(), err.get()) < 0) return {};
@@ -427,7 +425,7 @@ Native default_timeout(PyObject* run_git_command) {
 }
 
 // The methods of Popen that subprocess.run reaches on every run.
-constexpr const char* kPopenMethods[] = {"__init__", "__enter__", "__exit__", "communicate", "wait",
+constexpr const char* kPopenMethods[] = {"__init__", "__enter__", "__exit__", "communicate",   "wait",
                                          "kill",     "poll",      "_wait",    "_execute_child"};
 
 }  // namespace
@@ -460,8 +458,7 @@ int unpack_git_result(PyObject* value, Ref out[3]) {
     }
     Ref iter = Ref::steal(PyObject_GetIter(value));
     if (!iter) {
-        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(value)->tp_iter == nullptr &&
-            !PySequence_Check(value)) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(value)->tp_iter == nullptr && !PySequence_Check(value)) {
             PyErr_Clear();
             PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value)->tp_name);
         }
@@ -481,9 +478,12 @@ int unpack_git_result(PyObject* value, Ref out[3]) {
         // From 3.14 the interpreter also says how many there were when the
         // value is an exact list, tuple or dict and knows its length.
         Py_ssize_t got = 0;
-        if (PyDict_CheckExact(value)) got = PyDict_Size(value);
-        else if (PyList_CheckExact(value)) got = PyList_GET_SIZE(value);
-        else if (PyTuple_CheckExact(value)) got = PyTuple_GET_SIZE(value);
+        if (PyDict_CheckExact(value))
+            got = PyDict_Size(value);
+        else if (PyList_CheckExact(value))
+            got = PyList_GET_SIZE(value);
+        else if (PyTuple_CheckExact(value))
+            got = PyTuple_GET_SIZE(value);
         if (got > 3) {
             PyErr_Format(PyExc_ValueError, "too many values to unpack (expected 3, got %zd)", got);
             return -1;
@@ -510,8 +510,8 @@ int git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args,
     if (is_original(st, Name::_git_output, strict.get())) {
         Ref lenient = lookup(module, Name::run_git_command);
         if (!lenient) return -1;
-        Native timeout = is_original(st, Name::run_git_command, lenient.get()) ? default_timeout(lenient.get())
-                                                                               : declined;
+        Native timeout =
+            is_original(st, Name::run_git_command, lenient.get()) ? default_timeout(lenient.get()) : declined;
         if (timeout && !*timeout) return -1;
         if (timeout) {
             RunResult result = run_command(module, repo_root, args, timeout->get(), &out.bytes);
@@ -526,8 +526,7 @@ int git_output_for_parser(PyObject* module, PyObject* repo_root, PyObject* args,
 }
 
 const FunctionDef kDefs[] = {
-    {Name::run_git_command,
-     "(repo_root: Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]",
+    {Name::run_git_command, "(repo_root: Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]",
      "Run git with args in repo_root and return (stdout, stderr, returncode).\n\n"
      "args are git's arguments without the leading \"git\", each passed as one\n"
      "argument (no shell). Both streams are decoded as UTF-8 with invalid bytes\n"
@@ -539,8 +538,7 @@ const FunctionDef kDefs[] = {
      "both are logged at warning level. Other failures to start git, and a\n"
      "non-list args, raise the interpreter's own errors.",
      run_git_command},
-    {Name::_git_output,
-     "(repo_root: Path, args: list[str]) -> str",
+    {Name::_git_output, "(repo_root: Path, args: list[str]) -> str",
      "Run git through run_git_command (default time-out) and return its stdout.\n\n"
      "Raises GitError when git exits with a non-zero code: the message is git's\n"
      "stripped standard error, or \"git exited with code N\" when that is empty,\n"
