@@ -9,11 +9,9 @@ cd "$(dirname "$0")/.."
 seconds=${1:-60}
 out=${FUZZ_OUT:-build/fuzz}
 
-if ! command -v clang++ >/dev/null 2>&1; then
-  as_root=(); [ "$(id -u)" -eq 0 ] || as_root=(sudo -n)
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q </dev/null
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q clang </dev/null
-fi
+# shellcheck source=.ci/common.sh
+source .ci/common.sh
+needs clang++ clang
 
 san=(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
 cxx=(clang++ -std=c++20 -O1 -g -Wall -Wextra -Werror -Inative "${san[@]}")
