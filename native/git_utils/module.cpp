@@ -1,7 +1,7 @@
 // The module as the host imports it: multi-phase initialisation with module
-// state, and the registration of its namespace: loading binds each name in
-// the order of names.hpp, with the value its table entry or function
-// definition (found by the name) makes.
+// state, and the registration of its namespace: loading (and each reload)
+// binds each name in the order of names.hpp, with the value its table entry
+// or function definition (found by the name) makes.
 #include <Python.h>
 
 #include <atomic>
@@ -15,6 +15,7 @@
 #include "git_utils/binding/function.hpp"
 #include "git_utils/binding/helpers.hpp"
 #include "git_utils/binding/log_line.hpp"
+#include "git_utils/binding/module_type.hpp"
 #include "git_utils/binding/names.hpp"
 #include "git_utils/binding/ref.hpp"
 #include "git_utils/binding/state.hpp"
@@ -216,12 +217,9 @@ constexpr bool one_builder_each() {
 }
 static_assert(one_builder_each(), "one builder for every fast path");
 
-int exec_module(PyObject* module) {
-    if (init_state(module) < 0) return -1;
-    keep_datetime_api(module);
-#ifndef _WIN32
-    register_exit_kill();
-#endif
+// What loading and each reload do: bind every name, then decide which fast
+// paths may run.
+int bind_namespace(PyObject* module) {
     // As many definitions as names, and each name finds one: each is defined once.
     std::size_t defined = std::size(kNamespace);
     for (const std::span<const FunctionDef> table : kFunctionTables) defined += table.size();
@@ -233,6 +231,15 @@ int exec_module(PyObject* module) {
         if (bind(module, Name(i), make_value(module, Name(i))) < 0) return -1;
     // What the fast paths stand in for, if genuine now.
     return build_fast_paths(module, kFastPaths);
+}
+
+int exec_module(PyObject* module) {
+    if (init_state(module) < 0) return -1;
+    keep_datetime_api(module);
+#ifndef _WIN32
+    register_exit_kill();
+#endif
+    return bind_namespace(module);
 }
 
 int module_traverse(PyObject* module, visitproc visit, void* arg) {
@@ -254,6 +261,7 @@ void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 // may load it too. Free-threading is not declared (no Py_mod_gil): the
 // interpreter then turns its GIL on when it loads the module.
 PyModuleDef_Slot module_slots[] = {
+    {Py_mod_create, reinterpret_cast<void*>(at_boundary<create_module_object>)},
     {Py_mod_exec, reinterpret_cast<void*>(at_boundary<exec_module>)},
 #if PY_VERSION_HEX >= 0x030C0000
     {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
@@ -267,6 +275,12 @@ PyModuleDef module_def = {
 };
 
 }  // namespace
+
+// A reload binds every name again, as a Python module's reload runs its
+// code again: the host's replacements are gone, the classes and functions
+// are new ones, and the fast paths are decided anew.
+int reload_namespace(PyObject* module) { return at_boundary<bind_namespace>(module); }
+
 }  // namespace gu
 
 PyMODINIT_FUNC PyInit_git_utils() { return PyModuleDef_Init(&gu::module_def); }

@@ -236,6 +236,7 @@ void GuardBuilder::genuine_class(PyObject* type, PyObject* modules) {
 }
 
 int GuardBuilder::finish(Guard& out) {
+    clear_guard(out);  // a reload decides anew
     if (failed_) return -1;
     if (!genuine_ || !subject_) return 0;
     out.subject = subject_.release();

@@ -72,7 +72,8 @@ public:
     // An error of the interpreter is pending.
     void fail() { failed_ = true; }
     bool ok() const { return !failed_; }
-    // Moves the result into `out`: an empty guard when anything was foreign.
+    // Moves the result into `out`, in place of what it held: an empty guard
+    // when anything was foreign.
     int finish(Guard& out);
 
 private:

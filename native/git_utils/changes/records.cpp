@@ -85,7 +85,7 @@ Ref build_class(PyObject* module, const RecordSpec& spec, PyObject* dataclass) {
     if (!decorator) return Ref();
     Ref result = call(decorator.get(), cls.get());
     if (!result) return Ref();
-    st->record_fields[static_cast<int>(spec.kind)] = fields.release();
+    Py_XSETREF(st->record_fields[static_cast<int>(spec.kind)], fields.release());
     return result;
 }
 
