@@ -126,15 +126,20 @@ elif kind == "fds":  # fds:K; the table is filled around each call: the import a
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (64 if hard == resource.RLIM_INFINITY else min(64, hard), hard))
     around_each_call = lambda: free_descriptors(int(detail))  # noqa: E731
-elif kind != "free":
+elif kind not in ("free", "reload"):  # reload: the host's stubs, then importlib.reload, as suites undo stubs
     raise SystemExit(f"unknown case {case}")
 
 # ---- the module, under the restriction ----------------------------------------------------------------------
 from morvane_tessary.utils import git_utils as gu  # noqa: E402
 
-spec = importlib.util.spec_from_file_location("plain_git_utils", PLAIN)
-plain = importlib.util.module_from_spec(spec)
-spec.loader.exec_module(plain)
+import plain_git_utils as plain  # noqa: E402
+
+if kind == "reload":
+    for module in (gu, plain):
+        module.run_git_command = module.get_head_commit = lambda *a, **k: "stub"
+        module.subprocess = module.Path = None
+        del module.get_default_branch, module.logger
+        importlib.reload(module)
 
 extra = {}
 records = []
@@ -200,7 +205,7 @@ os.dup2(null, INHERITED, inheritable=True)
 os.close(null)
 answers = {name: {path: outcome(call, path) for path in PATHS} for name, call in CALLS.items()}
 extra["native git's descriptor"] = outcome(lambda m: m.run_git_command(repo, ["descriptor"]), "native")["value"]
-if kind == "free":  # which way git started: natively it leads a session of its own
+if kind in ("free", "reload"):  # which way git started: natively it leads a session of its own
     extra["session"] = {path: outcome(lambda m: m.run_git_command(repo, ["session"]), path)["value"]
                         for path in ("native", "python")}
 with open(out, "w") as f:

@@ -104,6 +104,18 @@ FAST_PATHS = {
 }
 
 
+def took_python_path(fast_path, gu, root):
+    """Runs the fast path's probe; whether the Python path answered it."""
+    _, probe, python_only = FAST_PATHS[fast_path]
+    called = []
+    sys.setprofile(lambda frame, event, arg: event == "call" and called.append(frame.f_code.co_name))
+    try:
+        result = probe(gu, root)
+    finally:
+        sys.setprofile(None)
+    return python_only(result, called) if callable(python_only) else python_only in called
+
+
 def test_every_fast_path_has_a_case():
     assert sorted(fast_path_names()) == sorted(FAST_PATHS)
 
@@ -113,19 +125,12 @@ def test_every_fast_path_has_a_case():
 def test_fast_path_native_unless_replaced(gu, fake_git, tmp_path, monkeypatch, caplog, fast_path, replaced):
     """Native while what a fast path stands in for is genuine, the Python path once a host wrapped it; a guard
     that wrongly rejects the standard library changes no answer, only speed: caught here."""
-    replace, probe, python_only = FAST_PATHS[fast_path]
     fake_git('[ "$1" = fail ] && exit 3; echo out')
     (tmp_path / ".git").mkdir()
     if replaced:
-        replace(monkeypatch)
+        FAST_PATHS[fast_path][0](monkeypatch)
     caplog.set_level(logging.DEBUG, logger=gu.__name__)
-    called = []
-    sys.setprofile(lambda frame, event, arg: event == "call" and called.append(frame.f_code.co_name))
-    try:
-        result = probe(gu, tmp_path)
-    finally:
-        sys.setprofile(None)
-    assert (python_only(result, called) if callable(python_only) else python_only in called) == replaced
+    assert took_python_path(fast_path, gu, tmp_path) == replaced
 
 
 def test_pytest_subprocess_double_answers(gu, fp, tmp_path):

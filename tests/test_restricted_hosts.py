@@ -1,5 +1,5 @@
 """The module in restricted hosts: system calls refused by a seccomp filter, no /proc and no close_range, a full
-descriptor table. Each case runs in a fresh interpreter
+descriptor table, a reload after the host's stubs. Each case runs in a fresh interpreter
 (tests/restricted_host_child.py) that sets its restriction before it imports the module, then makes each call
 through the native path, through the subprocess.run path and through the module written in plain Python
 (benchmarks/plain_git_utils.py). The three must agree exactly: the same answer and log lines, or the same
@@ -35,6 +35,8 @@ case "$1" in
 esac
 """
 
+# Natively started, git leads a session of its own; through subprocess.run it does not.
+NATIVE_SESSION = {"native": ["leader\n", "", 0], "python": ["member\n", "", 0]}
 REAL = None  # Python's own spawn is untouched: every path must give the unrestricted case's answers
 
 
@@ -52,6 +54,7 @@ ROWS = {
     # refuse them. fork and vfork only where the architecture has them.
     "forks-EAGAIN": (refusing(["clone", "clone3", "fork?", "vfork?"], "EAGAIN"), errno.EAGAIN),
     "no-proc-no-close_range": ("no-proc", REAL),
+    "reload": ("reload", REAL),
     # Exactly k descriptors free: subprocess.run needs six (two pipes for the output, one for its errors).
     **{f"free-descriptors-{k}": (f"fds:{k}", errno.EMFILE if k < 6 else REAL) for k in range(7)},
 }
@@ -111,7 +114,7 @@ def unrestricted(control):
 def test_unrestricted(control, unrestricted):
     """The control: git's real answers, the same on every path."""
     assert control["native git's descriptor"] == ["closed\n", "", 0]
-    assert control["session"] == {"native": ["leader\n", "", 0], "python": ["member\n", "", 0]}
+    assert control["session"] == NATIVE_SESSION
     for call, paths in unrestricted.items():
         assert paths["native"] == paths["python"] == paths["plain"], call
     answer = {call: paths["native"]["value"] for call, paths in unrestricted.items()}
@@ -147,5 +150,7 @@ def test_restricted_host(world, unrestricted, row):
                             f"  plain: {show(paths['plain'])}\n")
     if written["native git's descriptor"] == ["open\n", "", 0]:
         problems.append("the host's inheritable descriptor 9 is open in a natively started git\n")
+    if written.get("session", NATIVE_SESSION) != NATIVE_SESSION:
+        problems.append(f"git started the wrong way: {written['session']}\n")
     if problems:
         pytest.fail("\n".join(problems), pytrace=False)
