@@ -8,6 +8,7 @@ standard input, from which git shortlog, in a repository, reads nothing; outside
 whatever it is, hence the empty one there."""
 import contextlib
 import datetime as dt
+import importlib
 import logging
 import os
 import sys
@@ -171,5 +172,7 @@ def calls(gu, world: World) -> list:
         ("_unquote", "plain", lambda: gu._unquote("dir/a\\tb\\303\\251\\\"")),
         ("_unquote out of range", "plain", lambda: gu._unquote("\\777")),
         ("_path_batches", "plain", lambda: gu._path_batches(["a" * 5000, "b" * 6000, "c" * 7000, "d"])),
+        # a reload binds the namespace again
+        ("importlib.reload", "plain", lambda: importlib.reload(gu)),
     ]
     return table

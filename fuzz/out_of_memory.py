@@ -163,7 +163,10 @@ def main() -> int:
     terminal, keep = pty.openpty()
     with tempfile.TemporaryDirectory() as scratch, ThreadPoolExecutor(options.jobs) as pool:
         world = native_calls.World(Path(scratch))
-        labels = [f"{label} ({setting})" for label, setting, _ in native_calls.calls(gu, world)]
+        # Not the reload: most of it is importlib's and dataclasses' Python code, in which 3.14's debug
+        # interpreter aborts on a failed list append of its own (see native_calls.LogLines).
+        labels = [f"{label} ({setting})" for label, setting, _ in native_calls.calls(gu, world)
+                  if label != "importlib.reload"]
         labels = [label for label in labels if not options.patterns or any(p in label for p in options.patterns)]
         for label, report in zip(labels, pool.map(lambda label: run_child(label, Path(scratch), terminal), labels)):
             total_points += report["points"]
