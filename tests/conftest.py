@@ -1,5 +1,10 @@
 import functools
+import itertools
+import json
 import os
+import shutil
+import subprocess
+import sys
 import textwrap
 from pathlib import Path
 
@@ -91,3 +96,67 @@ def fake_git(tmp_path, monkeypatch):
         return path
 
     return install
+
+
+# The `git` of host_child.py: records its pid, answers the tests' own commands and hands every other to the real
+# git. Where it can it starts no process of its own (`exec`), so that a filter refusing forks lets it answer.
+HOST_STAND_IN = """#!/bin/sh
+echo $$ >> "$PIDS"
+case "$1" in
+  echo) echo "ok $*"; echo warn >&2 ;;
+  fail) echo failed >&2; exit 3 ;;
+  slow) exec sleep "$2" ;;
+  late) sleep "$2"; echo late ;;
+  status) exec grep -E '^Sig(Blk|Ign)' /proc/self/status ;;
+  descriptor) if { true >&9; } 2>/dev/null; then echo open; else echo closed; fi ;;
+  session) read -r pid comm state ppid group session rest < /proc/$$/stat
+           if [ "$session" = "$$" ]; then echo leader; else echo member; fi ;;
+  *) exec "$REAL_GIT" "$@" ;;
+esac
+"""
+
+
+@pytest.fixture(scope="module")
+def host_child(tmp_path_factory):
+    """host_child(case, start="fork") runs tests/host_child.py for `case` (started by fork/exec or, as a 3.13+
+    parent starts an interpreter, by posix_spawn) in a world of its module; returns (exit status, stdout,
+    stderr, what it wrote, the pids of the gits it ran)."""
+    root = tmp_path_factory.mktemp("host")
+    repo = root / "repo"
+    repo.mkdir()
+    proof_support.git(repo, "init", "-q", "-b", "main")
+    (repo / "a.txt").write_text("a\n")
+    proof_support.git(repo, "add", "-A")
+    proof_support.git(repo, "commit", "-qm", "one")
+    (root / "empty-bin").mkdir()
+    (root / "bin").mkdir()
+    (root / "bin" / "git").write_text(HOST_STAND_IN)
+    (root / "bin" / "git").chmod(0o755)
+    env = {k: v for k, v in os.environ.items() if not k.startswith("GIT_")}
+    env.update(GIT_CONFIG_NOSYSTEM="1", GIT_CONFIG_GLOBAL=os.devnull, HOME=str(root), REAL_GIT=shutil.which("git"),
+               PATH=f"{root / 'bin'}{os.pathsep}{os.environ['PATH']}")
+    runs = itertools.count()
+
+    def run(case, start="fork"):
+        name = next(runs)
+        pids, out = root / f"{name}.pids", root / f"{name}.json"
+        argv = [sys.executable, str(Path(__file__).with_name("host_child.py")), case, str(root), str(out)]
+        env["PIDS"] = str(pids)
+        if start == "posix_spawn":  # glibc's own signals ignored, as such a parent leaves them
+            read, write = os.pipe()
+            actions = [(os.POSIX_SPAWN_DUP2, write, 1), (os.POSIX_SPAWN_CLOSE, read)]
+            pid = os.posix_spawn(sys.executable, argv, env, file_actions=actions)
+            os.close(write)
+            with os.fdopen(read) as f:
+                stdout, stderr = f.read(), ""
+            status = os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
+        else:
+            done = subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120, cwd=root)
+            status, stdout, stderr = done.returncode, done.stdout, done.stderr
+        written = json.loads(out.read_text()) if out.exists() else None
+        if written is not None and "skip" in written:
+            pytest.skip(written["skip"])
+        started = [int(p) for p in pids.read_text().split()] if pids.exists() else []
+        return status, stdout, stderr, written, started
+
+    return run

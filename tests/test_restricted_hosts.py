@@ -1,42 +1,18 @@
 """The module in restricted hosts: system calls refused by a seccomp filter, no /proc and no close_range, a full
-descriptor table, a reload after the host's stubs. Each case runs in a fresh interpreter
-(tests/restricted_host_child.py) that sets its restriction before it imports the module, then makes each call
-through the native path, through the subprocess.run path and through the module written in plain Python
-(benchmarks/plain_git_utils.py). The three must agree exactly: the same answer and log lines, or the same
-exception type, errno, message and filename. Where the restriction leaves Python's own spawn alone, that
-answer is git's real one (the unrestricted case's); where it stops Python's spawn, the native path fails the
-same way. Nothing a git started may be left running, and a natively started git has none of the host's
-descriptors beyond 0 to 2. A case that can't set its restriction here (no libseccomp, not root, unshare
-refused) is skipped with the reason."""
+descriptor table, a reload after the host's stubs. Each case runs in a fresh interpreter (host_child.py) that
+sets its restriction before it imports the module, then makes each call through the native path, the
+subprocess.run path and the module written in plain Python (benchmarks/plain_git_utils.py). The three must
+agree exactly: the same answer and log lines, or the same exception type, errno, message and filename. Where
+the restriction leaves Python's own spawn alone, that answer is git's real one (the unrestricted case's); where
+it stops Python's spawn, the native path fails the same way. No git may be left running, and a natively started
+git has none of the host's descriptors beyond 0 to 2. A case that can't set its restriction here is skipped."""
 import errno
 import json
-import os
-import shutil
-import subprocess
-import sys
-from pathlib import Path
 
 import pytest
-from proof_support import dead, git
+from proof_support import dead
 
-CHILD = Path(__file__).with_name("restricted_host_child.py")
-# Records its pid, then answers the test's own commands and hands every other to the real git. It starts no
-# process of its own (`exec`), so that a filter refusing forks still lets it answer.
-STAND_IN = """#!/bin/sh
-echo $$ >> "$PIDS"
-case "$1" in
-  echo) echo "ok $*"; echo warn >&2 ;;
-  fail) echo failed >&2; exit 3 ;;
-  slow) exec sleep "$2" ;;
-  descriptor) if { true >&9; } 2>/dev/null; then echo open; else echo closed; fi ;;
-  session) read -r pid comm state ppid group session rest < /proc/$$/stat
-           if [ "$session" = "$$" ]; then echo leader; else echo member; fi ;;
-  *) exec "$REAL_GIT" "$@" ;;
-esac
-"""
-
-# Natively started, git leads a session of its own; through subprocess.run it does not.
-NATIVE_SESSION = {"native": ["leader\n", "", 0], "python": ["member\n", "", 0]}
+NATIVE_SESSION = {"native": ["leader\n", "", 0], "python": ["member\n", "", 0]}  # natively, git leads a session
 REAL = None  # Python's own spawn is untouched: every path must give the unrestricted case's answers
 
 
@@ -60,64 +36,25 @@ ROWS = {
 }
 
 
-@pytest.fixture(scope="module")
-def world(tmp_path_factory):
-    """run(case) runs the child interpreter for `case` in a shared world (a small real repository, the
-    stand-in first on PATH); returns (its exit status, its stderr, what it wrote, the pids of the gits it ran)."""
-    root = tmp_path_factory.mktemp("restricted")
-    repo = root / "repo"
-    repo.mkdir()
-    git(repo, "init", "-q", "-b", "main")
-    (repo / "a.txt").write_text("a\n")
-    git(repo, "add", "-A")
-    git(repo, "commit", "-qm", "one")
-    (root / "empty-bin").mkdir()
-    bindir = root / "bin"
-    bindir.mkdir()
-    (bindir / "git").write_text(STAND_IN)
-    (bindir / "git").chmod(0o755)
-    env = {k: v for k, v in os.environ.items() if not k.startswith("GIT_")}
-    env.update(GIT_CONFIG_NOSYSTEM="1", GIT_CONFIG_GLOBAL=os.devnull, HOME=str(root), REAL_GIT=shutil.which("git"),
-               PATH=f"{bindir}{os.pathsep}{os.environ['PATH']}")
-
-    def run(case, name):
-        pids, out = root / f"{name}.pids", root / f"{name}.json"
-        done = subprocess.run([sys.executable, str(CHILD), case, str(root), str(out)], env={**env, "PIDS": str(pids)},
-                              capture_output=True, text=True, timeout=120, cwd=root)
-        written = json.loads(out.read_text()) if out.exists() else None
-        started = [int(p) for p in pids.read_text().split()] if pids.exists() else []
-        return done.returncode, done.stderr, written, started
-
-    return run
-
-
-def answers_of(world, case, name):
-    status, stderr, written, started = world(case, name)
-    if written is not None and "skip" in written:
-        pytest.skip(written["skip"])
+def answers_of(host_child, case):
+    status, _, stderr, written, started = host_child(case)
     assert (status, stderr) == (0, ""), stderr
-    left = [pid for pid in started if not dead(pid)]
-    assert left == [], f"gits left running: {left}"
+    assert [pid for pid in started if not dead(pid)] == [], "gits left running"
     return written
 
 
 @pytest.fixture(scope="module")
-def control(world):
-    return answers_of(world, "free", "free")
+def control(host_child):
+    return answers_of(host_child, "free")
 
 
-@pytest.fixture(scope="module")
-def unrestricted(control):
-    return control["answers"]
-
-
-def test_unrestricted(control, unrestricted):
+def test_unrestricted(control):
     """The control: git's real answers, the same on every path."""
     assert control["native git's descriptor"] == ["closed\n", "", 0]
     assert control["session"] == NATIVE_SESSION
-    for call, paths in unrestricted.items():
+    for call, paths in control["answers"].items():
         assert paths["native"] == paths["python"] == paths["plain"], call
-    answer = {call: paths["native"]["value"] for call, paths in unrestricted.items()}
+    answer = {call: paths["native"]["value"] for call, paths in control["answers"].items()}
     assert answer["run_git_command"] == ["ok echo hello\n", "warn\n", 0]
     assert answer["run_git_command-fails"] == ["", "failed\n", 3]
     assert answer["run_git_command-times-out"] == ["", "Command timed out", 1]
@@ -133,10 +70,9 @@ def show(outcome):
 
 
 @pytest.mark.parametrize("row", ROWS)
-def test_restricted_host(world, unrestricted, row):
+def test_restricted_host(host_child, control, row):
     case, python_spawn = ROWS[row]
-    written = answers_of(world, case, row)
-    problems = []
+    written, unrestricted, problems = answers_of(host_child, case), control["answers"], []
     for call, paths in written["answers"].items():
         if not paths["native"] == paths["python"] == paths["plain"]:
             problems.append(f"{call}: native, python and plain part\n"
