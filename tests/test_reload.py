@@ -3,9 +3,18 @@ every name bound again as loading binds it, in the order a Python module's reloa
 plain Python, given the same replacements, is the reference), every native fast path taken again, by the new
 functions and by those a host took before, and nothing of the earlier load kept once the host lets go. Each
 case runs in a child process of its own: a reload changes the whole process."""
+import dataclasses
+import gc
+import importlib
+import inspect
+import logging
 import subprocess
 import sys
 import textwrap
+import threading
+import time
+import types
+import weakref
 from pathlib import Path
 
 import pytest
@@ -33,9 +42,6 @@ def describe(value):
     """What loading binds, as far as a second load can repeat it: imported objects and the logger by identity,
     constants by type and value, the functions and classes loading makes by what they are (reprs, so that
     the description keeps none of them alive)."""
-    import dataclasses
-    import inspect
-
     if isinstance(value, type) and value.__module__ == MODULE:
         fields = [(f.name, repr(f.type), repr(f.default)) for f in dataclasses.fields(value)] \
             if dataclasses.is_dataclass(value) else None
@@ -54,12 +60,6 @@ def native_everywhere(gu, repo):
 
 def reload_check(repo: Path, replacement: str) -> None:
     """The whole check, in the interpreter that runs it: a fresh import, the replacements, the reload."""
-    import gc
-    import importlib
-    import logging
-    import types
-    import weakref
-
     import plain_git_utils as plain
     import proof_support
     import test_interpreters
@@ -98,12 +98,6 @@ def reload_check(repo: Path, replacement: str) -> None:
 def reload_during_call(repo: Path, started: Path) -> None:
     """Reloads while another thread waits for git with the interpreter's lock released: that call ends with
     its answer, and what it held of the earlier load goes with the first reload after it."""
-    import gc
-    import importlib
-    import threading
-    import time
-    import weakref
-
     from morvane_tessary.utils import git_utils as gu
 
     call = gu.run_git_command
@@ -129,9 +123,10 @@ def reload_during_call(repo: Path, started: Path) -> None:
     native_everywhere(gu, repo)
 
 
-def in_child(source: str) -> None:
+def in_child(repo: Path, source: str) -> None:
     tests, root = Path(__file__).parent, Path(__file__).parents[1]
-    code = f"import sys\nsys.path[:0] = {[str(tests), str(root / 'benchmarks')]!r}\n{textwrap.dedent(source)}"
+    code = (f"import sys\nsys.path[:0] = {[str(tests), str(root / 'benchmarks')]!r}\nfrom pathlib import Path\n"
+            f"import test_interpreters, test_reload\nREPO = Path({str(repo)!r})\n{textwrap.dedent(source)}")
     done = subprocess.run([sys.executable, "-c", code], stdin=subprocess.DEVNULL, capture_output=True, text=True,
                           timeout=120)
     assert done.returncode == 0, done.stderr
@@ -144,33 +139,22 @@ def repo(tmp_path_factory):
 
 @pytest.mark.parametrize("replacement", REPLACEMENTS)
 def test_reload_binds_the_namespace_again(repo, replacement):
-    in_child(f"""
-        from pathlib import Path
-        import test_reload
-        test_reload.reload_check(Path({str(repo)!r}), {replacement!r})
-    """)
+    in_child(repo, f"test_reload.reload_check(REPO, {replacement!r})")
 
 
 @pytest.mark.skipif(sys.version_info < (3, 13), reason="_interpreters arrives with 3.13")
 @pytest.mark.parametrize("replacement", ["functions", "records"])
 def test_reload_inside_an_isolated_subinterpreter(repo, replacement):
     """The module loaded in the main interpreter too: the reload in the subinterpreter changes only its own."""
-    in_child(f"""
-        from pathlib import Path
-        import test_interpreters, test_reload
+    in_child(repo, f"""
         from morvane_tessary.utils import git_utils as gu
-        repo = Path({str(repo)!r})
-        before = test_interpreters.answers(repo)
-        test_interpreters.run_in("isolated", f"from pathlib import Path\\nimport test_reload\\n"
-                                             f"test_reload.reload_check(Path({{str(repo)!r}}), {replacement!r})")
-        assert test_interpreters.answers(repo) == before
-        test_reload.native_everywhere(gu, repo)
+        before = test_interpreters.answers(REPO)
+        test_interpreters.run_in("isolated", "from pathlib import Path\\nimport test_reload\\n"
+                                             f"test_reload.reload_check(Path({{str(REPO)!r}}), {replacement!r})")
+        assert test_interpreters.answers(REPO) == before
+        test_reload.native_everywhere(gu, REPO)
     """)
 
 
 def test_reload_while_a_call_waits_for_git(repo, tmp_path):
-    in_child(f"""
-        from pathlib import Path
-        import test_reload
-        test_reload.reload_during_call(Path({str(repo)!r}), Path({str(tmp_path / "started")!r}))
-    """)
+    in_child(repo, f"test_reload.reload_during_call(REPO, Path({str(tmp_path / 'started')!r}))")
