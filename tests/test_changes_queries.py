@@ -11,12 +11,17 @@ LOG = ["log", "--since=2026-01-05 09:03:07", "--max-count=0", "--no-show-signatu
        "--numstat", "-M", "-z"]
 PATCH = ["-c", "core.quotepath=off", "--literal-pathspecs", "diff", "--no-color", "--no-ext-diff", "--no-textconv",
          "--no-prefix", "-M", "-U0"]
+BEFORE = ["rev-list", "-1", "--before=2026-01-05 09:03:07"]
 ONE_FILE = "\0".join([":1 2 a b A", "f", "1\t0\tf", ""])
 
 
 @pytest.mark.parametrize(
     "run, reply, expected, args",
     [
+        (lambda r: gu.count_commits(r, "main", "feature"), " 3\n", 3, ["rev-list", "--count", "main..feature"]),
+        (lambda r: gu.count_commits(r, "a", "b"), "\n", 0, ["rev-list", "--count", "a..b"]),
+        (lambda r: gu.commit_before(r, "main", SINCE), " 3\n", "3", [*BEFORE, "main"]),
+        (lambda r: gu.commit_before(r, "a", SINCE), "\n", None, [*BEFORE, "a"]),
         (lambda r: gu.diff_file_changes(r, "main", "feature"), ONE_FILE, [FC("f", "added", 1, 0)],
          ["diff", "--raw", "--numstat", "-M", "-z", "--no-textconv", "main...feature"]),
         (lambda r: gu.log_commit_changes(r, since=SINCE, ref=None, max_commits=0), "", [], LOG),
@@ -42,7 +47,8 @@ ONE_FILE = "\0".join([":1 2 a b A", "f", "1\t0\tf", ""])
 )
 def test_git_arguments(stand_in, tmp_path, run, reply, expected, args):
     calls = stand_in("_git_output", reply)
-    assert run(tmp_path) == expected
+    result = run(tmp_path)
+    assert result == expected and type(result) is type(expected)
     assert calls == [args] and [type(a) for a in calls[0]] == [type(a) for a in args]
 
 

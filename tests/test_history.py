@@ -127,15 +127,6 @@ def test_relative_specs_read_the_local_clock(gu, monkeypatch, zone, spec, span, 
 # ---- queries ----------------------------------------------------------------
 
 
-def test_count_and_lookup_arguments(gu, stand_in, tmp_path):
-    calls = stand_in("_git_output", " 3\n", " 3\n")
-    assert gu.count_commits(tmp_path, "main", "feature") == 3
-    assert gu.commit_before(tmp_path, "main", dt.datetime(2026, 1, 5, 9, 3, 7, 999)) == "3"
-    assert calls == [["rev-list", "--count", "main..feature"], ["rev-list", "-1", "--before=2026-01-05 09:03:07", "main"]]
-    stand_in("_git_output", "\n", "\n")
-    assert gu.count_commits(tmp_path, "a", "b") == 0 and gu.commit_before(tmp_path, "a", NOW) is None
-
-
 @pytest.mark.parametrize(
     "output, expected",
     [
