@@ -122,12 +122,7 @@ def host_child(tmp_path_factory):
     parent starts an interpreter, by posix_spawn) in a world of its module; returns (exit status, stdout,
     stderr, what it wrote, the pids of the gits it ran)."""
     root = tmp_path_factory.mktemp("host")
-    repo = root / "repo"
-    repo.mkdir()
-    proof_support.git(repo, "init", "-q", "-b", "main")
-    (repo / "a.txt").write_text("a\n")
-    proof_support.git(repo, "add", "-A")
-    proof_support.git(repo, "commit", "-qm", "one")
+    proof_support.make_repo(root)
     (root / "empty-bin").mkdir()
     (root / "bin").mkdir()
     (root / "bin" / "git").write_text(HOST_STAND_IN)

@@ -1,9 +1,6 @@
-"""A host process: `python host_child.py CASE WORLD OUT` sets this process up as CASE says, then runs git
-through the module's native path, its subprocess.run path (taken whenever get_subprocess_hidden_kwargs gives
-options) and, for a restricted host, benchmarks/plain_git_utils.py, the module written in plain Python; it
-writes what they gave to OUT as JSON, or {"skip": reason} when CASE can't be set up here. WORLD holds `repo`
-(a small real repository), `missing` (no such directory) and `empty-bin`; the `git` first on PATH is
-conftest's stand-in."""
+"""A host process: `python host_child.py CASE WORLD OUT` sets this process up as CASE says, runs git through the
+native path, the subprocess.run path and, restricted, benchmarks/plain_git_utils.py, and writes what they gave to
+OUT as JSON, or {"skip": reason}. WORLD holds `repo`, `missing` and `empty-bin`; PATH starts with conftest's git."""
 import contextlib
 import ctypes
 import errno

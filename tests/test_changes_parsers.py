@@ -170,8 +170,7 @@ def test_span(start, new_count, old_count, expected):
     [
         (lambda: gu.parse_file_changes(z(H + "R1", "o", "n", "1\t2\t", "o", "n", H + "A", "é")),
          [FC("n", "renamed", 1, 2, old_path="o"), FC("é", "added", 0, 0)]),
-        (lambda: gu.parse_commit_changes(LOG), [CC(1700000300, (FC("a.txt", "modified", 1, 1),)), CC(1700000200, ()),
-                                                CC(1700000100, (FC("b.txt", "added", 5, 0),))]),
+        (lambda: gu.parse_commit_changes(LOG), LOG_RECORDS),
         (lambda: gu.parse_line_spans(patch("f", "@@ -0,0 +1 @@", "+a"))["f"], [LS(1, 1, True)]),
         (lambda: [gu._span(4, 0, 1)], [LS(4, 4, False)]),
     ],
@@ -334,18 +333,10 @@ def test_streams_rendered_from_a_model(diff, log):
     assert gu.parse_commit_changes(z(*stream, "")) == [CC(time, tuple(files)) for time, (files, _) in log]
 
 
-def quoted(name, octal):
-    # as git writes it on a "+++ " line; `octal` is core.quotepath on
+def quoted(name, octal):  # as git writes it on a "+++ " line; `octal` is core.quotepath on
     letters = dict(zip("\a\b\f\n\r\t\v\"\\", "abfnrtv\"\\"))
-
-    def escape(c):
-        if c in letters:
-            return "\\" + letters[c]
-        if ord(c) < 0x20 or ord(c) == 0x7F or (octal and ord(c) > 0x7F):
-            return "".join(f"\\{b:03o}" for b in c.encode())
-        return c
-
-    escaped = "".join(map(escape, name))
+    escaped = "".join("\\" + letters[c] if c in letters else "".join(f"\\{b:03o}" for b in c.encode())
+                      if ord(c) < 0x20 or ord(c) == 0x7F or (octal and ord(c) > 0x7F) else c for c in name)
     return name if escaped == name else f'"{escaped}"'
 
 

@@ -49,8 +49,7 @@ def python_run(root, args):
     return result.stdout, result.stderr, result.returncode
 
 
-def fast_path_names() -> list[str]:
-    """The registry of fast paths, as the binding layer names them."""
+def fast_path_names() -> list[str]:  # the binding layer's registry
     [header] = (Path(__file__).parents[1] / "native").rglob("fast_paths.hpp")
     registry = header.read_text().split("#define GU_FAST_PATHS(X)", 1)[1].split("\n\n", 1)[0]
     return re.findall(r"X\((\w+)\)", registry)

@@ -1,11 +1,8 @@
-"""The module in restricted hosts: system calls refused by a seccomp filter, no /proc and no close_range, a full
-descriptor table, a reload after the host's stubs. Each case runs in a fresh interpreter (host_child.py) that
-sets its restriction before it imports the module, then makes each call through the native path, the
-subprocess.run path and the module written in plain Python (benchmarks/plain_git_utils.py). The three must
-agree exactly: the same answer and log lines, or the same exception type, errno, message and filename. Where
-the restriction leaves Python's own spawn alone, that answer is git's real one (the unrestricted case's); where
-it stops Python's spawn, the native path fails the same way. No git may be left running, and a natively started
-git has none of the host's descriptors beyond 0 to 2. A case that can't set its restriction here is skipped."""
+"""The module in restricted hosts (host_child.py: a seccomp filter, no /proc and no close_range, a full
+descriptor table, a reload after the host's stubs), each call made on the native path, the subprocess.run path
+and the plain-Python module (benchmarks/plain_git_utils.py): the same answer and log lines, or the same exception,
+errno, message and filename; git's real answer where Python's own spawn still works; no git left running, and
+none of the host's descriptors beyond 0 to 2 in a native git. A case that can't be set up here is skipped."""
 import errno
 import json
 
@@ -58,7 +55,7 @@ def test_unrestricted(control):
     assert answer["run_git_command"] == ["ok echo hello\n", "warn\n", 0]
     assert answer["run_git_command-fails"] == ["", "failed\n", 3]
     assert answer["run_git_command-times-out"] == ["", "Command timed out", 1]
-    assert answer["_git_output"] == "1\n"
+    assert answer["_git_output"] == "4\n"
     assert answer["_git_output-fails"] == {"raised": "GitError", "text": "failed"}
     assert len(answer["get_head_commit"]) >= 7
     assert answer["branch_exists"] == [True, False] and answer["get_default_branch"] == "main"

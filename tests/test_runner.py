@@ -10,10 +10,6 @@ import pytest
 from proof_support import children, dead
 
 
-def run(gu, root, args, timeout=30):
-    return gu.run_git_command(root, args, timeout)
-
-
 @pytest.mark.parametrize(
     "script, timeout, expected",
     [
@@ -37,7 +33,7 @@ def test_triples(gu, runner_path, fake_git, tmp_path, caplog, script, timeout, e
     started = time.monotonic()
     try:
         with caplog.at_level(logging.WARNING, logger=gu.__name__):
-            assert run(gu, tmp_path, ["x"], timeout) == expected
+            assert gu.run_git_command(tmp_path, ["x"], timeout) == expected
         assert time.monotonic() - started < timeout + 1.5
         assert children() == []
         assert runner_path != "native" or not pids.exists() or dead(int(pids.read_text()))
@@ -52,10 +48,10 @@ def test_triples(gu, runner_path, fake_git, tmp_path, caplog, script, timeout, e
 def test_logs_failure_at_debug_only(gu, runner_path, fake_git, tmp_path, caplog):
     fake_git("echo fine >&2")
     with caplog.at_level(logging.DEBUG, logger=gu.__name__):
-        run(gu, tmp_path, ["ok"])
+        gu.run_git_command(tmp_path, ["ok"])
         assert caplog.records == []
         fake_git("echo '  oops  ' >&2; exit 2")
-        assert run(gu, tmp_path, ["bad", "x"]) == ("", "  oops  \n", 2)
+        assert gu.run_git_command(tmp_path, ["bad", "x"]) == ("", "  oops  \n", 2)
     [record] = caplog.records
     assert record.levelno == logging.DEBUG
     assert record.getMessage() == "git command failed: args=['bad', 'x'] rc=2 stderr=oops"
@@ -87,7 +83,7 @@ def test_missing_git(gu, runner_path, fake_git, tmp_path, monkeypatch, caplog, c
     else:
         monkeypatch.setenv("PATH", str(tmp_path / "nowhere"))
     with caplog.at_level(logging.WARNING, logger=gu.__name__):
-        assert run(gu, tmp_path / cwd, ["status"]) == ("", "git not found", 1)
+        assert gu.run_git_command(tmp_path / cwd, ["status"]) == ("", "git not found", 1)
     assert [r.getMessage() for r in caplog.records] == ["git executable not found while running args=['status']"]
     with pytest.raises(gu.GitError, match="^git not found$"):
         gu._git_output(tmp_path / cwd, ["status"])
@@ -119,7 +115,7 @@ def test_path_search_follows_os_environ(gu, runner_path, tmp_path, monkeypatch, 
         monkeypatch.delenv("PATH")
     else:
         monkeypatch.setenv("PATH", path)
-    ours = run(gu, repo, ["--version"])
+    ours = gu.run_git_command(repo, ["--version"])
     reference = subprocess.run(["git", "--version"], cwd=str(repo), capture_output=True, text=True)
     assert ours == (reference.stdout, reference.stderr, 0)
     assert expected is None or ours[0] == expected
@@ -136,7 +132,7 @@ def test_errors_are_the_interpreters_spawners(gu, runner_path, fake_git, tmp_pat
         script.chmod(0o644)
         monkeypatch.setenv("PATH", str(script.parent))
     theirs = pytest.raises(Exception, lambda: subprocess.run(["git"] + args, cwd=str(cwd), capture_output=True)).value
-    ours = pytest.raises(Exception, run, gu, cwd, args).value
+    ours = pytest.raises(Exception, gu.run_git_command, cwd, args).value
     assert (type(ours), str(ours), getattr(ours, "filename", None)) == (
         type(theirs), str(theirs), getattr(theirs, "filename", None))
     assert children() == []
@@ -148,7 +144,7 @@ def test_child_environment_matches_the_interpreters_spawner(gu, runner_path, fak
     extra = os.open(os.devnull, os.O_RDONLY)
     os.set_inheritable(extra, True)
     try:
-        ours = run(gu, tmp_path, ["x"])
+        ours = gu.run_git_command(tmp_path, ["x"])
         reference = subprocess.run(["git"], capture_output=True, text=True)
     finally:
         os.close(extra)
@@ -160,22 +156,22 @@ def test_helper_options_reach_subprocess_run(gu, fake_git, tmp_path, monkeypatch
     fake_git("exit 0")
     monkeypatch.setattr(gu, "get_subprocess_hidden_kwargs", lambda: {"cwd": "/"})
     with pytest.raises(TypeError, match="got multiple values for keyword argument 'cwd'"):
-        run(gu, tmp_path, ["x"])
+        gu.run_git_command(tmp_path, ["x"])
     monkeypatch.setattr(gu, "get_subprocess_hidden_kwargs", lambda: open(tmp_path / "missing"))
     with pytest.raises(FileNotFoundError, match="missing"):
-        run(gu, tmp_path, ["x"])
+        gu.run_git_command(tmp_path, ["x"])
 
 
 def test_audit_event(gu, runner_path, fake_git, tmp_path):
     fake_git("exit 0")
     seen = []  # a hook can't be removed: it records only while the list is the first one
     sys.addaudithook(lambda event, args: event == "subprocess.Popen" and seen[:1] != [None] and seen.append(args))
-    run(gu, tmp_path, ["rev-parse", "HEAD"])
+    gu.run_git_command(tmp_path, ["rev-parse", "HEAD"])
     assert seen == [("git", ["git", "rev-parse", "HEAD"], str(tmp_path), None)]
     seen.insert(0, None)
 
 
 def test_large_output_on_both_streams(gu, runner_path, fake_git, tmp_path):
     fake_git("head -c 3000000 /dev/zero | tr '\\0' e >&2; head -c 5000000 /dev/zero | tr '\\0' o")
-    out, err, code = run(gu, tmp_path, ["x"])
+    out, err, code = gu.run_git_command(tmp_path, ["x"])
     assert (len(out), len(err), code) == (5_000_000, 3_000_000, 0)
