@@ -11,7 +11,9 @@ from pathlib import Path
 import proof_support
 import pytest
 
-from morvane_tessary.utils import git_utils
+sys.path.insert(0, str(Path(__file__).parents[1] / "benchmarks"))  # plain_git_utils, the module in plain Python
+
+from morvane_tessary.utils import git_utils  # noqa: E402
 
 
 @pytest.fixture

@@ -3,7 +3,6 @@ gevent see the same calls, and give the same answers, as with a plain Python mod
 against a few lines of such Python, run under the same tool."""
 
 import datetime as dt
-import errno
 import functools
 import inspect
 import logging
@@ -19,21 +18,9 @@ from unittest import mock
 import pytest
 from pyfakefs.helpers import reset_ids, set_uid
 
+from plain_git_utils import find_git_root as python_find_git_root, run_git_command as python_run
+
 from morvane_tessary.utils import git_utils
-
-
-def python_find_git_root(start=None):
-    current = (Path.cwd() if start is None else start).absolute()
-    for candidate in (current, *current.parents):
-        try:
-            (candidate / ".git").stat()
-            return candidate
-        except OSError as e:
-            if e.errno not in (errno.ENOENT, errno.ENOTDIR, errno.ELOOP, errno.EBADF):
-                raise
-        except ValueError:
-            pass
-    return None
 
 
 def outcome(f, *args):
@@ -41,12 +28,6 @@ def outcome(f, *args):
         return f(*args)
     except OSError as e:
         return type(e), str(e)
-
-
-def python_run(root, args):
-    result = subprocess.run(["git", *args], cwd=str(root), capture_output=True, encoding="utf-8", errors="replace",
-                            timeout=30)
-    return result.stdout, result.stderr, result.returncode
 
 
 def fast_path_names() -> list[str]:  # the binding layer's registry
@@ -303,13 +284,12 @@ def test_patched_before_import(fake_git, tmp_path, case):
     if case.startswith("gevent") and "libasan" in os.environ.get("LD_PRELOAD", ""):
         pytest.skip("AddressSanitizer reports greenlet's stack copies as underflows")
     fake_git(("sleep 1; " if case.startswith("gevent") else "") + '[ "$1" = fail ] && exit 3; echo out')
-    helpers = textwrap.dedent("""
-        import errno
-        import subprocess
+    source = textwrap.dedent(f"""
+        import sys
+        sys.path.insert(0, {str(Path(__file__).parents[1] / "benchmarks")!r})
         from pathlib import Path
-        ROOT = Path({root!r})
-    """).format(root=str(tmp_path))
-    source = "\n".join([helpers, inspect.getsource(python_find_git_root), inspect.getsource(python_run),
-                        textwrap.dedent(FRESH[case])])
+        from plain_git_utils import find_git_root as python_find_git_root, run_git_command as python_run
+        ROOT = Path({str(tmp_path)!r})
+    """) + textwrap.dedent(FRESH[case])
     child = subprocess.run([sys.executable, "-c", source], capture_output=True, text=True, timeout=60)
     assert child.returncode == 0, child.stderr
