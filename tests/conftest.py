@@ -1,4 +1,5 @@
 import functools
+import importlib.util
 import itertools
 import json
 import os
@@ -19,6 +20,16 @@ from morvane_tessary.utils import git_utils  # noqa: E402
 @pytest.fixture
 def gu():
     return git_utils
+
+
+@pytest.fixture(scope="module")
+def fresh():
+    """A module object of the test module's own: an attribute deleted and restored on the shared one comes back
+    last, and CPython keeps a class's __new__ slot once it was set, even after del."""
+    spec = importlib.util.find_spec(git_utils.__name__)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
 
 
 @pytest.fixture(params=["native", "subprocess"])

@@ -1,7 +1,6 @@
 import copy
 import dataclasses
 import gc
-import importlib.util
 import pickle
 import re
 import types
@@ -279,13 +278,9 @@ def test_replaced_helpers_change_the_result(monkeypatch, name, replacement, run,
         assert run() == expected
 
 
-def test_patched_new_makes_the_records():
-    # On a module object of its own: CPython keeps a class's __new__ slot once it was set, even after del.
-    spec = importlib.util.find_spec(gu.__name__)
-    own = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(own)
-    own.LineSpan.__new__ = lambda cls, *a: a
-    assert own.parse_line_spans(SPANS_PATCH) == {"a\tb": [(11, 12, True), (2, 2, False)], "c": [(1, 1, False)]}
+def test_patched_new_makes_the_records(fresh):
+    fresh.LineSpan.__new__ = lambda cls, *a: a
+    assert fresh.parse_line_spans(SPANS_PATCH) == {"a\tb": [(11, 12, True), (2, 2, False)], "c": [(1, 1, False)]}
 
 
 def test_hunk_header_sees_only_lines_outside_hunk_bodies(monkeypatch):

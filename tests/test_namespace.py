@@ -4,7 +4,6 @@ import ast
 import collections.abc
 import dataclasses
 import datetime
-import importlib.util
 import inspect
 import logging
 import pathlib
@@ -59,15 +58,6 @@ TABLE = [
     ("_git_output", "(repo_root: Path, args: list[str]) -> str"),
 ]
 FUNCTIONS = [(name, source) for name, source in TABLE if isinstance(source, str)]
-
-
-@pytest.fixture(scope="module")
-def fresh():
-    """A module object of its own: an attribute deleted and restored on the shared one comes back last."""
-    spec = importlib.util.find_spec("morvane_tessary.utils.git_utils")
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module
 
 
 def python_function(gu, name, source):
