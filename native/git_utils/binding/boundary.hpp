@@ -13,6 +13,8 @@
 
 #include <type_traits>
 
+#include "git_utils/binding/thread_end.hpp"
+
 #if defined(__GLIBCXX__)
 #include <cxxabi.h>
 #endif
@@ -38,6 +40,11 @@ struct AtBoundary<Body> {
             throw;  // a thread being ended (pthread_exit) unwinds on through
 #endif
         } catch (...) {
+#ifdef GITUTILS_THREAD_END
+            // libc++ can't pass the unwind on (thread_end.hpp): the thread
+            // parks, without the lock, as 3.14 and later park it themselves.
+            if (thread_being_ended()) park_thread();
+#endif
             raise_for_current_exception();
         }
         if constexpr (std::is_pointer_v<R>)

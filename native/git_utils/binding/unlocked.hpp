@@ -12,19 +12,9 @@
 
 #include <Python.h>
 
-#include <unistd.h>
-
-#if defined(__GLIBCXX__) && defined(__linux__)
-#include <cxxabi.h>
-#define GITUTILS_FORCED_UNWIND 1
-#endif
+#include "git_utils/binding/thread_end.hpp"
 
 namespace gu {
-
-// The thread is done with Python for good: it waits until the process exits.
-[[noreturn]] inline void park_thread() {
-    for (;;) ::pause();
-}
 
 // The lock, taken back inside `work` for a moment (through the state that
 // run_unlocked hands it) and released again.
@@ -42,11 +32,11 @@ private:
 // Takes the lock back for good after work done without it; a thread that
 // the finalizing interpreter ends there parks instead.
 inline void take_back(PyThreadState* saved) {
-#ifdef GITUTILS_FORCED_UNWIND
+#ifdef GITUTILS_THREAD_END
     try {
         PyEval_RestoreThread(saved);
-    } catch (const abi::__forced_unwind&) {
-        park_thread();
+    } catch (...) {
+        park_thread();  // nothing else leaves a C function: glibc ends the thread
     }
 #else
     PyEval_RestoreThread(saved);
@@ -61,11 +51,10 @@ void run_unlocked(Work&& work) {
     PyThreadState* saved = PyEval_SaveThread();
     try {
         work(saved);
-#ifdef GITUTILS_FORCED_UNWIND
-    } catch (const abi::__forced_unwind&) {
-        park_thread();  // a Relock inside was refused the lock at exit
-#endif
     } catch (...) {
+#ifdef GITUTILS_THREAD_END
+        if (thread_being_ended()) park_thread();  // a Relock inside was refused the lock at exit
+#endif
         take_back(saved);
         throw;
     }
