@@ -186,8 +186,20 @@ elif kind == "profiler":  # a sampling profiler's timer interrupts every system 
     signal.setitimer(signal.ITIMER_PROF, 0)
     write(answers)
 elif kind in ("daemon-exit", "fork-mid-call"):  # exit, or fork, while another thread waits for git
-    if detail == "python":
+    path, _, finalization = detail.partition("-")
+    if path == "python":
         gu.get_subprocess_hidden_kwargs = PATHS["python"][1]
+    if finalization == "held":
+        # Finalization outlasts the native wait's next look at signals (every 50 ms): the waiting thread asks
+        # for the lock while the interpreter finalizes, and is ended there (before 3.14) or parked, every time.
+
+        class HeldTeardown:
+            def __del__(self, sleep=time.sleep):
+                sleep(0.5)
+
+        # Deleted as the finalizing interpreter empties sys.modules (this module's namespace outlives it: the
+        # waiting thread's frame holds it).
+        sys.modules["held teardown"] = HeldTeardown()
     answers = {}
     args = ["slow", "30"] if kind == "daemon-exit" else ["late", "0.5"]
     waiting = threading.Thread(target=lambda: answers.setdefault("thread", gu.run_git_command(repo, args)),

@@ -45,7 +45,8 @@ def test_signals_of_the_host(host_child, case):
     assert all(dead(pid) for pid in started)
 
 
-@pytest.mark.parametrize("path", ["native", "python"])
+# native-held: the interpreter's finalization lasts until the waiting thread has asked for the lock
+@pytest.mark.parametrize("path", ["native", "python", "native-held"])
 def test_exit_with_a_daemon_thread_waiting_for_git(host_child, path):
     status, stdout, stderr, _, started = host_child(f"daemon-exit:{path}")
     try:
@@ -54,7 +55,7 @@ def test_exit_with_a_daemon_thread_waiting_for_git(host_child, path):
     finally:
         for pid in started:
             try:
-                os.killpg(pid, signal.SIGKILL) if path == "native" else os.kill(pid, signal.SIGKILL)
+                os.killpg(pid, signal.SIGKILL) if path != "python" else os.kill(pid, signal.SIGKILL)
             except ProcessLookupError:
                 pass
 
