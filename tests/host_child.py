@@ -201,7 +201,8 @@ elif kind in ("daemon-exit", "fork-mid-call"):  # exit, or fork, while another t
         # waiting thread's frame holds it).
         sys.modules["held teardown"] = HeldTeardown()
     answers = {}
-    args = ["slow", "30"] if kind == "daemon-exit" else ["late", "0.5"]
+    # python-held: subprocess.run's git ends while the interpreter finalizes, and the thread asks for the lock
+    args = ["slow", "30"] if kind == "daemon-exit" and detail != "python-held" else ["late", "0.5"]
     waiting = threading.Thread(target=lambda: answers.setdefault("thread", gu.run_git_command(repo, args)),
                                daemon=True)
     waiting.start()

@@ -11,6 +11,20 @@
 
 namespace gu {
 
+// Before 3.14 the finalizing interpreter ends a daemon thread that asks for
+// the lock by unwinding it (thread_end.hpp), also through this code's frames
+// that called into Python (subprocess.run waiting for git, say): without the
+// lock, what those frames alone hold is left, as the interpreter leaves what
+// its own frames hold. Asked only where a release would free the object: the
+// check costs more than the rest of a release.
+inline bool may_release() noexcept {
+#if PY_VERSION_HEX < 0x030E0000
+    return PyGILState_Check() != 0;
+#else
+    return true;
+#endif
+}
+
 class Ref {
 public:
     Ref() noexcept = default;
@@ -26,7 +40,9 @@ public:
         }
         return *this;
     }
-    ~Ref() { Py_XDECREF(p_); }
+    ~Ref() {
+        if (p_ != nullptr && (Py_REFCNT(p_) > 1 || may_release())) Py_DECREF(p_);
+    }
 
     // Takes over a new reference (the result of most API calls; may be null).
     static Ref steal(PyObject* p) noexcept { return Ref(p); }

@@ -12,6 +12,7 @@
 
 #include <Python.h>
 
+#include "git_utils/binding/ref.hpp"
 #include "git_utils/binding/thread_end.hpp"
 
 namespace gu {
@@ -21,7 +22,9 @@ namespace gu {
 class Relock {
 public:
     explicit Relock(PyThreadState*& saved) : saved_(saved) { PyEval_RestoreThread(saved_); }
-    ~Relock() { saved_ = PyEval_SaveThread(); }
+    ~Relock() {
+        if (may_release()) saved_ = PyEval_SaveThread();  // else the thread is being ended without the lock
+    }
     Relock(const Relock&) = delete;
     Relock& operator=(const Relock&) = delete;
 
