@@ -102,9 +102,9 @@ def reload_during_call(repo: Path, started: Path) -> None:
 
     call = gu.run_git_command
     first_load = [weakref.ref(call), weakref.ref(gu.FileChange)]
-    result = []
-    waiting = threading.Thread(target=lambda: result.append(
-        call(repo, ["-c", f"alias.nap=!touch '{started}'; sleep 1; echo rested", "nap"])))
+    result, go = [], started.with_name("go")  # git waits until the reloads are done, however slow they are
+    waiting = threading.Thread(target=lambda: result.append(call(
+        repo, ["-c", f"alias.nap=!touch '{started}'; while [ ! -e '{go}' ]; do sleep 0.02; done; echo rested", "nap"])))
     waiting.start()
     while not started.exists():
         time.sleep(0.01)
@@ -114,6 +114,7 @@ def reload_during_call(repo: Path, started: Path) -> None:
         gc.collect()
         assert gu.run_git_command(repo, ["rev-parse", "--verify", "-q", "main"])[2] == 0
         assert waiting.is_alive()
+    go.touch()
     waiting.join()
     assert result == [("rested\n", "", 0)]
     del call
