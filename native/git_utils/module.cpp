@@ -220,13 +220,6 @@ static_assert(one_builder_each(), "one builder for every fast path");
 // What loading and each reload do: bind every name, then decide which fast
 // paths may run.
 int bind_namespace(PyObject* module) {
-    // As many definitions as names, and each name finds one: each is defined once.
-    std::size_t defined = std::size(kNamespace);
-    for (const std::span<const FunctionDef> table : kFunctionTables) defined += table.size();
-    if (defined != kNameCount) {
-        PyErr_Format(PyExc_SystemError, "%zu definitions for %zu names", defined, kNameCount);
-        return -1;
-    }
     for (std::size_t i = 0; i < kNameCount; ++i)
         if (bind(module, Name(i), make_value(module, Name(i))) < 0) return -1;
     // What the fast paths stand in for, if genuine now.
@@ -234,6 +227,13 @@ int bind_namespace(PyObject* module) {
 }
 
 int exec_module(PyObject* module) {
+    // As many definitions as names, and each name finds one: each is defined once.
+    std::size_t defined = std::size(kNamespace);
+    for (const std::span<const FunctionDef> table : kFunctionTables) defined += table.size();
+    if (defined != kNameCount) {
+        PyErr_Format(PyExc_SystemError, "%zu definitions for %zu names", defined, kNameCount);
+        return -1;
+    }
     if (init_state(module) < 0) return -1;
     keep_datetime_api(module);
 #ifndef _WIN32
